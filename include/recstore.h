@@ -1,0 +1,608 @@
+/*
+ * recstore: recording storage for network video recorders.
+ *
+ * The only public header of librecstore.so. It declares the exported functions, the records they
+ * exchange with the host and the exported global tables. It compiles as C99 and as C++.
+ *
+ * The library stores each camera channel's audio/video stream on up to eight local disks. Each
+ * disk carries a system partition, an ext4 index partition (one index file per recording) and a
+ * raw data partition managed in 512 KiB clusters and 64 GiB blocks.
+ *
+ * Conventions: 0 or a non-negative count/handle is success, a negative value is failure (-1 unless
+ * a function documents another code). Disk ids are 0 to 7, channels 0 to 63.
+ */
+#ifndef RECSTORE_H
+#define RECSTORE_H
+
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/types.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ============================================================================================
+ * Limits shared by every module.
+ * ========================================================================================== */
+#define RECSTORE_MAX_DISKS 8        /* disk ids 0..7 */
+#define RECSTORE_MAX_CHANNELS 64    /* channels 0..63 */
+#define RECSTORE_MAX_GROUPS 3       /* disk groups 0..2; 3 means "in no group" */
+#define RECSTORE_PATH_LEN 128       /* callers' path buffers */
+#define RECSTORE_CLUSTER_SIZE 0x80000u /* one data cluster: 512 KiB */
+#define RECSTORE_CLUSTER_SHIFT 19
+#define RECSTORE_MODULE_BIT 0x200u  /* this library's bit in the host's modulemask */
+#define RECSTORE_LOG_ERROR 0x1u     /* loglevel bits */
+#define RECSTORE_LOG_WARNING 0x2u
+#define RECSTORE_LOG_INFO 0x8u
+#define RECSTORE_LOG_USE_SYSTEM 0x10000u /* loglevel at or above: fs_system uses system(3) */
+
+/* ============================================================================================
+ * Supplied by the host (undefined in librecstore.so, resolved from the loading program).
+ * A reference implementation is in host/recstore_host.h.
+ * ========================================================================================== */
+/* Negative, zero or positive as a is earlier than, equal to or later than b (calendar fields). */
+int tm_cmp(const struct tm *a, const struct tm *b);
+/* Seconds from a to b, that is b minus a. */
+int tm_diff(const struct tm *a, const struct tm *b);
+/* out = base + seconds, normalised; out may be base. */
+void tm_offset_sec(const struct tm *base, int seconds, struct tm *out);
+/* Days of the month, year and month in the form the host passes to the calendar functions. */
+int daysofmonth(int year, int month);
+/* Seconds since the epoch for t, on the scale of the seconds the host passes to time seeks. */
+long mktime_abs(const struct tm *t);
+/* Monotonic 64-bit tick counter; the library always passes 1. */
+uint64_t get_tick_count(int unit);
+/* Runs a shell command line; returns its status as system(3) does. */
+int pip_system(const char *command);
+/* Host log masks: loglevel bits 0x1 error, 0x2 warning, 0x8 information; modulemask 0x200. */
+extern uint32_t loglevel;
+extern uint32_t modulemask;
+
+/* ============================================================================================
+ * Shared records.
+ * ========================================================================================== */
+
+/* A broken-down time as stored on disk and in host-visible records: the nine fields of struct tm
+ * in their order, then two words that are always 0. 44 bytes on every platform. */
+typedef struct fs_tm {
+    int32_t tm_sec;    /* seconds 0-60 */
+    int32_t tm_min;    /* minutes 0-59 */
+    int32_t tm_hour;   /* hours 0-23 */
+    int32_t tm_mday;   /* day of month 1-31 */
+    int32_t tm_mon;    /* month 0-11 */
+    int32_t tm_year;   /* years since 1900 */
+    int32_t tm_wday;   /* day of week 0-6 */
+    int32_t tm_yday;   /* day of year 0-365 */
+    int32_t tm_isdst;  /* daylight-saving flag */
+    int32_t zero[2];   /* always 0 (where struct tm keeps its UTC offset and zone name) */
+} fs_tm;
+
+/* Timing statistics of one kind of directory-walk step. */
+typedef struct find_debug_info {
+    uint32_t count; /* steps measured */
+    uint32_t total; /* sum of their durations, in ticks */
+    uint32_t max;   /* longest */
+    uint32_t min;   /* shortest */
+} find_debug_info;
+
+/* Timing statistics of one directory walk, by kind of step. */
+typedef struct find_debug {
+    find_debug_info stat;
+    find_debug_info opendir;
+    find_debug_info readdir;
+    find_debug_info closedir;
+    find_debug_info dirops;
+    find_debug_info fileops;
+} find_debug;
+
+/* The fields an index-file, link or cache name encodes. */
+typedef struct record_name {
+    int disk_id;     /* letter of the device name minus 'a' */
+    int channel;     /* camera channel */
+    struct tm start; /* start of the recording */
+    int type;        /* record type */
+    int block_id;    /* data block (link names only) */
+} record_name;
+
+/* Geometry and sizes of one data zone (the raw data partition). 184 bytes on every platform. */
+typedef struct datazone_info {
+    char name[128];            /* data partition's device path */
+    uint64_t totalsize;        /* partition size in bytes */
+    uint64_t freesize;         /* free bytes (filled by datazone_getinfo) */
+    uint32_t cluster_size;     /* 524288 */
+    uint32_t cluster_perblock; /* 131072 */
+    uint32_t cluster_start;    /* always 0 */
+    uint32_t cluster_count;    /* whole clusters on the partition */
+    uint32_t bm_start;         /* cluster of the block map: 0 */
+    uint32_t bm_count;         /* clusters of the block map: 1 */
+    uint32_t block_start;      /* cluster holding block 0's cluster map: 1 */
+    uint32_t block_count;      /* whole blocks */
+    uint32_t data_start;       /* first data cluster: 1 + reserved block slots */
+    uint32_t data_count;       /* data clusters: block_count << 17 */
+} datazone_info;
+
+/* One entry of the disk table g_disk (560 bytes on the 32-bit ARM target). */
+typedef struct fs_disk_info {
+    uint32_t inited;          /* 1 after the data zone was initialised */
+    uint32_t magic_ok;        /* 1 when the disk's magic file is valid (fs_getdiskinfo) */
+    uint32_t reserved0;       /* not used */
+    uint32_t diskid;          /* disk id, set when opened */
+    uint32_t grp;             /* group 0-2, 3 = none */
+    char devname[128];        /* device path, "/dev/hd/sd" plus a letter */
+    char idx_root[128];       /* index root path (fs_getdiskinfo) */
+    struct statfs idx_statfs; /* statistics of the index root (fs_getdiskinfo) */
+    uint32_t reserved1;       /* not used */
+    datazone_info dz_info;    /* data-zone geometry (fs_getdiskinfo) */
+    pthread_mutex_t lock;     /* the disk's mutex */
+    uint32_t opened_flag;     /* cleared on open and close */
+    uint32_t reserved2;       /* not used */
+} fs_disk_info;
+
+/* A disk group: a count and eight slots referring to disk table entries. */
+typedef struct fs_group {
+    uint32_t count;
+    fs_disk_info *slots[RECSTORE_MAX_DISKS];
+} fs_group;
+
+/* ============================================================================================
+ * Host utilities and logging.
+ * ========================================================================================== */
+extern uint32_t g_plog_inited; /* 1 while the log file "/mnt/img/log.log" is enabled */
+
+int fs_log_init(const char *path);
+int fs_log_is_inited(void);
+void fs_log_exit(void);
+/* Time-stamped message to standard output and the log file; -1 when the log is disabled. */
+int fs_log_file(const char *format, ...) __attribute__((format(printf, 1, 2)));
+/* Runs an external command through the host's pip_system, or system(3) when debugging. */
+int fs_system(char *command);
+void from_fs_tm(struct tm *dst, const fs_tm *src);
+fs_tm *to_fs_tm(const struct tm *src, fs_tm *dst);
+char *find_debug_info_tostring(const find_debug_info *info, char *dst, size_t n);
+char *find_debug_tostring(const find_debug *stats, char *dst, size_t n);
+
+/* ============================================================================================
+ * Path and name scheme. Builders write at most n bytes (snprintf semantics) and return dst.
+ * A disk id outside 0-7 is refused: the builder reports it and leaves dst an empty string.
+ * ========================================================================================== */
+char *disk_root(int disk_id, char *dst, size_t n);
+char *sys_partion(int disk_id, char *dst, size_t n);
+char *idx_partion(int disk_id, char *dst, size_t n);
+char *data_partion(int disk_id, char *dst, size_t n);
+char *mount_point(const char *dev, char *dst, size_t n);
+const char *dev_name(const char *mnt, char *dst, size_t n);
+char *idx_root(int disk_id, char *dst, size_t n);
+char *idx_linkroot(int disk_id, char *dst, size_t n);
+char *mk_idx_chnpath(int disk_id, char *dst, size_t n, int channel);
+char *mk_idx_yearpath(int disk_id, char *dst, size_t n, int channel, const struct tm *t);
+char *mk_idx_monpath(int disk_id, char *dst, size_t n, int channel, const struct tm *t);
+char *mk_idx_daypath(int disk_id, char *dst, size_t n, int channel, const struct tm *t);
+char *mk_idx_fullpath(int disk_id, char *dst, size_t n, int channel, const struct tm *t, int type);
+char *mk_idx_filename(char *dst, size_t n, int channel, const struct tm *t, int type);
+char *mk_idx_fullname(int disk_id, char *dst, size_t n, int channel, const struct tm *t, int type);
+char *mk_idx_fullname_relative(char *dst, size_t n, int channel, const struct tm *t, int type);
+char *mk_idx_linkpath(int disk_id, char *dst, size_t n, int block_id);
+char *mk_idx_linkname(int disk_id, char *dst, size_t n, int block_id, const char *filename);
+int todiskid(const char *dev);
+char *tocachename(char *dst, size_t n, const char *path);
+int filename_to_record(const char *name, int *channel, struct tm *start, int *type);
+int fullname_to_record(const char *path, int *disk_id, int *channel, struct tm *start, int *type);
+int linkname_to_record(const char *path, int *disk_id, int *block_id, int *channel,
+                       struct tm *start, int *type);
+int cachefullname_to_record(const char *path, int *disk_id, int *channel, struct tm *day,
+                            int *type);
+uint64_t filename_to_cachetag(struct tm *end, unsigned mode, unsigned total_bytes,
+                              const char *filename);
+int cachetag_to_record(const char *cachefile, int ignored, uint32_t lo, uint32_t hi, int *disk_id,
+                       int *channel, struct tm *start, struct tm *end, int *type, int *mode,
+                       unsigned *total_bytes);
+int match_cachetag(uint32_t lo, uint32_t hi, const struct tm *t);
+int before_cachetag(uint32_t lo, uint32_t hi, const struct tm *t);
+char *mk_parent(const char *src, size_t n, char *dst);
+int mkdir_recursive(char *path);
+char *last_char_is(const char *s, int c);
+char *concat_path_file(char *dst, size_t n, const char *path, const char *file);
+char *concat_subpath_file(char *dst, size_t n, const char *path, const char *file);
+int is_dir_empty(const char *path);
+int rm_empty_dir(const char *path);
+
+/* ============================================================================================
+ * Directory walking and removal.
+ * A callback result of 0 stops the walk; 2 from a pre-order directory action skips its contents.
+ * ========================================================================================== */
+typedef int (*find_action)(const char *path, struct stat *st, void *user);
+typedef int (*find_action_nostat)(const char *path, void *user);
+
+int find_recursive(char *path, int recurse, int follow_links, int depth_first,
+                   find_action file_action, find_action dir_action, void *user, find_debug *stats);
+int find_recursive_nostat(const char *path, unsigned char entry_type, int recurse,
+                          int follow_links, int depth_first, find_action_nostat file_action,
+                          find_action_nostat dir_action, void *user, find_debug *stats);
+/* flags: 1 or 2 remove directories with their contents; 4 a missing path is a success. */
+int remove_file(const char *path, int flags);
+
+/* ============================================================================================
+ * Mounts, block devices and raw cluster I/O.
+ * ========================================================================================== */
+/* 1 when a mount's directory or device equals path (table null: "/proc/mounts"), else 0. */
+int find_mount_point(const char *path, const char *table);
+/* 1 when a mount has exactly this device on this directory, else 0. */
+int find_mount_pair(const char *device, const char *dir, const char *table);
+/* Size in bytes of an open block device (or of a regular file, such as a disk image). */
+int64_t blockdev_size(int disk_id, int fd);
+uint64_t get_max_supported_disk_size(int disk_id);
+ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n);
+ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n);
+/* Number of consecutive 1 bits at the bottom of word (index of the lowest clear bit). */
+int find_first_bit(uint32_t word);
+
+/* ============================================================================================
+ * Disk table, groups and mode flags.
+ * ========================================================================================== */
+extern fs_disk_info g_disk[RECSTORE_MAX_DISKS];
+extern fs_group g_grp[RECSTORE_MAX_GROUPS];
+extern int g_fs_rdonly;           /* mode flag 1: read-only */
+extern int g_fs_directio;         /* mode flag 2: payload I/O with O_DIRECT */
+extern int g_fs_usecache;         /* 1 unless mode flag 4 (no cache) */
+extern int g_max_duration_in_sec; /* longest duration of one recording file, default 7200 */
+
+/* ---- disk preparation (section owned by the disk-preparation module) ---- */
+/* Version string of a disk's format, from its magic value: "7.0.0.0", "6.0.0.0", "5.0.0.0",
+ * "1.0.0.2", or "" for an unknown magic or a bad disk id. */
+const char *fs_version(int disk_id);
+
+/* A disk is a whole-disk node "/dev/hd/sd" followed by one letter a-h (disk ids 0-7); its
+ * partitions are that path followed by 1 (system), 2 (index) and 3 (raw data). Any other name is
+ * refused (-1, or 0 for the yes/no tests) before it reaches a command line. */
+#define RECSTORE_PROBE_MAX 8 /* entries of a probe list, RECSTORE_PATH_LEN bytes each */
+
+/* Partitions the disk (unless the system runs from it), builds the file systems of partitions 1
+ * and 2 (only 2 when the system runs from it). 0, or -1 when the device cannot be opened or a
+ * tool is missing. */
+int fs_format(const char *dev);
+/* Checks the index partition's file system with fsck.ext4; 0 when it is clean, was repaired, is
+ * mounted (nothing done) or its nodes never appeared; -1 otherwise or in read-only mode. */
+int fs_chk(const char *dev);
+/* Mounts partition 1 on "/mnt/img" when no disk's is there, enables the log file and mounts the
+ * index partition on the disk's mount point. 0, or -1 when the index partition cannot be mounted. */
+int fs_mount(const char *dev);
+/* Disables the log file, unmounts "/mnt/img" when this disk's partition 1 is there (and the
+ * system does not run from it) and unmounts the index partition. 0, or -1 for a bad name. */
+int fs_umount(const char *dev);
+/* Finds an external tool in "/mnt/app", ".", "/usr/local/bin", "/usr/local/sbin", "/usr/bin",
+ * "/usr/sbin", "/bin", "/sbin" and writes its command into out ("parted" gets " -f" when it
+ * supports it). 0 found, -1 not found (or a bad name, or out too small). */
+int fs_get_cmd(const char *tool, char *out, size_t size);
+/* Lists the whole-disk nodes under "/dev/hd/", sorted by disk id, into list (at most
+ * RECSTORE_PROBE_MAX entries) and their number into count. 0 (-1 only for null arguments). */
+int fs_probe(char (*list)[RECSTORE_PATH_LEN], int *count);
+/* 1 when the system runs from this disk: its partition 1 on "/mnt/img" and "/dev/loop0" on
+ * "/mnt/app"; else 0. */
+int is_running_on_hd(const char *dev);
+/* 1 when this disk's partition 1 is mounted on "/mnt/img"; else 0. */
+int is_img_mounted_on_hd(const char *dev);
+/* 1 when some disk's partition 1 is mounted on "/mnt/img", 0 when none, -1 when probing fails. */
+int is_img_mounted(void);
+/* 1 when the disk's index mount point is mounted; else 0. */
+int fs_ismounted(const char *dev);
+/* Device path held in the disk table for this disk, or NULL for a bad id or an empty entry. */
+const char *fs_devname(int disk_id);
+/* Disk id of a device path (the letter after "/dev/hd/sd" minus 'a'); -1 for a null path. The
+ * result may be outside 0-7 for a bad name: callers refuse it. */
+int fs_diskid(const char *dev);
+
+/* ---- end of disk preparation ---- */
+
+/* ============================================================================================
+ * Cluster bitmaps and the data zone (section owned by the bitmap and data_zone modules).
+ *
+ * The data partition is an array of 512 KiB clusters. Cluster 0 is the block map (one entry per
+ * block), cluster 1 + i is the cluster map of block i (one entry per data cluster of the block),
+ * and the data area starts after the reserved block slots. A map entry is a little-endian u32:
+ * bits 31-30 the state (00 free, 10 busy, 01 or 11 error), bits 29-0 the value (time >> 2).
+ * ========================================================================================== */
+#define RECSTORE_CLUSTERS_PER_BLOCK 0x20000u /* 131072 clusters: a block is 64 GiB */
+
+/* A link of a circular doubly linked list (also used as a list head). */
+typedef struct bitmap_list {
+    struct bitmap_list *next;
+    struct bitmap_list *prev;
+} bitmap_list;
+
+/* One node per map entry; `list` comes first so that a list link is also the node. */
+typedef struct bitmap_node {
+    bitmap_list list; /* link on the busy, free or error list */
+    uint32_t id;      /* the entry's index in its map */
+} bitmap_node;
+
+/* The in-memory form of one map cluster (60 bytes on the 32-bit target). Never copy a loaded
+ * bitmap by value: its list heads point at themselves. */
+typedef struct cluster_bitmap {
+    int fd;                 /* descriptor the entries are read and written through */
+    uint32_t map_cluster;   /* cluster number of the on-disk map */
+    uint32_t *vals;         /* copy of the entries, in host byte order */
+    bitmap_node *nodes;     /* one node per entry */
+    uint32_t count;         /* number of entries */
+    bitmap_node **node_of;  /* node of entry id; null when the entry has no node */
+    bitmap_list busy_list;  /* busy entries */
+    bitmap_list free_list;  /* free entries */
+    bitmap_list err_list;   /* entries in error */
+    uint32_t busy_bits;     /* nodes on busy_list */
+    uint32_t free_bits;     /* nodes on free_list */
+    uint32_t err_bits;      /* nodes on err_list */
+} cluster_bitmap;
+
+int bitmap_init(cluster_bitmap *bm, int count, int fd, uint32_t cluster);
+void bitmap_exit(cluster_bitmap *bm);
+/* Raw entry, or 0xFFFFFFFF. */
+uint32_t bitmap_val(cluster_bitmap *bm, uint32_t id);
+int bitmap_free_get(cluster_bitmap *bm);
+int bitmap_busy_get(cluster_bitmap *bm);
+int bitmap_err_get(cluster_bitmap *bm);
+int bitmap_free_test(cluster_bitmap *bm);
+int bitmap_busy_test(cluster_bitmap *bm);
+int bitmap_err_test(cluster_bitmap *bm);
+int bitmap_free_put(cluster_bitmap *bm, uint32_t id, uint32_t value);
+int bitmap_busy_put(cluster_bitmap *bm, uint32_t id, uint32_t value);
+int bitmap_err_put(cluster_bitmap *bm, uint32_t id, uint32_t value);
+int bitmap_free_del(cluster_bitmap *bm, uint32_t id);
+int bitmap_busy_del(cluster_bitmap *bm, uint32_t id);
+int bitmap_err_del(cluster_bitmap *bm, uint32_t id);
+int bitmap_clear(cluster_bitmap *bm);
+int bitmap_is_free(cluster_bitmap *bm, uint32_t id);
+int bitmap_is_busy(cluster_bitmap *bm, uint32_t id);
+int bitmap_is_err(cluster_bitmap *bm, uint32_t id);
+int bitmap_is_free_empty(cluster_bitmap *bm);
+int bitmap_is_busy_empty(cluster_bitmap *bm);
+int bitmap_is_err_empty(cluster_bitmap *bm);
+uint32_t bitmap_free_bits(cluster_bitmap *bm);
+uint32_t bitmap_busy_bits(cluster_bitmap *bm);
+uint32_t bitmap_err_bits(cluster_bitmap *bm);
+/* Unlinks a node and poisons its links (next 0x100100, prev 0x200200). */
+void list_del(bitmap_list *entry);
+
+/* A loaded block (80 bytes on the 32-bit target). */
+typedef struct dz_block {
+    uint32_t disk;           /* disk id */
+    uint32_t block_id;       /* cluster number of the block's map cluster */
+    uint32_t data_start;     /* first data cluster of the block */
+    uint32_t data_count;     /* data clusters in the block */
+    cluster_bitmap clusters; /* the block's cluster map */
+    uint32_t seq;            /* sequence given when the block was made current */
+} dz_block;
+
+/* One block in a list of blocks across disks. Empty when disk is negative (as int32) or
+ * block_id is 0xFFFFFFFF. */
+typedef struct block_entry {
+    uint32_t disk;
+    uint32_t block_id;
+    uint32_t seq;
+} block_entry;
+
+/* Per-disk data-zone record. */
+typedef struct datazone_ctx {
+    int fd_rw;                /* buffered read-write: every map read and write */
+    int fd_rd;                /* buffered read-only: datazone_read */
+    int fd_rd_direct;         /* O_DIRECT read-only, -1 without direct I/O */
+    int fd_wr;                /* payload writes, O_DIRECT when direct I/O is on */
+    datazone_info info;       /* geometry and sizes */
+    cluster_bitmap block_map; /* the block map (cluster 0) */
+    dz_block *cur_block;      /* the current block, or null */
+    uint32_t busy_count;      /* busy clusters of the zone */
+    uint32_t free_count;      /* free clusters of the zone */
+    uint32_t err_count;       /* clusters in error */
+} datazone_ctx;
+
+extern datazone_ctx g_dz_ctx[RECSTORE_MAX_DISKS];
+
+/* Block filters of block_ultimate: (disk, block index, argument, block count) -> 1 keep, 0 drop. */
+typedef int (*block_filter)(int disk, uint32_t index, void *arg, uint32_t count);
+
+int datazone_init(int disk_id, int directio);
+void datazone_exit(int disk_id);
+int datazone_is_inited(int disk_id);
+int datazone_chk(int disk_id, int fix);
+void do_block_chk(dz_block *block, int fix);
+int datazone_getinfo(int disk_id, datazone_info *out);
+int datazone_dump(int fd, int disk_id);
+int datazone_clear(int disk_id);
+
+dz_block *block_load(int disk_id, uint32_t block_id);
+void block_unload(dz_block *block);
+int block_alloc(int disk_id);
+int block_free(int disk_id);
+int block_current(int disk_id);
+int block_get_current(int disk_id);
+int block_is_free_empty(int disk_id);
+int block_is_busy_empty(int disk_id);
+/* Raw block map entry, or 0xFFFFFFFF. */
+uint32_t block_val(int disk_id, uint32_t block_id);
+int block_earliest(int disk_id, uint32_t *seq);
+/* time: seconds since the epoch; blocks taken before it (and after 0) are listed. */
+int block_before(int disk_id, int32_t time, block_entry *out, int max);
+int block_ultimate(int disk_id, block_filter filter, void *arg, int latest, block_entry *out,
+                   int max);
+block_entry *blk_seq_earliest(block_entry *list, int count);
+block_entry *blk_seq_latest(block_entry *list, int count);
+void block_clear(int disk_id, uint32_t block_id);
+void do_block_dump(dz_block *block);
+int compareblock(const void *a, const void *b);
+int compareblock_r(const void *a, const void *b);
+int block_filter_not_allfree_and_not_current(int disk, uint32_t index, void *arg, uint32_t count);
+int block_filter_halffree_and_not_current(int disk, uint32_t index, void *arg, uint32_t count);
+/* arg: pointer to an int32_t time in seconds. */
+int block_filter_before_and_not_current(int disk, uint32_t index, void *arg, uint32_t count);
+
+int datazone_alloc(int disk_id);
+int datazone_free(int disk_id, int cluster_id);
+/* Raw cluster map entry of a cluster of the current block, or 0xFFFFFFFF. */
+uint32_t datazone_val(int disk_id, int cluster_id);
+int datazone_read(int disk_id, int cluster_id, void *buf);
+int datazone_read_direct(int disk_id, int cluster_id, void *buf);
+int datazone_write(int disk_id, int cluster_id, const void *buf);
+int datazone_sync(int disk_id);
+int datazone_sync_bm(int disk_id);
+int datazone_busy_count(int disk_id);
+int datazone_free_count(int disk_id);
+int datazone_is_free_empty(int disk_id);
+int datazone_is_full_prepare(int disk_id, int threshold);
+
+/* ---- end of data zone ---- */
+
+/* ============================================================================================
+ * Record-info format and index files (section owned by the fstype_old and index modules).
+ * ========================================================================================== */
+#define RECSTORE_MAX_KFRAMES 24        /* key-frame descriptors per index entry */
+#define RECSTORE_MAX_ALARMS 60         /* alarm records per recording */
+#define RECSTORE_ALARM_DATA 128        /* data bytes of one alarm record */
+#define RECSTORE_INDEX_HANDLES 128     /* index handles 0..127 */
+#define RECSTORE_EXT_MAGIC 0x5a7c36d8u /* ext_magic value: an extension area follows the header */
+#define RECSTORE_EXT_MAX_LEN 2048      /* largest extension, also the size of the extension area */
+#define RECSTORE_MAGIC_V7 0x702a2013u  /* magic file values and their versions: "7.0.0.0" */
+#define RECSTORE_MAGIC_V6 0x60282013u  /* "6.0.0.0" */
+#define RECSTORE_MAGIC_V5 0x50202023u  /* "5.0.0.0" */
+#define RECSTORE_MAGIC_V1 0x10101013u  /* "1.0.0.2": index files with the 896-byte header */
+
+/* One key-frame descriptor of an index entry (8 bytes on disk). */
+typedef struct kframe {
+    uint32_t frame_offset; /* byte offset of the key frame inside its cluster */
+    uint32_t frame_time;   /* seconds since the epoch (UTC) */
+} kframe;
+
+/* One alarm record of a recording (136 bytes on disk), stored verbatim. */
+typedef struct record_alarm {
+    uint32_t alarm_a;                        /* first alarm word */
+    uint32_t alarm_b;                        /* second alarm word */
+    uint8_t alarm_data[RECSTORE_ALARM_DATA]; /* alarm data */
+} record_alarm;
+
+/* The record info of one recording: the fields of the current on-disk index-file header, in its
+ * order and widths (8336 bytes, little-endian). */
+typedef struct recordinfo {
+    uint32_t disk_id;     /* disk of the recording, 0-7 */
+    uint32_t block_id;    /* data block the recording was created in */
+    uint32_t channel;     /* channel number */
+    fs_tm start_time;     /* start of the recording */
+    fs_tm end_time;       /* time of the latest frame written; zero until the first entry */
+    uint32_t mode;        /* attribute word (creation, index_chmod) */
+    uint32_t open_flags;  /* open(2) flags of the last open; O_CREAT marks a writer */
+    uint32_t entry_count; /* index entries written */
+    uint64_t total_bytes; /* sum of the entries' payload lengths */
+    uint32_t frame_count; /* sum of the entries' key-frame counts */
+    int32_t alarm_count;  /* alarms used, 0-60 */
+    record_alarm alarms[RECSTORE_MAX_ALARMS]; /* alarm records */
+    uint16_t attr_a;      /* creation attribute, verbatim */
+    uint16_t attr_b;      /* creation attribute, verbatim */
+    uint32_t attr_c;      /* creation attribute, verbatim */
+    uint32_t type;        /* record type */
+    uint32_t attr_d;      /* creation attribute, verbatim */
+    uint32_t ext_magic;   /* RECSTORE_EXT_MAGIC when an extension area follows the header */
+    uint32_t ext_type;    /* caller's type of the extension data */
+    uint32_t ext_len;     /* extension bytes, 1-2048 */
+    uint8_t reserved[20]; /* copied through unchanged */
+} recordinfo;
+
+/* One index entry (204 bytes on disk): one data cluster of a recording. */
+typedef struct index_entry {
+    uint32_t cluster_id;                   /* data-zone cluster holding the payload */
+    uint32_t length;                       /* payload bytes in that cluster */
+    uint32_t frame_count;                  /* key frames starting in the cluster, 0-24 */
+    kframe frames[RECSTORE_MAX_KFRAMES];   /* key-frame descriptors */
+} index_entry;
+
+/* Extension data given when a recording is created. */
+typedef struct ext_desc {
+    uint32_t type;    /* caller's type of the data */
+    int32_t len;      /* bytes, 1-2048, a multiple of 4 */
+    const void *data; /* the data */
+} ext_desc;
+
+/* One slot of the index handle table. */
+typedef struct handle_slot {
+    int32_t fd;       /* open index file, -1 when the slot is free */
+    uint32_t seq;     /* key frame within the current entry */
+    uint32_t offset;  /* byte offset within the current entry's cluster */
+    recordinfo *info; /* the open recording's record info, owned by the slot */
+    uint8_t *ext;     /* the slot's copy of the extension data, or null */
+} handle_slot;
+
+/* Called after a header with extension is written, so the slot keeps its own copy. */
+typedef void (*ext_callback)(const void *data, int len, handle_slot *slot, void *scratch);
+
+extern uint32_t g_magic[RECSTORE_MAX_DISKS]; /* magic value of each disk's magic file */
+extern handle_slot g_idx_ctx[RECSTORE_INDEX_HANDLES]; /* the index handles */
+
+/* -- record-info format: header sizes, header codecs and entry I/O -- */
+int sizeof_recordinfo_disk(int disk_id);
+int sizeof_recordinfo(const recordinfo *info);
+ssize_t read_recordinfo(int disk_id, int fd, recordinfo *out, handle_slot *slot);
+ssize_t write_recordinfo(int disk_id, int fd, recordinfo *info, const ext_desc *ext,
+                         ext_callback cb, handle_slot *slot);
+ssize_t pwrite_recordinfo(int disk_id, int fd, const recordinfo *info);
+void do_ext_fill(recordinfo *info, uint32_t ext_type, int ext_len);
+int do_ext_get_len(const recordinfo *info);
+void do_index_copy_ext(const void *data, int len, handle_slot *slot);
+int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
+                  uint32_t *frame_count, uint32_t *next_cluster_id, int advance);
+int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
+                   uint32_t frame_count, int advance);
+
+/* -- index files -- */
+int index_init(void);
+void index_exit(void);
+int index_size(void);
+int index_write_magic(int disk_id);
+int index_check_magic(int disk_id);
+void index_erase_magic(int disk_id);
+/* Opens (flags with O_CREAT: creates) a recording's index file; flags 0 means O_RDWR.
+ * Returns the handle 0-127 or -1. */
+int index_open(int disk_id, uint32_t block_id, const struct tm *start, int channel, int type,
+               uint16_t attr_a, uint16_t attr_b, uint32_t attr_c, int flags, uint32_t mode,
+               uint32_t attr_d, const ext_desc *ext);
+void index_close(int handle, const struct tm *end);
+int index_get_ext(int handle, void *buffer, int size);
+int index_getflag(int handle);
+int index_clear(int disk_id);
+int index_chk(int disk_id, int unused);
+int index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
+               uint32_t *frame_count, uint32_t *next_cluster_id);
+int index_get(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
+              uint32_t *frame_count);
+int index_read_r(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
+                 uint32_t *frame_count);
+int index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
+                uint32_t frame_count);
+int index_write_r(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
+                  uint32_t frame_count);
+int index_del(int disk_id, const struct tm *start, int channel, int type);
+int index_stat(int handle, recordinfo *out);
+int index_write_info(int handle);
+int index_flush_info(int handle);
+int index_chmod(int handle, uint32_t mode);
+int index_insertalarm(int handle, const record_alarm *alarm);
+int index_isopen(int disk_id, const struct tm *start, int channel);
+int index_isfull(int disk_id);
+
+/* -- positioning inside an open recording -- */
+int64_t index_ltell(int handle, uint32_t *offset);
+int64_t index_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out);
+int64_t index_ttell(int handle, uint32_t *seq);
+int64_t index_tseek(int handle, int32_t sec, int whence, int32_t *seq);
+void index_set_offset(int handle, uint32_t offset, const kframe *frames, int count);
+void index_get_offset(int handle, uint32_t *offset);
+void index_clear_offset(int handle);
+void index_set_seqoffset(int handle, uint32_t seq, const kframe *frames, int count);
+void index_get_seqoffset(int handle, uint32_t *seq);
+
+/* ---- end of index ---- */
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* RECSTORE_H */
