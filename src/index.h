@@ -1,0 +1,45 @@
+// Index files: the handle table, the per-disk magic file, creation and reopening of a
+// recording's index file (repairing a header that was never finalised), entries, header
+// rewriting, deletion and positioning. Exported functions are in recstore.h; this header adds the
+// internal entry points that work on an already open descriptor (used by index_open and by the
+// tests, which exercise the format on plain temporary files).
+#ifndef RECSTORE_INDEX_H
+#define RECSTORE_INDEX_H
+
+#include <time.h>
+
+#include "recstore.h"
+
+namespace recstore {
+
+// What index_open is asked for, besides the file itself.
+struct index_open_args {
+    int disk_id = 0;                   // disk of the recording (selects the header layout)
+    uint32_t block_id = 0;             // data block the recording is created in
+    const struct tm *start = nullptr;  // start of the recording
+    int channel = 0;                   // channel number
+    int type = 0;                      // record type
+    uint16_t attr_a = 0;               // creation attributes, stored verbatim
+    uint16_t attr_b = 0;
+    uint32_t attr_c = 0;
+    int flags = 0;      // open(2) flags; O_CREAT creates
+    uint32_t mode = 0;  // attribute word
+    uint32_t attr_d = 0;
+    const ext_desc *ext = nullptr;  // extension data for a new file, or null
+    bool existed = false;           // the file existed before it was opened (creating)
+};
+
+// Takes the lowest free slot and gives it a zeroed record. -1 when none is free.
+int do_index_take_slot();
+// Closes the slot's descriptor, frees its record and extension copy and frees the slot.
+void do_index_release(int handle);
+// Prepares a taken slot for the open descriptor fd (the slot owns fd from now on): writes the new
+// header when creating, else reads the header and repairs it when it was never finalised.
+// Returns the handle, or -1 after releasing the slot.
+int do_index_setup(int handle, int fd, const index_open_args &args);
+// do_index_take_slot followed by do_index_setup; closes fd when no slot is free.
+int do_index_attach(int fd, const index_open_args &args);
+
+}  // namespace recstore
+
+#endif
