@@ -1,0 +1,73 @@
+// Cluster bitmaps: the in-memory form of one on-disk map cluster (the block map or a block's
+// cluster map) with a free, a busy and an error list, written through to the disk 4 bytes at a
+// time. The exported operations are declared in recstore.h; this header adds the entry format.
+#ifndef RECSTORE_BITMAP_H
+#define RECSTORE_BITMAP_H
+
+#include <cstdint>
+
+#include "recstore.h"
+
+namespace recstore {
+
+// Map entry layout: bits 31-30 state, bits 29-0 value.
+constexpr uint32_t kEntryValueMask = 0x3FFFFFFFu;
+constexpr uint32_t kEntryBusyBit = 0x80000000u;     // state 10
+constexpr uint32_t kEntryErrBits = 0xC0000000u;     // state 11, as written by bitmap_err_put
+constexpr uint32_t kEntryErrTestBit = 0x40000000u;  // bit 30: error (01 or 11)
+constexpr uint32_t kEntryStateShift = 30;
+constexpr uint32_t kEntryBytes = 4;
+// Entries of one map cluster: a map never spans more than its own cluster.
+constexpr uint32_t kMaxMapEntries = RECSTORE_CLUSTER_SIZE / kEntryBytes;
+
+// Poison written into the links of a node taken off its list.
+constexpr uintptr_t kListPoisonNext = 0x100100u;
+constexpr uintptr_t kListPoisonPrev = 0x200200u;
+
+enum class EntryState : uint32_t { Free = 0, ErrorLow = 1, Busy = 2, Error = 3 };
+
+constexpr EntryState entry_state(uint32_t entry) {
+    return static_cast<EntryState>(entry >> kEntryStateShift);
+}
+constexpr uint32_t entry_value(uint32_t entry) {
+    return entry & kEntryValueMask;
+}
+constexpr bool entry_is_free(uint32_t entry) {
+    return entry < kEntryErrTestBit;
+}
+constexpr bool entry_is_busy(uint32_t entry) {
+    return entry_state(entry) == EntryState::Busy;
+}
+constexpr bool entry_is_err(uint32_t entry) {
+    return (entry & kEntryErrTestBit) != 0;
+}
+constexpr uint32_t make_free_entry(uint32_t value) {
+    return value & kEntryValueMask;
+}
+constexpr uint32_t make_busy_entry(uint32_t value) {
+    return (value & kEntryValueMask) | kEntryBusyBit;
+}
+constexpr uint32_t make_err_entry(uint32_t value) {
+    return value | kEntryErrBits;
+}
+
+// Little-endian conversion of on-disk entries, independent of the host's byte order.
+inline uint32_t le32_load(const unsigned char *p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+inline void le32_store(unsigned char *p, uint32_t v) {
+    p[0] = static_cast<unsigned char>(v);
+    p[1] = static_cast<unsigned char>(v >> 8);
+    p[2] = static_cast<unsigned char>(v >> 16);
+    p[3] = static_cast<unsigned char>(v >> 24);
+}
+
+// Takes entry id's node off whatever list holds it without touching any count; false when the
+// node is on no list. Used where an entry changes state without the list bookkeeping (a single
+// cluster freed in the current block), so that the lists stay well formed.
+bool bitmap_unlink_keep_count(cluster_bitmap *bm, uint32_t id);
+
+}  // namespace recstore
+
+#endif

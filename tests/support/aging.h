@@ -1,0 +1,61 @@
+// Disk aging for tests: writes map entries straight into a data partition (an image file or a
+// device node), as if months of recording had happened, so that a test can fill, change and
+// recycle blocks with a handful of real writes.
+//
+// Layout assumed (that of the data zone): cluster 0 is the block map, entry i at byte 4 * i is
+// block id 1 + i; cluster `block_id` is that block's cluster map, entry k at byte 4 * k is data
+// cluster k of the block. Entries are little-endian u32: bits 31-30 the state (00 free, 10 busy,
+// 11 or 01 error), bits 29-0 the value (a sequence or a time stamp, seconds >> 2).
+//
+// Age the partition while its data zone is stopped (before datazone_init or after datazone_exit):
+// a running zone keeps its maps in memory and would not see the change. Every function reports a
+// failure to the running test (ADD_FAILURE) and returns false.
+#ifndef RECSTORE_TEST_AGING_H
+#define RECSTORE_TEST_AGING_H
+
+#include <cstdint>
+#include <string>
+
+namespace aging {
+
+constexpr uint32_t kClusterBytes = 0x80000;      // one cluster
+constexpr uint32_t kClustersPerBlock = 0x20000;  // entries of a block's cluster map
+constexpr uint32_t kBusy = 0x80000000u;          // state bits of a busy entry
+constexpr uint32_t kError = 0xC0000000u;         // state bits of an entry in error
+constexpr uint32_t kValueMask = 0x3FFFFFFFu;
+
+// Entry words as the maps hold them.
+constexpr uint32_t free_entry(uint32_t value) {
+    return value & kValueMask;
+}
+constexpr uint32_t busy_entry(uint32_t value) {
+    return (value & kValueMask) | kBusy;
+}
+constexpr uint32_t err_entry(uint32_t value) {
+    return value | kError;
+}
+
+// Creates (or truncates) a sparse file of `bytes` bytes, e.g. a 200 GiB data partition image.
+bool make_image(const std::string &path, uint64_t bytes);
+
+// Writes the raw block map entry of block `block_id` (1 for the first block).
+bool set_block_entry(const char *data_partition_path, uint32_t block_id, uint32_t entry);
+
+// Writes the raw entry `index` (0..131071) of block `block_id`'s cluster map.
+bool set_cluster_entry(const char *data_partition_path, uint32_t block_id, uint32_t index,
+                       uint32_t entry);
+
+// Reads one raw map entry: entry `index` of map cluster `map_cluster` (0 = block map). Returns
+// 0xFFFFFFFF and reports a failure when it cannot be read.
+uint32_t read_entry(const char *data_partition_path, uint32_t map_cluster, uint32_t index);
+
+// Ages a whole block with one 512 KiB write: the first 131072 - leave_free clusters busy with
+// value `seq` (their allocation stamp), the last leave_free clusters free with value 0, and the
+// block's own entry busy with sequence `seq`. leave_free 0 gives a full block; the start-up check
+// turns a partly used block's busy entry free, and the block is then resumed before empty ones.
+bool fill_block(const char *data_partition_path, uint32_t block_id, uint32_t leave_free,
+                uint32_t seq);
+
+}  // namespace aging
+
+#endif
