@@ -349,7 +349,10 @@ int mount_locked(int disk_id, const char *dev) {
     if (!fs_log_is_inited()) fs_log_init(kLogFileName);
     char mnt[RECSTORE_PATH_LEN] = "";
     mount_point(dev, mnt, sizeof mnt);
-    mkdir_recursive(mnt);
+    // mkdir_recursive creates the directories that end in '/', so the mount point gets one.
+    char mnt_dir[RECSTORE_PATH_LEN + 1];
+    snprintf(mnt_dir, sizeof mnt_dir, "%s/", mnt);
+    mkdir_recursive(mnt_dir);
     sync();
     // Only the index partition is mounted with data=writeback: its files are rewritten often
     // and their contents are made consistent by the index layer itself.
