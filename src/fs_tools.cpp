@@ -25,15 +25,33 @@ static_assert(offsetof(fs_tm, tm_isdst) == 32, "fs_tm keeps struct tm's field or
 static_assert(offsetof(fs_tm, zero) == 36, "fs_tm ends with two zero words");
 static_assert(sizeof(find_debug_info) == 16, "four 32-bit counters");
 static_assert(sizeof(find_debug) == 96, "six kinds of walk step");
+static_assert(sizeof(datazone_info) == 184, "datazone_info is 184 bytes on every platform");
+static_assert(offsetof(datazone_info, totalsize) == 128, "datazone_info layout");
+static_assert(offsetof(datazone_info, freesize) == 136, "datazone_info layout");
+static_assert(offsetof(datazone_info, cluster_size) == 144, "datazone_info layout");
+static_assert(offsetof(datazone_info, data_count) == 180, "datazone_info layout");
+static_assert(offsetof(fs_disk_info, devname) == 20, "disk table entry layout");
+static_assert(offsetof(fs_disk_info, idx_root) == 148, "disk table entry layout");
+#if defined(__arm__)
+// The host copies whole disk table entries: keep the target's 560-byte layout.
+static_assert(sizeof(struct statfs) == 64, "32-bit statfs record");
+static_assert(sizeof(pthread_mutex_t) == 24, "32-bit mutex");
+static_assert(sizeof(fs_disk_info) == 560, "a disk table entry is 560 bytes on the target");
+static_assert(offsetof(fs_disk_info, idx_statfs) == 276, "disk table entry layout");
+static_assert(offsetof(fs_disk_info, reserved1) == 340, "disk table entry layout");
+static_assert(offsetof(fs_disk_info, dz_info) == 344, "disk table entry layout");
+static_assert(offsetof(fs_disk_info, lock) == 528, "disk table entry layout");
+static_assert(offsetof(fs_disk_info, opened_flag) == 552, "disk table entry layout");
+#endif
 
 namespace {
 
 constexpr const char *kLogFile = "/mnt/img/log.log";
-constexpr off_t kLogFileMax = 0x200000;  // the log restarts empty past 2 MiB
-constexpr size_t kScratchWord = 16;      // device word of "/dev/hd/%s" and "/mnt/%s"
-constexpr size_t kNameBuf = 128;         // mount-table names are compared in 128-byte buffers
-constexpr size_t kMntStrings = 4096;     // string buffer of one mount-table entry
-constexpr size_t kWalkPath = 256;        // child paths of a directory walk
+constexpr off64_t kLogFileMax = 0x200000;  // the log restarts empty past 2 MiB
+constexpr size_t kScratchWord = 16;        // device word of "/dev/hd/%s" and "/mnt/%s"
+constexpr size_t kNameBuf = 128;           // mount-table names are compared in 128-byte buffers
+constexpr size_t kMntStrings = 4096;       // string buffer of one mount-table entry
+constexpr size_t kWalkPath = 256;          // child paths of a directory walk
 constexpr uint64_t kTiB = 0x10000000000ull;
 constexpr uint32_t kMagicV7 = 0x702a2013u;
 constexpr uint32_t kMagicV6 = 0x60282013u;
@@ -147,13 +165,13 @@ void fs_log_exit(void) {
 
 int fs_log_file(const char *format, ...) {
     if (!g_plog_inited) return -1;
-    recstore::FdGuard file(open(kLogFile, O_RDWR | O_CREAT | O_APPEND, 0777));
+    recstore::FdGuard file(open(kLogFile, O_RDWR | O_CREAT | O_APPEND | O_LARGEFILE, 0777));
     if (file.get() < 0) perror("open log");
     if (file.get() >= 0) {
-        struct stat st;
-        if (fstat(file.get(), &st) == 0 && st.st_size > kLogFileMax) {
-            if (ftruncate(file.get(), 0) < 0) perror("ftruncate");
-            lseek(file.get(), 0, SEEK_SET);
+        struct stat64 st;
+        if (fstat64(file.get(), &st) == 0 && st.st_size > kLogFileMax) {
+            if (ftruncate64(file.get(), 0) < 0) perror("ftruncate");
+            lseek64(file.get(), 0, SEEK_SET);
         }
     }
     char stamp[64] = {0};
@@ -598,8 +616,8 @@ int mkdir_recursive(char *path) {
                 perror("mkdir");
                 stop = true;
             } else {
-                struct stat st;
-                if (stat(path, &st) == 0 && !S_ISDIR(st.st_mode)) {
+                struct stat64 st;
+                if (stat64(path, &st) == 0 && !S_ISDIR(st.st_mode)) {
                     errno = ENOTDIR;
                     perror("mkdir");
                     stop = true;
@@ -637,7 +655,7 @@ int is_dir_empty(const char *path) {
     DIR *dir = path ? opendir(path) : nullptr;
     if (!dir) return 1;
     int empty = 1;
-    while (struct dirent *de = readdir(dir)) {
+    while (struct dirent64 *de = readdir64(dir)) {
         if (strcmp(de->d_name, ".") != 0 && strcmp(de->d_name, "..") != 0) {
             empty = 0;
             break;
@@ -677,6 +695,27 @@ auto timed(find_debug *stats, find_debug_info find_debug::*kind, Step step) -> d
     return result;
 }
 
+// The callbacks receive the classic status record; it is filled from the 64-bit one so that
+// large inode numbers or sizes on the 32-bit target do not make the status read fail.
+struct stat stat_for_callback(const struct stat64 &s) {
+    struct stat st;
+    memset(&st, 0, sizeof st);
+    st.st_dev = static_cast<decltype(st.st_dev)>(s.st_dev);
+    st.st_ino = static_cast<decltype(st.st_ino)>(s.st_ino);
+    st.st_mode = s.st_mode;
+    st.st_nlink = static_cast<decltype(st.st_nlink)>(s.st_nlink);
+    st.st_uid = s.st_uid;
+    st.st_gid = s.st_gid;
+    st.st_rdev = static_cast<decltype(st.st_rdev)>(s.st_rdev);
+    st.st_size = static_cast<decltype(st.st_size)>(s.st_size);
+    st.st_blksize = static_cast<decltype(st.st_blksize)>(s.st_blksize);
+    st.st_blocks = static_cast<decltype(st.st_blocks)>(s.st_blocks);
+    st.st_atim = s.st_atim;
+    st.st_mtim = s.st_mtim;
+    st.st_ctim = s.st_ctim;
+    return st;
+}
+
 bool child_path(char *dst, const char *dir, const char *name) {
     if (strlen(dir) + strlen(name) + 2 > kWalkPath) {
         FS_LOG_ERR("path too long:%s/%s\n", dir, name);
@@ -691,8 +730,8 @@ DIR *do_opendir(const char *path, find_debug *stats) {
     return timed(stats, &find_debug::opendir, [&] { return opendir(path); });
 }
 
-struct dirent *do_readdir(DIR *dir, find_debug *stats) {
-    return timed(stats, &find_debug::readdir, [&] { return readdir(dir); });
+struct dirent64 *do_readdir(DIR *dir, find_debug *stats) {
+    return timed(stats, &find_debug::readdir, [&] { return readdir64(dir); });
 }
 
 int do_closedir(DIR *dir, find_debug *stats) {
@@ -726,10 +765,11 @@ int do_dirAction_nostat(find_action_nostat action, const char *path, void *user,
 int find_recursive(char *path, int recurse, int follow_links, int depth_first,
                    find_action file_action, find_action dir_action, void *user, find_debug *stats) {
     if (!path) return 1;
-    struct stat st;
+    struct stat64 st64;
     int r = timed(stats, &find_debug::stat,
-                  [&] { return follow_links ? stat(path, &st) : lstat(path, &st); });
+                  [&] { return follow_links ? stat64(path, &st64) : lstat64(path, &st64); });
     if (r != 0) return 1;
+    struct stat st = stat_for_callback(st64);
     if (!follow_links && S_ISLNK(st.st_mode)) {
         return do_fileAction(file_action, path, &st, user, stats);
     }
@@ -747,7 +787,7 @@ int find_recursive(char *path, int recurse, int follow_links, int depth_first,
     DIR *dir = do_opendir(path, stats);
     if (!dir) return 1;
     int status = 1;
-    while (struct dirent *de = do_readdir(dir, stats)) {
+    while (struct dirent64 *de = do_readdir(dir, stats)) {
         char child[kWalkPath];
         if (!child_path(child, path, de->d_name)) continue;
         if (find_recursive(child, 1, follow_links, depth_first, file_action, dir_action, user,
@@ -788,7 +828,7 @@ int find_recursive_nostat(const char *path, unsigned char entry_type, int recurs
     DIR *dir = do_opendir(path, stats);
     if (!dir) return 1;
     int status = 1;
-    while (struct dirent *de = do_readdir(dir, stats)) {
+    while (struct dirent64 *de = do_readdir(dir, stats)) {
         char child[kWalkPath];
         if (!child_path(child, path, de->d_name)) continue;
         if (find_recursive_nostat(child, de->d_type, 1, follow_links, depth_first, file_action,
@@ -811,8 +851,8 @@ int remove_file(const char *path, int flags) {
         FS_LOG_ERR("cannot remove `%s'", path ? path : "(null)");
         return -1;
     }
-    struct stat st;
-    if (lstat(path, &st) < 0) {
+    struct stat64 st;
+    if (lstat64(path, &st) < 0) {
         if (errno == ENOENT) {
             if (flags & 4) return 0;
             FS_LOG_ERR("cannot remove `%s'", path);
@@ -838,7 +878,7 @@ int remove_file(const char *path, int flags) {
         return -1;
     }
     int status = 0;
-    while (struct dirent *de = readdir(dir)) {
+    while (struct dirent64 *de = readdir64(dir)) {
         if (strcmp(de->d_name, ".") == 0 || strcmp(de->d_name, "..") == 0) continue;
         std::string child = path;
         if (child.back() != '/') child += '/';
@@ -908,8 +948,8 @@ int find_mount_pair(const char *device, const char *dir, const char *table) {
 }
 
 int64_t blockdev_size(int /*disk_id*/, int fd) {
-    struct stat st;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) return static_cast<int64_t>(st.st_size);
+    struct stat64 st;
+    if (fstat64(fd, &st) == 0 && S_ISREG(st.st_mode)) return static_cast<int64_t>(st.st_size);
 
     uint64_t bytes = 0;
     if (fs_tools_blk_ioctl(fd, BLKGETSIZE64, &bytes) == 0) return static_cast<int64_t>(bytes);

@@ -25,7 +25,9 @@ void fs_assert_fail(const char *expr, const char *file, int line) __attribute__(
 
 // Walk helpers, timed into the statistics when stats is not null.
 DIR *do_opendir(const char *path, find_debug *stats);
-struct dirent *do_readdir(DIR *dir, find_debug *stats);
+// Directory entries are read with the 64-bit interface: on the 32-bit target the plain one fails
+// on file systems whose entry offsets or inode numbers do not fit in 32 bits.
+struct dirent64 *do_readdir(DIR *dir, find_debug *stats);
 int do_closedir(DIR *dir, find_debug *stats);
 int do_fileAction(find_action action, const char *path, struct stat *st, void *user,
                   find_debug *stats);
