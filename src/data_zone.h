@@ -1,0 +1,42 @@
+// The data zone: layout and start-up of a disk's raw data partition, the block manager (current
+// block, sequences, earliest blocks, clearing) and whole-cluster payload I/O with the zone-wide
+// counters. Exported operations are declared in recstore.h; this header adds the geometry.
+#ifndef RECSTORE_DATA_ZONE_H
+#define RECSTORE_DATA_ZONE_H
+
+#include <cstdint>
+
+#include "recstore.h"
+
+namespace recstore {
+
+constexpr uint32_t kClusterSize = RECSTORE_CLUSTER_SIZE;             // 512 KiB
+constexpr uint32_t kClusterShift = RECSTORE_CLUSTER_SHIFT;           // bytes -> clusters
+constexpr uint32_t kClustersPerBlock = RECSTORE_CLUSTERS_PER_BLOCK;  // 64 GiB per block
+constexpr uint32_t kBlockShift = 17;                                 // clusters -> blocks
+constexpr uint32_t kBlockMapCluster = 0;                             // bm_start
+constexpr uint32_t kBlockMapClusters = 1;                            // bm_count
+constexpr uint32_t kFirstBlockId = 1;                                // block_start
+// Reserved block slots for the largest supported disk (16 TiB): no zone has more blocks.
+constexpr uint32_t kMaxBlocks = 256;
+
+static_assert(kClusterSize == 1u << kClusterShift, "cluster size and shift agree");
+static_assert(kClustersPerBlock == 1u << kBlockShift, "block size and shift agree");
+
+// Geometry of a data zone, computed from the partition size and the largest supported disk.
+struct DzGeometry {
+    uint32_t cluster_count;  // whole clusters on the partition
+    uint32_t reserved;       // reserved block slots R
+    uint32_t block_count;    // whole blocks
+    uint32_t data_start;     // 1 + R
+    uint32_t data_count;     // block_count << 17
+};
+
+// Fills out and returns true, or reports why the partition cannot hold a data zone and returns
+// false: a partition of fewer than 1 + R clusters. A partition larger than the supported size
+// gets at most R blocks, since block map clusters beyond R would overlap the data area.
+bool dz_compute_geometry(uint64_t partition_bytes, uint64_t max_disk_bytes, DzGeometry *out);
+
+}  // namespace recstore
+
+#endif
