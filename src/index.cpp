@@ -726,7 +726,7 @@ int do_index_setup(int handle, int fd, const index_open_args &a) {
 }
 
 int do_index_attach(int fd, const index_open_args &args) {
-    if (!valid_disk_id(args.disk_id) || args.start == nullptr) {
+    if (fd < 0 || !valid_disk_id(args.disk_id) || args.start == nullptr) {
         FS_LOG_ERR("invalid param");
         if (fd >= 0) close(fd);
         return -1;
