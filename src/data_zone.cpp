@@ -654,7 +654,12 @@ int block_filter_before_and_not_current(int disk, uint32_t index, void *arg, uin
 int block_ultimate(int disk_id, block_filter filter, void *arg, int latest, block_entry *out,
                    int max) {
     if (!check_disk(disk_id)) return -1;
-    const datazone_info &info = zone(disk_id).info;
+    const datazone_ctx &z = zone(disk_id);
+    if (z.block_map.vals == nullptr) {  // read-only: the block map is not loaded
+        FS_LOG_ERR("null ptr\n");
+        return -1;
+    }
+    const datazone_info &info = z.info;
     std::array<block_entry, kMaxBlocks> list{};
     uint32_t n = 0;
     for (uint32_t i = 0; i < info.block_count && n < list.size(); ++i) {

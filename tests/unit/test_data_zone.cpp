@@ -760,6 +760,10 @@ TEST_F(DataZone, ReadOnlyStartsWithoutMapsAndRefusesBlocks) {
     EXPECT_EQ(block_val(0, 1), 0xFFFFFFFFu);
     block_clear(0, 1);
     EXPECT_EQ(datazone_alloc(0), -1);
+    uint32_t seq = 0;
+    EXPECT_EQ(block_earliest(0, &seq), -1);  // nothing is known without the block map
+    block_entry list[2];
+    EXPECT_EQ(block_before(0, 1 << 30, list, 2), 0);
     const std::string out = cap.stop();
     EXPECT_TRUE(contains(out, "block_alloc readonly:0\n")) << out;
     EXPECT_TRUE(contains(out, "block_current readonly:0\n")) << out;
