@@ -372,6 +372,43 @@ TEST_F(DiskPrep, MountWithoutFileSystemsFails) {
     fs_umount(disk.node.c_str());
 }
 
+// fsck.ext4 is run by name: a stand-in first in PATH returns each status in turn. 0, 1 and 2 are
+// success (1 and 2 with a warning), anything else a failure.
+TEST_F(DiskPrep, CheckStatuses) {
+    rig::Disk &disk = attach('b', 16 * kGiB);
+    rig::partition_simple(disk);
+    const std::string bin = rig::dir() + "/fakebin";
+    rig::sh("mkdir -p " + bin + " && printf '#!/bin/sh\\necho \"$*\" >" + bin +
+            "/args\\nexit $(cat " + bin + "/status)\\n' >" + bin + "/fsck.ext4 && chmod 755 " +
+            bin + "/fsck.ext4");
+    const std::string old_path = getenv("PATH");
+    setenv("PATH", (bin + ":" + old_path).c_str(), 1);
+    const struct {
+        int status;
+        int result;
+        const char *warning;
+    } cases[] = {{0, 0, nullptr},
+                 {1, 0, "File system errors corrected\n"},
+                 {2, 0, "File system errors corrected, system should be rebooted\n"},
+                 {4, -1, nullptr},
+                 {8, -1, nullptr}};
+    LogMask warnings(RECSTORE_LOG_WARNING);
+    for (const auto &c : cases) {
+        rig::sh("echo " + std::to_string(c.status) + " >" + bin + "/status");
+        StdoutCapture out;
+        const int result = fs_chk(disk.node.c_str());
+        const std::string text = out.stop();
+        EXPECT_EQ(result, c.result) << "status " << c.status << "\n" << text;
+        EXPECT_TRUE(contains(text, "fsck.ext4 -y " + disk.node + "2\n")) << text;
+        EXPECT_EQ(contains(text, "File system errors corrected"), c.warning != nullptr) << text;
+        if (c.warning) {
+            EXPECT_TRUE(contains(text, c.warning)) << text;
+        }
+        EXPECT_EQ(rig::sh("cat " + bin + "/args"), "-y " + disk.node + "2\n");
+    }
+    setenv("PATH", old_path.c_str(), 1);
+}
+
 // A disk without partitions: the check waits for the nodes, then gives up without checking.
 TEST_F(DiskPrep, CheckWithoutPartitionNodesSkips) {
     rig::Disk &disk = attach('a', 1 * kGiB);
