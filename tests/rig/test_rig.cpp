@@ -227,6 +227,13 @@ TEST(RigDisk, MbrDiskPartitionsFormatsMountsAndReplugs) {
     EXPECT_THROW(rig::replug(d), std::runtime_error);
     rig::unplug(d);
     EXPECT_EQ(mounted_type("/proc/mounts", "/mnt/sda"), "");
+
+    // A new disk on the letter of an unplugged one is blank.
+    rig::Disk fresh = rig::attach('a', kSmallDiskBytes);
+    EXPECT_EQ(device_bytes(fresh.node), kSmallDiskBytes);
+    EXPECT_FALSE(exists("/dev/hd/sda1"));
+    EXPECT_EQ(kernel_partition(fresh, 1), "");
+    rig::unplug(fresh);
 }
 
 TEST(RigDisk, LargeDiskTakesGptLabel) {

@@ -128,6 +128,19 @@ std::string backing_file(const std::string &loop) {
     return line;
 }
 
+// The loop device an image is attached to, "" when none.
+std::string loop_of(const std::string &image) {
+    DIR *d = ::opendir("/sys/block");
+    if (d == nullptr) return "";
+    std::string found;
+    while (const struct dirent *e = ::readdir(d)) {
+        const std::string name = e->d_name;
+        if (is_numbered(name, "loop", "") && backing_file(name) == image) found = "/dev/" + name;
+    }
+    ::closedir(d);
+    return found;
+}
+
 // The rig's /dev has nodes for the first loop devices; one the kernel made later gets its node
 // here, with the numbers sysfs gives.
 void ensure_loop_node(const std::string &loop) {
@@ -262,6 +275,12 @@ Disk attach(char letter, uint64_t bytes, bool direct_io) {
     disk.direct_io = direct_io;
     disk.image = dir() + "/sd" + letter + ".img";
     disk.node = std::string(kHdDir) + "/sd" + letter;
+    // The image of a disk of this letter that was unplugged before is replaced by a blank one.
+    const std::string holder = loop_of(disk.image);
+    if (!holder.empty()) fail(disk.image + " is still attached to " + holder);
+    if (::unlink(disk.image.c_str()) != 0 && errno != ENOENT) {
+        fail("cannot remove the old " + disk.image + ": " + errno_text());
+    }
     {
         Fd fd(::open(disk.image.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, kImageMode));
         if (fd.get() < 0) fail("cannot create " + disk.image + ": " + errno_text());

@@ -33,6 +33,7 @@ std::string dir();
 
 // Creates a sparse image of `bytes` named after the letter in the rig directory, attaches it to
 // a free loop device with partition scanning, makes /dev/hd/sd<letter> and runs udevstart.
+// The image of an unplugged disk of the same letter is replaced; a plugged one is refused.
 Disk attach(char letter, uint64_t bytes, bool direct_io = false);
 
 // Runs the rig's udevstart: partition nodes follow the kernel's partitions.
