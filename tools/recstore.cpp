@@ -27,7 +27,7 @@ constexpr uint64_t kDemoDiskBytes = 200 * kGiB;
 constexpr char kDemoLetter = 'a';
 constexpr int kPartitions = 3;
 constexpr const char *kDemoLog = "/tmp/recstore-demo.log";
-constexpr const char *kRigCommand = "sudo tests/rig/rig-run build/tools/recstore demo";
+constexpr const char *kRigCommand = "sudo scripts/demo (or: sudo tests/rig/rig-run build/native/tools/recstore demo)";
 
 // One subcommand: its name, a one-line summary and what runs it.
 struct Command {
