@@ -762,6 +762,44 @@ int do_dirAction_nostat(find_action_nostat action, const char *path, void *user,
     return timed(stats, &find_debug::dirops, [&] { return action(path, user); });
 }
 
+namespace {
+
+// The directory part shared by both walkers: the pre-order action, the children, then the
+// post-order action. dir_action() runs the caller's directory action (1 when there is none);
+// walk_child(path, listing type) walks one child.
+template <typename DirAction, typename WalkChild>
+int walk_directory(const char *path, int depth_first, bool has_dir_action, DirAction dir_action,
+                   WalkChild walk_child, find_debug *stats) {
+    if (!depth_first && has_dir_action) {
+        int status = dir_action();
+        if (status == 0) {
+            FS_LOG_INFO("dir action %s end\n", path);
+            return 0;
+        }
+        if (status == 2) return 1;
+    }
+    DIR *dir = do_opendir(path, stats);
+    if (!dir) return 1;
+    int status = 1;
+    while (struct dirent64 *de = do_readdir(dir, stats)) {
+        char child[kWalkPath];
+        if (!child_path(child, path, de->d_name)) continue;
+        if (walk_child(child, de->d_type) == 0) {
+            status = 0;
+            break;
+        }
+    }
+    do_closedir(dir, stats);
+    if (depth_first && has_dir_action) {
+        if (dir_action() != 0) return 1;
+        FS_LOG_INFO("dir action %s end\n", path);
+        return 0;
+    }
+    return status;
+}
+
+}  // namespace
+
 int find_recursive(char *path, int recurse, int follow_links, int depth_first,
                    find_action file_action, find_action dir_action, void *user, find_debug *stats) {
     if (!path) return 1;
@@ -775,34 +813,14 @@ int find_recursive(char *path, int recurse, int follow_links, int depth_first,
     }
     if (!S_ISDIR(st.st_mode)) return do_fileAction(file_action, path, &st, user, stats);
     if (!recurse) return do_dirAction(dir_action, path, &st, user, stats);
-
-    if (!depth_first && dir_action) {
-        int status = do_dirAction(dir_action, path, &st, user, stats);
-        if (status == 0) {
-            FS_LOG_INFO("dir action %s end\n", path);
-            return 0;
-        }
-        if (status == 2) return 1;
-    }
-    DIR *dir = do_opendir(path, stats);
-    if (!dir) return 1;
-    int status = 1;
-    while (struct dirent64 *de = do_readdir(dir, stats)) {
-        char child[kWalkPath];
-        if (!child_path(child, path, de->d_name)) continue;
-        if (find_recursive(child, 1, follow_links, depth_first, file_action, dir_action, user,
-                           stats) == 0) {
-            status = 0;
-            break;
-        }
-    }
-    do_closedir(dir, stats);
-    if (depth_first && dir_action) {
-        if (do_dirAction(dir_action, path, &st, user, stats) != 0) return 1;
-        FS_LOG_INFO("dir action %s end\n", path);
-        return 0;
-    }
-    return status;
+    return walk_directory(
+        path, depth_first, dir_action != nullptr,
+        [&] { return do_dirAction(dir_action, path, &st, user, stats); },
+        [&](char *child, unsigned char) {
+            return find_recursive(child, 1, follow_links, depth_first, file_action, dir_action,
+                                  user, stats);
+        },
+        stats);
 }
 
 int find_recursive_nostat(const char *path, unsigned char entry_type, int recurse, int follow_links,
@@ -816,34 +834,14 @@ int find_recursive_nostat(const char *path, unsigned char entry_type, int recurs
     }
     if ((entry_type & 4) == 0) return do_fileAction_nostat(file_action, path, user, stats);
     if (!recurse) return do_dirAction_nostat(dir_action, path, user, stats);
-
-    if (!depth_first && dir_action) {
-        int status = do_dirAction_nostat(dir_action, path, user, stats);
-        if (status == 0) {
-            FS_LOG_INFO("dir action %s end\n", path);
-            return 0;
-        }
-        if (status == 2) return 1;
-    }
-    DIR *dir = do_opendir(path, stats);
-    if (!dir) return 1;
-    int status = 1;
-    while (struct dirent64 *de = do_readdir(dir, stats)) {
-        char child[kWalkPath];
-        if (!child_path(child, path, de->d_name)) continue;
-        if (find_recursive_nostat(child, de->d_type, 1, follow_links, depth_first, file_action,
-                                  dir_action, user, stats) == 0) {
-            status = 0;
-            break;
-        }
-    }
-    do_closedir(dir, stats);
-    if (depth_first && dir_action) {
-        if (do_dirAction_nostat(dir_action, path, user, stats) != 0) return 1;
-        FS_LOG_INFO("dir action %s end\n", path);
-        return 0;
-    }
-    return status;
+    return walk_directory(
+        path, depth_first, dir_action != nullptr,
+        [&] { return do_dirAction_nostat(dir_action, path, user, stats); },
+        [&](char *child, unsigned char type) {
+            return find_recursive_nostat(child, type, 1, follow_links, depth_first, file_action,
+                                         dir_action, user, stats);
+        },
+        stats);
 }
 
 int remove_file(const char *path, int flags) {
