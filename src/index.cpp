@@ -121,12 +121,16 @@ int64_t secs_of(const fs_tm &t) {
     return mktime_abs(&full);
 }
 
-char *magic_path(int disk_id, char (&buf)[kPathLen]) {
+// Path of the disk's magic file; false (and an empty path) when the disk has no index root, so
+// that nothing is ever created or removed outside one.
+bool magic_path(int disk_id, char (&buf)[kPathLen]) {
     constexpr char kMagicName[] = "/magic";
-    char root[kPathLen - sizeof kMagicName];  // leaves room for the name
+    char root[kPathLen - sizeof kMagicName] = {};  // leaves room for the name
     idx_root(disk_id, root, sizeof root);
+    buf[0] = '\0';
+    if (root[0] == '\0') return false;
     snprintf(buf, sizeof buf, "%s%s", root, kMagicName);
-    return buf;
+    return true;
 }
 
 bool known_magic(uint32_t v) {
@@ -718,7 +722,7 @@ namespace recstore {
 int do_index_setup(int handle, int fd, const index_open_args &a) {
     g_idx_ctx[handle].fd = fd;
     if (a.flags & O_CREAT) {
-        char name[kPathLen];
+        char name[kPathLen] = {};
         mk_idx_fullname(a.disk_id, name, sizeof name, a.channel, a.start, a.type);
         return create_header(handle, a, name);
     }
@@ -769,7 +773,7 @@ int index_open(int disk_id, uint32_t block_id, const struct tm *start, int chann
     a.attr_d = attr_d;
     a.ext = ext;
 
-    char name[kPathLen], dir[kPathLen];
+    char name[kPathLen] = {}, dir[kPathLen] = {};
     mk_idx_fullname(disk_id, name, sizeof name, channel, start, type);
     mk_idx_fullpath(disk_id, dir, sizeof dir, channel, start, type);
     a.existed = access(name, F_OK) == 0;
@@ -961,13 +965,13 @@ int index_del(int disk_id, const struct tm *start, int channel, int type) {
         FS_LOG_ERR("invalid param");
         return -1;
     }
-    char name[kPathLen];
+    char name[kPathLen] = {};
     mk_idx_fullname(disk_id, name, sizeof name, channel, start, type);
     if (remove(name) != 0) {
         report_errno("remove");
         return -1;
     }
-    char root[kPathLen], dir[kPathLen], parent[kPathLen];
+    char root[kPathLen] = {}, dir[kPathLen] = {}, parent[kPathLen] = {};
     idx_root(disk_id, root, sizeof root);
     mk_idx_fullpath(disk_id, dir, sizeof dir, channel, start, type);
     // Remove the directories the recording leaves empty, up to (and not above) the index root.
@@ -984,7 +988,7 @@ int index_clear(int disk_id) {
         FS_LOG_ERR("invalid disk id");
         return -1;
     }
-    char path[kPathLen];
+    char path[kPathLen] = {};
     for (int ch = 0; ch < RECSTORE_MAX_CHANNELS; ++ch) {
         mk_idx_chnpath(disk_id, path, sizeof path, ch);
         remove_file(path, kRemoveAll);
@@ -1005,9 +1009,9 @@ int index_write_magic(int disk_id) {
         FS_LOG_ERR("invalid disk:%d", disk_id);
         return -1;
     }
-    char path[kPathLen];
-    magic_path(disk_id, path);
-    FdGuard fd(open(path, O_RDWR | O_CREAT, kFileMode));
+    char path[kPathLen] = {};
+    const bool named = magic_path(disk_id, path);
+    FdGuard fd(named ? open(path, O_RDWR | O_CREAT, kFileMode) : -1);
     if (fd.get() < 0) {
         FS_LOG_ERR("diskid:%d open magic :%s err\n", disk_id, path);
         perror("open");
@@ -1027,9 +1031,9 @@ int index_check_magic(int disk_id) {
         FS_LOG_ERR("invalid disk:%d", disk_id);
         return -1;
     }
-    char path[kPathLen];
-    magic_path(disk_id, path);
-    FdGuard fd(open(path, O_RDONLY));
+    char path[kPathLen] = {};
+    const bool named = magic_path(disk_id, path);
+    FdGuard fd(named ? open(path, O_RDONLY) : -1);
     if (fd.get() < 0) {
         FS_LOG_ERR("open magic :%s err", path);
         return -1;
@@ -1053,8 +1057,8 @@ void index_erase_magic(int disk_id) {
         FS_LOG_ERR("invalid disk:%d", disk_id);
         return;
     }
-    char path[kPathLen];
-    magic_path(disk_id, path);
+    char path[kPathLen] = {};
+    if (!magic_path(disk_id, path)) return;
     for (int i = 0; i < kEraseMagicTries; ++i) {
         if (access(path, F_OK) != 0 && errno == ENOENT) return;
         FS_LOG_INFO("remove magic file:%s", path);
@@ -1071,7 +1075,7 @@ int index_isfull(int disk_id) {
         FS_LOG_ERR("invalid disk id:%d", disk_id);
         return 1;
     }
-    char root[kPathLen];
+    char root[kPathLen] = {};
     idx_root(disk_id, root, sizeof root);
     struct statfs st;
     if (statfs(root, &st) != 0) return 0;
