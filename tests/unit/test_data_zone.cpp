@@ -617,6 +617,25 @@ TEST_F(DataZone, AllBlocksFullMeansNoBlock) {
     EXPECT_EQ(seq, 100u);
 }
 
+TEST_F(DataZone, BlockIdsOutsideTheZoneAreRefused) {
+    ASSERT_EQ(init(), 0);
+    LogMask errors(0x1);
+    StdoutCapture cap;
+    EXPECT_EQ(block_load(0, 0), nullptr);  // the block map itself
+    EXPECT_EQ(block_load(0, 4), nullptr);  // a reserved slot
+    EXPECT_EQ(block_load(0, 0xFFFFFFFFu), nullptr);
+    block_clear(0, 300);
+    block_unload(nullptr);
+    do_block_chk(nullptr, 1);
+    const std::string out = cap.stop();
+    EXPECT_TRUE(contains(out, "invalid block id:0\n")) << out;
+    EXPECT_TRUE(contains(out, "invalid block id:4\n")) << out;
+    EXPECT_TRUE(contains(out, "load block :300 err\n")) << out;
+    EXPECT_TRUE(contains(out, "NULL ptr\n")) << out;
+    EXPECT_EQ(aging::read_entry(img(), 4, 0), 0u);
+    EXPECT_EQ(datazone_free_count(0), 3 * 131072);
+}
+
 TEST(BlockList, EarliestAndLatestSkipEmptyEntries) {
     block_entry list[] = {{0xFFFFFFFFu, 5, 1}, {1, 3, 50}, {2, 0xFFFFFFFFu, 2},
                           {0, 7, 0x90000000u}, {3, 9, 50}, {4, 2, 60}};
