@@ -251,6 +251,50 @@ extern int g_fs_directio;         /* mode flag 2: payload I/O with O_DIRECT */
 extern int g_fs_usecache;         /* 1 unless mode flag 4 (no cache) */
 extern int g_max_duration_in_sec; /* longest duration of one recording file, default 7200 */
 
+/* ---- disk table, groups and fullness ---- */
+#define RECSTORE_NO_GROUP 3 /* g_disk[].grp of a disk in no group */
+#define RECSTORE_FS_RDONLY 1   /* fs_init mode flags */
+#define RECSTORE_FS_DIRECTIO 2
+#define RECSTORE_FS_NOCACHE 4
+
+/* Starts the disk layer: zeroes the disk table, the groups and the stream table, starts the index
+ * layer, takes the mode flags (RECSTORE_FS_*) and, unless the cache is off, mounts the tmpfs cache
+ * with cache_inodes inodes and cache_mib MiB per disk. 0, or -1 when the cache cannot be set up. */
+int fs_init(int cache_inodes, unsigned cache_mib, int flags);
+void fs_exit(void);
+/* Enters a disk into the table: its disk id, or -1 for a bad name. */
+int fs_opendisk(const char *dev);
+void fs_closedisk(int disk_id);
+/* Brings a mounted disk's data zone up (valid magic file, index mounted) and starts the cache
+ * load. 0 or -1. */
+int fs_datazone_init(int disk_id);
+void fs_datazone_exit(int disk_id);
+int fs_datazone_is_inited(int disk_id);
+int fs_disk_is_inited(int disk_id);
+/* Erases every recording of a disk and gives it a fresh magic file and fresh maps. 0 or -1. */
+int fs_cleardisk(int disk_id);
+int fs_chkdata(int disk_id, int fix);
+/* Copies the disk's table entry (with data-zone, index-root and magic information) to out. */
+int fs_getdiskinfo(int disk_id, fs_disk_info *out);
+/* Fullness tests: 1 full (or doubtful), 0 not full. */
+int fs_isdiskfull(int disk_id);
+int do_fs_isdiskfull(int disk_id, int threshold);
+int fs_isalldiskfull(int disk_id, int threshold);
+int fs_isblockfull(int disk_id);
+int fs_timenotify(int disk_id);
+int fs_adddisk(int grp, int disk_id);
+int fs_removedisk(int grp, int disk_id);
+int fs_getgrp(int disk_id);
+/* Disk ids of the group's occupied slots, in slot order, into ids (8 entries) and their number. */
+int fs_getdisk(int grp, int *ids, int *count);
+extern pthread_rwlock_t g_diskrwlock; /* the disk table as a whole, always taken for writing */
+int fs_lockdisk(void);
+int fs_unlockdisk(void);
+int fs_is_readonly(void);
+int fs_use_cache(void);
+void fs_set_max_record_duration(int seconds);
+int fs_get_max_record_duration(void);
+
 /* ---- disk preparation (section owned by the disk-preparation module) ---- */
 /* Version string of a disk's format, from its magic value: "7.0.0.0", "6.0.0.0", "5.0.0.0",
  * "1.0.0.2", or "" for an unknown magic or a bad disk id. */
@@ -600,6 +644,124 @@ void index_set_seqoffset(int handle, uint32_t seq, const kframe *frames, int cou
 void index_get_seqoffset(int handle, uint32_t *seq);
 
 /* ---- end of index ---- */
+
+/* ============================================================================================
+ * Streams: one recording on one disk, opened for writing or reading (section owned by fs).
+ * ========================================================================================== */
+#define RECSTORE_STREAMS 128 /* stream handles 0..127 */
+
+/* Open parameters of a recording (60 bytes on every platform). */
+typedef struct rec_param {
+    fs_tm start;      /* start of the recording */
+    uint32_t channel; /* channel 0-63 */
+    uint16_t attr_a;  /* creation attributes, stored verbatim in the record info */
+    uint16_t attr_b;
+    uint32_t attr_c;
+    uint32_t type; /* record type */
+} rec_param;
+
+/* One slot of the stream table. A slot is free while idx is negative. */
+typedef struct fs_file_ctx {
+    int32_t disk_id;                        /* disk of the stream */
+    uint32_t block_id;                      /* block the recording was created in; ~0 for readers */
+    int32_t idx;                            /* index handle, -1 when the slot is free */
+    uint32_t reserved;                      /* not used */
+    kframe kf_frames[RECSTORE_MAX_KFRAMES]; /* frame table of the current entry */
+    uint32_t kf_cur;                        /* current frame within that entry */
+    uint32_t kf_count;                      /* frames in that entry */
+    uint64_t kf_pos;                        /* stream position of that entry */
+    uint32_t cache_writes;                  /* writes since the cache tag was refreshed, 0-16 */
+    int32_t preload_cluster;                /* cluster requested for preload, -1 when none */
+    int32_t preload_loaded;                 /* cluster held in preload_buf, -1 when none */
+    uint8_t *preload_buf;                   /* page-aligned preload buffer owned by the slot */
+} fs_file_ctx;
+
+extern fs_file_ctx g_file_ctx[RECSTORE_STREAMS];
+extern pthread_mutex_t g_fslock; /* guards g_file_ctx */
+
+/* Opens a recording: with O_CREAT in flags it is created in the disk's current block (index file,
+ * link, cache tag); otherwise it is opened for reading. The stream handle, or -1. */
+int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint32_t attr_d,
+            const ext_desc *ext);
+/* Finalises the header (end time: the given one, or the last frame's when null) and frees the
+ * handle. */
+void fs_close(int handle, const struct tm *end);
+/* Stores one whole cluster (a 524288-byte buffer, page-aligned with direct I/O) with its index
+ * entry. length, -5 when no cluster can be allocated, or another negative value. */
+int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames,
+             uint32_t count);
+/* Current block of the disk, waiting up to 20 x 100 ms for one; 0xFFFFFFFF when none. */
+uint32_t fs_getblockid(int disk_id);
+/* Links a recording (index file name, path relative to the index root) into a block's link
+ * directory. 0 or -1. */
+int fs_create_link(int disk_id, uint32_t block_id, const char *name, const char *target);
+int fs_get_ext(int handle, void *buffer, int size);
+int fs_chmod(int handle, uint32_t mode);
+int fs_stat(int handle, recordinfo *out);
+int fs_insertalarm(int handle, const record_alarm *alarm);
+int fs_sync(int handle);
+/* Makes the next fs_write refresh the stream's cache tag. */
+int fs_sync_cache(int handle);
+/* 0 when the recording's index file exists on the disk, else -1. */
+int fs_access(int disk_id, const rec_param *param);
+void fs_dump(int fd, int disk_id);
+
+/* ---- block change and the host's exception callbacks ---- */
+#define RECSTORE_EXP_BUF 512 /* bytes of the buffer handed to the simple callbacks */
+
+/* Simple callbacks: (user argument, 512-byte buffer shared by the before and after calls). */
+typedef void (*fs_exp_cb)(void *arg, void *buf);
+typedef struct fs_exphandle {
+    fs_exp_cb before; /* before a block change, or null */
+    fs_exp_cb after;  /* after it, or null */
+    void *arg;        /* user argument of both */
+} fs_exphandle;
+
+/* Extended callbacks: (old disk, new disk, old block, new block, user context); blocks are -1
+ * before the change and the new block is -1 after a failed allocation. */
+typedef void (*fs_exp_ex_cb)(int old_disk, int new_disk, int old_block, int new_block, void *ctx);
+typedef struct fs_exphandle_ex {
+    void *rec_word0;     /* held for the recording API */
+    void *rec_word1;     /* held for the recording API */
+    fs_exp_ex_cb before; /* before a block change, or null */
+    fs_exp_ex_cb after;  /* after it, or null */
+    void *rec_word4;     /* held for the recording API */
+    void *ctx;           /* user context of both */
+} fs_exphandle_ex;
+
+extern fs_exphandle g_fsexp;
+extern fs_exphandle_ex g_fsexp_ex;
+
+/* Ends the old disk's current block and makes a new current block on the new disk (which may be
+ * the same), calling the host before and after. The cause is only logged. Always 0. */
+int fs_changeblock(int old_disk, int new_disk, int cause);
+/* Copies the current simple callbacks into old and installs new; returns old. */
+fs_exphandle *fs_set_exphandle(fs_exphandle *old, const fs_exphandle *new_handlers);
+void fs_clear_exphandle(void);
+/* Installs the extended callbacks (a copy of all six words); null clears them. */
+void fs_set_exphandle_ex(const fs_exphandle_ex *handlers);
+fs_exphandle_ex *fs_get_exphandle_ex(void);
+
+/* ---- deletion of recordings and blocks ---- */
+/* Deletes one recording (record: start time, channel and type) and frees its clusters. 0 or -1. */
+int fs_delete(int disk_id, const record_name *record);
+/* Deletes every index file and cache tag of the group-0 disks that starts before t (seconds since
+ * the epoch, UTC). 0 or -1. */
+int fs_delete_index_before(time_t t);
+/* Walk action of fs_delete_index_before over an index tree; user: pointer to a time_t. */
+int file_delete_index_before_action(const char *path, void *t);
+/* Removes every recording created in a block (through its link directory) and frees the block. */
+int fs_clear(int disk_id, uint32_t block_id);
+int file_delete_link_action(const char *path, struct stat *st, void *user);
+/* user: pointer to a time_t; 0 (stop) at the first recording that starts at or after it. */
+int file_compare_link_action(const char *path, struct stat *st, void *t);
+/* 1 when the current block holds nothing that starts at or after t (or there is no latest block),
+ * else 0. */
+int fs_block_timeout(const block_entry *latest, const block_entry *cur, time_t t);
+int fs_earliest(int disk_id, uint32_t *seq);
+int fs_before(int disk_id, int32_t t, block_entry *out, int max);
+
+/* ---- end of streams ---- */
 
 #ifdef __cplusplus
 } /* extern "C" */

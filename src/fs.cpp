@@ -4,7 +4,11 @@
 #include "fs.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
 #include <stdio.h>
 #include <string.h>
 #include <strings.h>
@@ -554,4 +558,1187 @@ int fs_ismounted(const char *dev) {
     char mnt[RECSTORE_PATH_LEN] = "";
     mount_point(dev, mnt, sizeof mnt);
     return find_mount_point(mnt, nullptr) ? 1 : 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The disk table, groups and fullness.
+//
+// Each entry's mutex guards that disk's entry, data zone and index. The group table is changed
+// under the mutex of the disk being added or removed. g_diskrwlock is the coarser lock the
+// recording layer holds around disk rotation.
+
+pthread_rwlock_t g_diskrwlock = PTHREAD_RWLOCK_INITIALIZER;
+fs_file_ctx g_file_ctx[RECSTORE_STREAMS];
+pthread_mutex_t g_fslock = PTHREAD_MUTEX_INITIALIZER;
+fs_exphandle g_fsexp;
+fs_exphandle_ex g_fsexp_ex;
+
+static_assert(sizeof(rec_param) == 60, "rec_param is 60 bytes on every platform");
+static_assert(offsetof(rec_param, channel) == 44, "rec_param layout");
+static_assert(offsetof(rec_param, attr_a) == 48, "rec_param layout");
+static_assert(offsetof(rec_param, attr_b) == 50, "rec_param layout");
+static_assert(offsetof(rec_param, attr_c) == 52, "rec_param layout");
+static_assert(offsetof(rec_param, type) == 56, "rec_param layout");
+#if defined(__arm__)
+static_assert(sizeof(fs_exphandle) == 12, "three words on the target");
+static_assert(sizeof(fs_exphandle_ex) == 24, "six words on the target");
+#endif
+
+namespace {
+
+using recstore::MutexGuard;
+using recstore::valid_disk_id;
+
+constexpr uint32_t kNoBlock = 0xFFFFFFFFu;  // "no block": all ones
+constexpr int kRdonlyFlag = RECSTORE_FS_RDONLY;
+constexpr int kDirectioFlag = RECSTORE_FS_DIRECTIO;
+constexpr int kNocacheFlag = RECSTORE_FS_NOCACHE;
+constexpr uint32_t kNoGroup = RECSTORE_NO_GROUP;
+
+bool valid_grp(int grp) {
+    return grp >= 0 && grp < RECSTORE_MAX_GROUPS;
+}
+
+// Refuses a bad disk id with the table's message.
+bool check_disk_id(int disk_id) {
+    if (valid_disk_id(disk_id)) return true;
+    FS_LOG_ERR("invalid disk id:%d\n", disk_id);
+    return false;
+}
+
+bool check_grp(int grp) {
+    if (valid_grp(grp)) return true;
+    FS_LOG_ERR("invalid grp id:%d\n", grp);
+    return false;
+}
+
+// A disk is open once fs_opendisk has entered its device path.
+bool disk_is_open(int disk_id) {
+    return valid_disk_id(disk_id) && g_disk[disk_id].devname[0] != '\0';
+}
+
+// Empties an entry; its mutex is made anew (nobody may hold it: the layer is starting or ending).
+void reset_disk_entry(fs_disk_info &d) {
+    memset(&d, 0, sizeof d);
+    pthread_mutex_init(&d.lock, nullptr);
+}
+
+// Marks every stream slot free, releasing preload buffers a previous run left.
+void reset_stream_table() {
+    MutexGuard guard(g_fslock);
+    for (fs_file_ctx &f : g_file_ctx) {
+        free(f.preload_buf);
+        memset(&f, 0, sizeof f);
+        f.disk_id = -1;
+        f.idx = -1;
+        f.preload_cluster = -1;
+        f.preload_loaded = -1;
+    }
+}
+
+// Slots are free from the moment the library is loaded.
+struct StreamTableInit {
+    StreamTableInit() {
+        for (fs_file_ctx &f : g_file_ctx) {
+            f.disk_id = -1;
+            f.idx = -1;
+            f.preload_cluster = -1;
+            f.preload_loaded = -1;
+        }
+    }
+};
+const StreamTableInit g_stream_table_init;
+
+void reset_tables() {
+    for (fs_group &g : g_grp) g = fs_group{};
+    for (fs_disk_info &d : g_disk) reset_disk_entry(d);
+    reset_stream_table();
+}
+
+// The disk's index mount point appears in the mount table.
+bool index_is_mounted(const fs_disk_info &d, char *mnt, size_t n) {
+    mnt[0] = '\0';
+    mount_point(d.devname, mnt, n);
+    return mnt[0] != '\0' && find_mount_point(mnt, nullptr) == 1;
+}
+
+// do_fs_isdiskfull with the disk's mutex held.
+int disk_full_locked(int disk_id, int threshold, bool with_index) {
+    const int idx_full = with_index ? index_isfull(disk_id) : 0;
+    const int dz_full = datazone_is_full_prepare(disk_id, threshold);
+    if (idx_full == 0 && dz_full == 0) return 0;
+    const int free_count = datazone_free_count(disk_id);
+    const int free_empty = datazone_is_free_empty(disk_id);
+    if (with_index) {
+        FS_LOG_INFO("disk :%d is full,index full:%d free count:%d free:%d\n", disk_id, idx_full,
+                    free_count, free_empty);
+    } else {
+        FS_LOG_INFO("disk :%d is full,free count:%d free:%d\n", disk_id, free_count, free_empty);
+    }
+    return 1;
+}
+
+}  // namespace
+
+int fs_init(int cache_inodes, unsigned cache_mib, int flags) {
+    reset_tables();
+    index_init();
+    g_fs_rdonly = (flags & kRdonlyFlag) != 0 ? 1 : 0;
+    g_fs_directio = (flags & kDirectioFlag) != 0 ? 1 : 0;
+    g_fs_usecache = (flags & kNocacheFlag) != 0 ? 0 : 1;
+    if (g_fs_usecache && cache_init(cache_inodes, cache_mib, g_fs_rdonly) != 0) {
+        FS_LOG_ERR("cache initialize err\n");
+        return -1;
+    }
+    return 0;
+}
+
+void fs_exit(void) {
+    if (g_fs_usecache) cache_exit();
+    index_exit();
+    reset_tables();
+}
+
+int fs_opendisk(const char *dev) {
+    const int disk_id = recstore::checked_disk_id(dev);
+    if (disk_id < 0) return -1;
+    fs_disk_info &d = g_disk[disk_id];
+    MutexGuard guard(d.lock);
+    if (strcmp(d.devname, dev) != 0) {
+        snprintf(d.devname, sizeof d.devname, "%s", dev);
+        d.diskid = static_cast<uint32_t>(disk_id);
+        FS_LOG_INFO("open disk:%d\n", disk_id);
+        d.opened_flag = 0;
+    } else {
+        FS_LOG_INFO("%s had been opened\n", dev);
+    }
+    return disk_id;
+}
+
+void fs_closedisk(int disk_id) {
+    if (!check_disk_id(disk_id)) return;
+    fs_disk_info &d = g_disk[disk_id];
+    MutexGuard guard(d.lock);
+    d.opened_flag = 0;
+    memset(d.devname, 0, sizeof d.devname);
+    d.inited = 0;
+}
+
+int fs_datazone_init(int disk_id) {
+    if (!check_disk_id(disk_id)) return -1;
+    FS_LOG_INFO("initialized disk:%d datazone\n", disk_id);
+    fs_disk_info &d = g_disk[disk_id];
+    {
+        MutexGuard guard(d.lock);
+        if (d.devname[0] == '\0') {
+            FS_LOG_ERR("disk %d not open\n", disk_id);
+            return -1;
+        }
+        if (index_check_magic(disk_id) != 0) {
+            FS_LOG_ERR("index_check_magic:%s\n", d.devname);
+            return -1;
+        }
+        char mnt[RECSTORE_PATH_LEN];
+        if (!index_is_mounted(d, mnt, sizeof mnt)) {
+            FS_LOG_ERR("disk had not mounted:%s\n", mnt);
+            return -1;
+        }
+        if (datazone_init(disk_id, g_fs_directio) != 0) {
+            FS_LOG_ERR("datazone initialized failed\n");
+            d.inited = 0;
+            return -1;
+        }
+        d.inited = 1;
+        if (g_fs_usecache) cache_load(d.devname);
+    }
+    FS_LOG_PLAIN("disk:%d filesystem version:%s\n", disk_id, fs_version(disk_id));
+    return 0;
+}
+
+void fs_datazone_exit(int disk_id) {
+    if (!check_disk_id(disk_id)) return;
+    fs_disk_info &d = g_disk[disk_id];
+    MutexGuard guard(d.lock);
+    if (g_fs_usecache && d.devname[0] != '\0') cache_unload(d.devname);
+    datazone_exit(disk_id);
+    d.inited = 0;
+}
+
+int fs_datazone_is_inited(int disk_id) {
+    if (!check_disk_id(disk_id)) return 0;
+    MutexGuard guard(g_disk[disk_id].lock);
+    return datazone_is_inited(disk_id);
+}
+
+int fs_disk_is_inited(int disk_id) {
+    if (!check_disk_id(disk_id)) return 0;
+    return static_cast<int>(g_disk[disk_id].inited);
+}
+
+int fs_cleardisk(int disk_id) {
+    if (!check_disk_id(disk_id)) return -1;
+    fs_disk_info &d = g_disk[disk_id];
+    sync();
+    {
+        MutexGuard guard(d.lock);
+        if (d.devname[0] == '\0') {
+            FS_LOG_ERR("disk %d not open\n", disk_id);
+            return -1;
+        }
+        if (index_clear(disk_id) != 0 || datazone_clear(disk_id) != 0) return -1;
+        index_erase_magic(disk_id);
+        if (index_write_magic(disk_id) != 0) return -1;
+        if (g_fs_usecache) cache_clear(d.devname);
+    }
+    sync();
+    return 0;
+}
+
+int fs_chkdata(int disk_id, int fix) {
+    if (g_fs_rdonly) {
+        FS_LOG_PLAIN("fs_chkdata readonly\n");
+        return -1;
+    }
+    if (!check_disk_id(disk_id)) return -1;
+    MutexGuard guard(g_disk[disk_id].lock);
+    const int idx = index_chk(disk_id, fix);
+    const int dz = datazone_chk(disk_id, fix);
+    return idx == 0 && dz == 0 ? 0 : -1;
+}
+
+int fs_getdiskinfo(int disk_id, fs_disk_info *out) {
+    if (!check_disk_id(disk_id)) return -1;
+    fs_disk_info &d = g_disk[disk_id];
+    MutexGuard guard(d.lock);
+    if (out == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return -1;
+    }
+    if (!d.inited) {
+        FS_LOG_INFO("disk not inited:%d\n", disk_id);
+        return 0;
+    }
+    if (datazone_getinfo(disk_id, &d.dz_info) != 0) {
+        FS_LOG_ERR("datazone_getinfo err\n");
+        return 0;
+    }
+    idx_root(disk_id, d.idx_root, sizeof d.idx_root);
+    if (statfs(d.idx_root, &d.idx_statfs) != 0) {
+        FS_LOG_ERR("statfs err\n");
+        return 0;
+    }
+    d.magic_ok = index_check_magic(disk_id) == 0 ? 1 : 0;
+    memcpy(out, &d, sizeof *out);
+    return 0;
+}
+
+int do_fs_isdiskfull(int disk_id, int threshold) {
+    if (!check_disk_id(disk_id)) return 1;
+    MutexGuard guard(g_disk[disk_id].lock);
+    if (!g_disk[disk_id].inited) {
+        FS_LOG_ERR("disk not inited:%d\n", disk_id);
+        return 1;
+    }
+    return disk_full_locked(disk_id, threshold, true);
+}
+
+int fs_isdiskfull(int disk_id) {
+    if (!check_disk_id(disk_id)) return 1;
+    MutexGuard guard(g_disk[disk_id].lock);
+    if (!g_disk[disk_id].inited) return 1;
+    return disk_full_locked(disk_id, 0, false);
+}
+
+int fs_isalldiskfull(int disk_id, int threshold) {
+    if (g_fs_usecache && cache_isfull() == 1) {
+        FS_LOG_ERR("cache is full\n");
+        return 1;
+    }
+    // A negative disk id asks about group 0 only; an id of 8 or more is refused.
+    if (disk_id >= 0 && check_disk_id(disk_id) && do_fs_isdiskfull(disk_id, threshold) == 0) {
+        return 0;
+    }
+    int ids[RECSTORE_MAX_DISKS];
+    int count = 0;
+    if (fs_getdisk(0, ids, &count) != 0) {
+        FS_LOG_ERR("get szdiskid err\n");
+        return 1;
+    }
+    for (int i = 0; i < count; i++) {
+        if (do_fs_isdiskfull(ids[i], threshold) == 0) return 0;
+    }
+    return 1;
+}
+
+int fs_isblockfull(int disk_id) {
+    if (!check_disk_id(disk_id)) return 1;
+    MutexGuard guard(g_disk[disk_id].lock);
+    return block_is_free_empty(disk_id) != 0 ? 1 : 0;
+}
+
+int fs_timenotify(int disk_id) {
+    return check_disk_id(disk_id) ? 0 : -1;
+}
+
+int fs_adddisk(int grp, int disk_id) {
+    if (!check_grp(grp) || !check_disk_id(disk_id)) return -1;
+    fs_disk_info &d = g_disk[disk_id];
+    fs_group &g = g_grp[grp];
+    MutexGuard guard(d.lock);
+    for (int slot = 0; slot < RECSTORE_MAX_DISKS; slot++) {
+        if (g.slots[slot] != nullptr) continue;
+        d.grp = static_cast<uint32_t>(grp);
+        g.slots[slot] = &d;
+        g.count++;
+        FS_LOG_INFO("add disk :%d to slot:%d\n", disk_id, slot);
+        return 0;
+    }
+    return -1;
+}
+
+int fs_removedisk(int grp, int disk_id) {
+    if (!check_grp(grp) || !check_disk_id(disk_id)) return -1;
+    fs_group &g = g_grp[grp];
+    MutexGuard guard(g_disk[disk_id].lock);
+    for (fs_disk_info *&slot : g.slots) {
+        if (slot == nullptr || slot->diskid != static_cast<uint32_t>(disk_id)) continue;
+        slot->grp = kNoGroup;
+        slot = nullptr;
+        g.count--;
+        return 0;
+    }
+    return -1;
+}
+
+int fs_getgrp(int disk_id) {
+    if (!check_disk_id(disk_id)) return static_cast<int>(kNoGroup);
+    return static_cast<int>(g_disk[disk_id].grp);
+}
+
+int fs_getdisk(int grp, int *ids, int *count) {
+    if (!check_grp(grp)) return -1;
+    if (ids == nullptr || count == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return -1;
+    }
+    int n = 0;
+    for (const fs_disk_info *slot : g_grp[grp].slots) {
+        if (slot != nullptr) ids[n++] = static_cast<int>(slot->diskid);
+    }
+    *count = n;
+    return 0;
+}
+
+int fs_lockdisk(void) {
+    return pthread_rwlock_wrlock(&g_diskrwlock);
+}
+
+int fs_unlockdisk(void) {
+    return pthread_rwlock_unlock(&g_diskrwlock);
+}
+
+int fs_is_readonly(void) {
+    return g_fs_rdonly;
+}
+
+int fs_use_cache(void) {
+    return g_fs_usecache;
+}
+
+void fs_set_max_record_duration(int seconds) {
+    if (seconds <= 0) {
+        FS_LOG_ERR("invalid record duration:%d\n", seconds);
+        return;
+    }
+    g_max_duration_in_sec = seconds;
+}
+
+int fs_get_max_record_duration(void) {
+    return g_max_duration_in_sec;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Streams: open, write, close and the small per-stream operations.
+//
+// g_fslock serialises the stream table (open, close, extension reads); the disk's mutex is held
+// only around cluster allocation. Payload and index entry are written outside both locks: one
+// stream is written by one thread at a time while different streams write in parallel.
+
+namespace {
+
+constexpr int kBlockWaitTries = 20;           // waits for a current block at open
+constexpr long kBlockWaitNs = 100000000L;     // 100 ms between them
+constexpr uint32_t kCacheRefreshWrites = 16;  // writes between two cache-tag refreshes
+constexpr size_t kPageSize = 4096;
+constexpr size_t kTimeText = 32;  // asctime_r needs 26 bytes
+
+// Writes "invalid param" with the error prefix whatever the log masks say.
+void report_invalid_param_always(int line) {
+    FS_LOG_PLAIN("\e[0;31m[%s:%d]:\e[0m%s", "fs.cpp", line, "invalid param");
+}
+
+bool valid_handle(int handle) {
+    return handle >= 0 && handle < RECSTORE_STREAMS;
+}
+
+// The checks every per-stream operation makes: handle range, disk open, index present.
+bool check_stream(int handle) {
+    if (!valid_handle(handle)) {
+        FS_LOG_ERR("invalid fd :%d", handle);
+        return false;
+    }
+    const fs_file_ctx &f = g_file_ctx[handle];
+    if (!disk_is_open(f.disk_id)) {
+        FS_LOG_ERR("disk %d not open", f.disk_id);
+        return false;
+    }
+    if (f.idx < 0) {
+        FS_LOG_ERR("had not opened yet");
+        return false;
+    }
+    return true;
+}
+
+struct tm tm_from(const fs_tm &t) {
+    struct tm out;
+    memset(&out, 0, sizeof out);
+    from_fs_tm(&out, &t);
+    return out;
+}
+
+const char *asc(const struct tm &t, char (&buf)[kTimeText]) {
+    if (asctime_r(&t, buf) == nullptr) snprintf(buf, sizeof buf, "?\n");
+    return buf;
+}
+
+// Enters (or re-enters) a recording's tag into the cache from its record info.
+void cache_enter(int disk_id, const recordinfo &info) {
+    struct tm start = tm_from(info.start_time);
+    struct tm end = tm_from(info.end_time);
+    cache_create(disk_id, static_cast<int>(info.channel), &start, &end, static_cast<int>(info.type),
+                 info.mode, static_cast<uint32_t>(info.total_bytes));
+}
+
+void cache_forget(int disk_id, const recordinfo &info) {
+    struct tm start = tm_from(info.start_time);
+    cache_delete(disk_id, static_cast<int>(info.channel), &start, static_cast<int>(info.type));
+}
+
+bool is_writer(int idx) {
+    const int flags = index_getflag(idx);
+    return flags >= 0 && (flags & O_CREAT) != 0;
+}
+
+// Clears what readers use for key-frame navigation.
+void clear_kf(fs_file_ctx &f) {
+    memset(f.kf_frames, 0, sizeof f.kf_frames);
+    f.kf_cur = 0;
+    f.kf_count = 0;
+    f.kf_pos = 0;
+}
+
+// Links and caches a recording just created in the slot.
+void register_new_recording(int disk_id, uint32_t block, const rec_param &p, const struct tm &start,
+                            int idx) {
+    char name[RECSTORE_PATH_LEN];
+    char relative[RECSTORE_PATH_LEN];
+    mk_idx_filename(name, sizeof name, static_cast<int>(p.channel), &start,
+                    static_cast<int>(p.type));
+    mk_idx_fullname_relative(relative, sizeof relative, static_cast<int>(p.channel), &start,
+                             static_cast<int>(p.type));
+    if (fs_create_link(disk_id, block, name, relative) != 0) {
+        FS_LOG_ERR("create link err:diskid:%d filename:%s fullname:%s\n", disk_id, name, relative);
+    }
+    if (!fs_use_cache()) return;
+    recordinfo info;
+    if (index_stat(idx, &info) == 0) cache_enter(disk_id, info);
+}
+
+// Direct I/O needs a page-aligned source; a caller's buffer that is not aligned is copied into
+// a per-thread cluster buffer first.
+struct FreeDeleter {
+    void operator()(void *p) const { free(p); }
+};
+
+const void *aligned_source(const void *buffer) {
+    if (!g_fs_directio || reinterpret_cast<uintptr_t>(buffer) % kPageSize == 0) return buffer;
+    thread_local std::unique_ptr<void, FreeDeleter> bounce;
+    if (!bounce) {
+        void *p = nullptr;
+        if (posix_memalign(&p, kPageSize, RECSTORE_CLUSTER_SIZE) != 0) return buffer;
+        bounce.reset(p);
+    }
+    memcpy(bounce.get(), buffer, RECSTORE_CLUSTER_SIZE);
+    return bounce.get();
+}
+
+// Every seventeenth write replaces the stream's cache tag with the current state.
+void refresh_cache_tag(fs_file_ctx &f) {
+    if (f.cache_writes < kCacheRefreshWrites) {
+        f.cache_writes++;
+        return;
+    }
+    recordinfo info;
+    if (is_writer(f.idx) && index_stat(f.idx, &info) == 0) {
+        cache_forget(f.disk_id, info);
+        cache_enter(f.disk_id, info);
+    }
+    f.cache_writes = 0;
+}
+
+}  // namespace
+
+uint32_t fs_getblockid(int disk_id) {
+    if (!check_disk_id(disk_id)) return kNoBlock;
+    for (int attempt = 0; attempt < kBlockWaitTries; attempt++) {
+        int block = -1;
+        {
+            MutexGuard guard(g_disk[disk_id].lock);
+            block = block_get_current(disk_id);
+        }
+        if (block != -1) return static_cast<uint32_t>(block);
+        struct timespec ts = {0, kBlockWaitNs};
+        nanosleep(&ts, nullptr);
+    }
+    FS_LOG_ERR("waiting for current block reach the max count");
+    return kNoBlock;
+}
+
+int fs_create_link(int disk_id, uint32_t block_id, const char *name, const char *target) {
+    if (!check_disk_id(disk_id)) return -1;
+    if (name == nullptr || target == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return -1;
+    }
+    char dir[RECSTORE_PATH_LEN + 1];
+    mk_idx_linkpath(disk_id, dir, RECSTORE_PATH_LEN, static_cast<int>(block_id));
+    if (access(dir, F_OK) != 0) {
+        // mkdir_recursive makes the directories that end in '/'.
+        const size_t len = strlen(dir);
+        dir[len] = '/';
+        dir[len + 1] = '\0';
+        mkdir_recursive(dir);
+    }
+    char link[RECSTORE_PATH_LEN] = "";
+    mk_idx_linkname(disk_id, link, sizeof link, static_cast<int>(block_id), name);
+    if (link[0] == '\0' || symlink(target, link) != 0) {
+        perror("symlink");
+        return -1;
+    }
+    return 0;
+}
+
+int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint32_t attr_d,
+            const ext_desc *ext) {
+    if (!check_disk_id(disk_id)) return -1;
+    if (param == nullptr || param->channel >= RECSTORE_MAX_CHANNELS) {
+        FS_LOG_ERR("invalid param");
+        return -1;
+    }
+    if (!disk_is_open(disk_id)) {
+        FS_LOG_ERR("disk %d not open", disk_id);
+        return -1;
+    }
+    MutexGuard guard(g_fslock);
+    int handle = -1;
+    for (int i = 0; i < RECSTORE_STREAMS; i++) {
+        if (g_file_ctx[i].idx < 0) {
+            handle = i;
+            break;
+        }
+    }
+    if (handle < 0) {
+        FS_LOG_ERR("reach the max count");
+        return -1;
+    }
+    fs_file_ctx &f = g_file_ctx[handle];
+    const bool creating = (flags & O_CREAT) != 0;
+    uint32_t block = kNoBlock;
+    if (creating) {
+        block = fs_getblockid(disk_id);
+        FS_LOG_INFO("create a record diskid: %d, blockid:%d \n", disk_id, static_cast<int>(block));
+    }
+    const struct tm start = tm_from(param->start);
+    const int channel = static_cast<int>(param->channel);
+    const int type = static_cast<int>(param->type);
+    f.idx = index_open(disk_id, block, &start, channel, type, param->attr_a, param->attr_b,
+                       param->attr_c, flags, mode, attr_d, ext);
+    if (f.idx < 0) {
+        char text[kTimeText];
+        FS_LOG_ERR("index_open err,diskid :%d blockid :%d channel:%d time:%s\n", disk_id,
+                   static_cast<int>(block), channel, asc(start, text));
+        f.idx = -1;
+        return -1;
+    }
+    if (creating) register_new_recording(disk_id, block, *param, start, f.idx);
+    f.disk_id = disk_id;
+    f.block_id = block;
+    clear_kf(f);
+    f.cache_writes = 0;
+    f.preload_cluster = -1;
+    f.preload_loaded = -1;
+    f.preload_buf = nullptr;
+    return handle;
+}
+
+int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames,
+             uint32_t count) {
+    if (g_fs_rdonly) {
+        FS_LOG_PLAIN("fs_write readonly\n");
+        return -1;
+    }
+    if (!check_stream(handle)) return -1;
+    if (frames == nullptr || buffer == nullptr) {
+        report_invalid_param_always(__LINE__);
+        return -1;
+    }
+    // A frame table holds 24 descriptors and a cluster 524288 bytes: more would overrun them.
+    if (count > RECSTORE_MAX_KFRAMES || length > RECSTORE_CLUSTER_SIZE) {
+        FS_LOG_ERR("invalid param:%u frames %u bytes\n", count, length);
+        return -1;
+    }
+    fs_file_ctx &f = g_file_ctx[handle];
+    const int disk_id = f.disk_id;
+    int cluster = -1;
+    {
+        MutexGuard guard(g_disk[disk_id].lock);
+        cluster = datazone_alloc(disk_id);
+    }
+    if (cluster == -1) {
+        FS_LOG_ERR("data alloc err");
+        return -5;
+    }
+    const int written = datazone_write(disk_id, cluster, aligned_source(buffer));
+    if (written < 0) {
+        FS_LOG_ERR("data write err");
+        return written;
+    }
+    const int entry = index_write(f.idx, static_cast<uint32_t>(cluster), length, frames, count);
+    if (entry < 0) {
+        FS_LOG_ERR("index write err");
+        return entry;
+    }
+    index_clear_offset(f.idx);
+    if (fs_use_cache()) refresh_cache_tag(f);
+    return static_cast<int>(length);
+}
+
+void fs_close(int handle, const struct tm *end) {
+    if (!valid_handle(handle)) {
+        FS_LOG_ERR("invalid fd :%d", handle);
+        return;
+    }
+    fs_file_ctx &f = g_file_ctx[handle];
+    if (!disk_is_open(f.disk_id)) {
+        FS_LOG_ERR("disk %d not open", f.disk_id);
+        return;
+    }
+    MutexGuard guard(g_fslock);
+    free(f.preload_buf);
+    f.preload_buf = nullptr;
+    f.preload_cluster = -1;
+    f.preload_loaded = -1;
+    clear_kf(f);
+    if (f.idx < 0) return;
+    recordinfo info;
+    if (fs_use_cache() && is_writer(f.idx) && index_stat(f.idx, &info) == 0) {
+        cache_forget(f.disk_id, info);
+        if (end != nullptr) to_fs_tm(end, &info.end_time);
+        cache_enter(f.disk_id, info);
+    }
+    index_close(f.idx, end);
+    f.cache_writes = 0;
+    f.idx = -1;
+}
+
+int fs_get_ext(int handle, void *buffer, int size) {
+    if (!check_stream(handle)) return -1;
+    MutexGuard guard(g_fslock);
+    return index_get_ext(g_file_ctx[handle].idx, buffer, size);
+}
+
+int fs_chmod(int handle, uint32_t mode) {
+    if (g_fs_rdonly) {
+        FS_LOG_PLAIN("fs_chmod readonly\n");
+        return -1;
+    }
+    if (!check_stream(handle)) return -1;
+    const fs_file_ctx &f = g_file_ctx[handle];
+    recordinfo info;
+    const bool have = fs_use_cache() && index_stat(f.idx, &info) == 0;
+    if (index_chmod(f.idx, mode) != 0) {
+        FS_LOG_ERR("index chmod err");
+        return -1;
+    }
+    if (have) {
+        cache_forget(f.disk_id, info);
+        info.mode = mode;
+        cache_enter(f.disk_id, info);
+    }
+    return 0;
+}
+
+int fs_stat(int handle, recordinfo *out) {
+    if (!check_stream(handle)) return -1;
+    if (out == nullptr) {
+        FS_LOG_ERR("invalid param");
+        return -1;
+    }
+    if (index_stat(g_file_ctx[handle].idx, out) != 0) {
+        FS_LOG_ERR("had not opened yet");
+        return -1;
+    }
+    return 0;
+}
+
+int fs_insertalarm(int handle, const record_alarm *alarm) {
+    if (!check_stream(handle)) return -1;
+    if (alarm == nullptr) {
+        FS_LOG_ERR("invalid param");
+        return -1;
+    }
+    return index_insertalarm(g_file_ctx[handle].idx, alarm);
+}
+
+int fs_sync(int handle) {
+    if (!check_stream(handle)) return -1;
+    const fs_file_ctx &f = g_file_ctx[handle];
+    index_flush_info(f.idx);
+    return datazone_sync(f.disk_id);
+}
+
+int fs_sync_cache(int handle) {
+    if (!valid_handle(handle)) {
+        FS_LOG_ERR("invalid fd :%d", handle);
+        return -1;
+    }
+    fs_file_ctx &f = g_file_ctx[handle];
+    if (f.idx < 0) return -1;
+    f.cache_writes = kCacheRefreshWrites;
+    return 0;
+}
+
+int fs_access(int disk_id, const rec_param *param) {
+    if (!check_disk_id(disk_id)) return -1;
+    if (param == nullptr) {
+        FS_LOG_ERR("invalid param");
+        return -1;
+    }
+    if (!disk_is_open(disk_id)) return -1;
+    const struct tm start = tm_from(param->start);
+    char name[RECSTORE_PATH_LEN];
+    mk_idx_fullname(disk_id, name, sizeof name, static_cast<int>(param->channel), &start,
+                    static_cast<int>(param->type));
+    return name[0] != '\0' && access(name, F_OK) == 0 ? 0 : -1;
+}
+
+void fs_dump(int fd, int disk_id) {
+    if (fd < 0 || disk_id < 0) return;
+    if (!check_disk_id(disk_id)) return;
+    dprintf(fd, "diskid:%d disk_inited?:%d dz_inited?:%d disk_full?:%d\n", disk_id,
+            fs_disk_is_inited(disk_id), fs_datazone_is_inited(disk_id), fs_isdiskfull(disk_id));
+    std::unique_ptr<fs_disk_info> info(new fs_disk_info());
+    if (fs_getdiskinfo(disk_id, info.get()) == 0 && info->inited) {
+        const fs_disk_info &d = *info;
+        dprintf(fd, "inited?:%d formatted?:%d magic:%x diskid:%d groupid:%d path:%s\n",
+                static_cast<int>(d.inited), static_cast<int>(d.magic_ok), g_magic[disk_id],
+                static_cast<int>(d.diskid), static_cast<int>(d.grp), d.devname);
+        const struct statfs &s = d.idx_statfs;
+        dprintf(fd, "index part:%s %ux %ux %lux %lux %lux %lux %lux\n", d.idx_root,
+                static_cast<unsigned>(s.f_type), static_cast<unsigned>(s.f_bsize),
+                static_cast<unsigned long>(s.f_blocks), static_cast<unsigned long>(s.f_bfree),
+                static_cast<unsigned long>(s.f_bavail), static_cast<unsigned long>(s.f_files),
+                static_cast<unsigned long>(s.f_ffree));
+        const datazone_info &z = d.dz_info;
+        dprintf(fd,
+                "dzone part:%s dz_size:%llu dz_left:%llu cluster_size:%u clusters_per_block:%u "
+                "start:%u count:%u bm_start:%u bm_count:%u blk_start:%u blk_count:%u "
+                "dat_start:%u dat_count:%u\n",
+                z.name, static_cast<unsigned long long>(z.totalsize),
+                static_cast<unsigned long long>(z.freesize), z.cluster_size, z.cluster_perblock,
+                z.cluster_start, z.cluster_count, z.bm_start, z.bm_count, z.block_start,
+                z.block_count, z.data_start, z.data_count);
+    }
+    datazone_dump(fd, disk_id);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Block change and the host's exception callbacks.
+//
+// Each disk's mutex is held only around its own block operation, never both at once, and the
+// callbacks run with no lock held, so that they may close and reopen streams.
+
+int fs_changeblock(int old_disk, int new_disk, int cause) {
+    if (!check_disk_id(old_disk) || !check_disk_id(new_disk)) return 0;
+    unsigned char buf[RECSTORE_EXP_BUF];
+    memset(buf, 0, sizeof buf);
+    const fs_exphandle_ex ex = g_fsexp_ex;
+    const fs_exphandle simple = g_fsexp;
+    if (ex.before != nullptr) {
+        ex.before(old_disk, new_disk, -1, -1, ex.ctx);
+    } else if (simple.before != nullptr) {
+        simple.before(simple.arg, buf);
+    }
+    int old_block = -1;
+    {
+        MutexGuard guard(g_disk[old_disk].lock);
+        old_block = block_get_current(old_disk);
+        if (old_block != -1) block_free(old_disk);
+    }
+    int new_block = -1;
+    {
+        MutexGuard guard(g_disk[new_disk].lock);
+        new_block = block_alloc(new_disk);
+    }
+    if (new_block != -1) {
+        {
+            MutexGuard guard(g_disk[old_disk].lock);
+            datazone_sync_bm(old_disk);
+        }
+        if (new_disk != old_disk) {
+            MutexGuard guard(g_disk[new_disk].lock);
+            datazone_sync_bm(new_disk);
+        }
+        fs_log_file("change blk olddisk:[%d %u] => newdisk:[%d %u] cb:%d ok\n", old_disk,
+                    static_cast<unsigned>(old_block), new_disk, static_cast<unsigned>(new_block),
+                    cause);
+    } else {
+        fs_log_file("change blk olddisk:[%d %u] => newdisk:[%d %u] cb:%d alloc failed\n", old_disk,
+                    static_cast<unsigned>(old_block), new_disk, static_cast<unsigned>(new_block),
+                    cause);
+    }
+    if (ex.after != nullptr) {
+        ex.after(old_disk, new_disk, old_block, new_block, ex.ctx);
+    } else if (simple.after != nullptr) {
+        simple.after(simple.arg, buf);
+    }
+    return 0;
+}
+
+fs_exphandle *fs_set_exphandle(fs_exphandle *old, const fs_exphandle *new_handlers) {
+    if (old == nullptr || new_handlers == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return old;
+    }
+    *old = g_fsexp;
+    g_fsexp = *new_handlers;
+    return old;
+}
+
+void fs_clear_exphandle(void) {
+    g_fsexp = fs_exphandle{};
+}
+
+void fs_set_exphandle_ex(const fs_exphandle_ex *handlers) {
+    g_fsexp_ex = handlers != nullptr ? *handlers : fs_exphandle_ex{};
+}
+
+fs_exphandle_ex *fs_get_exphandle_ex(void) {
+    return &g_fsexp_ex;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Deletion: one recording, everything before a time, and everything of one block.
+
+namespace {
+
+// Directory levels as fullname_to_record counts the fields it read.
+constexpr int kLevelChannel = 2;
+constexpr int kLevelYear = 3;
+constexpr int kLevelMonth = 4;
+constexpr int kLevelDay = 5;
+constexpr int kLevelType = 6;
+constexpr int kLevelFile = 7;
+constexpr int kLinkFields = 10;  // a whole link name
+constexpr int kWalkStop = 0;
+constexpr int kWalkGo = 1;
+constexpr int kWalkSkip = 2;
+constexpr int kRemoveTree = 7;  // remove_file: directories with contents, missing is fine
+constexpr int kTmBaseYear = 1900;
+
+struct tm utc_of(time_t t) {
+    struct tm out;
+    memset(&out, 0, sizeof out);
+    gmtime_r(&t, &out);
+    return out;
+}
+
+// The first second of the year, month or day the directory level names.
+struct tm first_second(const struct tm &parsed, int level) {
+    struct tm first;
+    memset(&first, 0, sizeof first);
+    first.tm_year = parsed.tm_year;
+    first.tm_mon = level >= kLevelMonth ? parsed.tm_mon : 0;
+    first.tm_mday = level >= kLevelDay ? parsed.tm_mday : 1;
+    return first;
+}
+
+void log_out_of_range(const struct tm &parsed, int level) {
+    const int year = parsed.tm_year + kTmBaseYear;
+    const int mon = parsed.tm_mon + 1;
+    if (level == kLevelYear) {
+        FS_LOG_INFO("year :%d out of range\n", year);
+    } else if (level == kLevelMonth) {
+        FS_LOG_INFO("year:%d mon :%d out of range\n", year, mon);
+    } else {
+        FS_LOG_INFO("year:%d mon :%d day:%d out of range\n", year, mon, parsed.tm_mday);
+    }
+}
+
+// Removes dir and its parents while they are empty and lie below root.
+void remove_empty_dirs_upward(const char *dir, const char *root) {
+    char root_slash[RECSTORE_PATH_LEN + 1];
+    snprintf(root_slash, sizeof root_slash, "%s/", root);
+    char cur[RECSTORE_PATH_LEN];
+    char parent[RECSTORE_PATH_LEN];
+    snprintf(cur, sizeof cur, "%s", dir);
+    while (strcmp(cur, root_slash) > 0) {
+        if (rm_empty_dir(cur) != 0) return;
+        mk_parent(cur, sizeof parent, parent);
+        if (strcmp(parent, cur) == 0) return;
+        snprintf(cur, sizeof cur, "%s", parent);
+    }
+}
+
+// Frees the clusters listed in an open index file's entries. false when an entry is missing.
+bool free_clusters_of(int disk_id, int idx, uint32_t entries) {
+    for (uint32_t i = 0; i < entries; i++) {
+        uint32_t cluster = 0;
+        uint32_t length = 0;
+        uint32_t frame_count = 0;
+        kframe frames[RECSTORE_MAX_KFRAMES];
+        if (index_read(idx, &cluster, &length, frames, &frame_count, nullptr) <
+            static_cast<int>(index_size())) {
+            return false;
+        }
+        MutexGuard guard(g_disk[disk_id].lock);
+        datazone_free(disk_id, static_cast<int>(cluster));
+    }
+    return true;
+}
+
+// Walks one channel's cache directory and then its index directory, removing what began before t.
+void delete_channel_before(int disk_id, int channel, time_t *t) {
+    char chn[RECSTORE_PATH_LEN];
+    mk_idx_chnpath(disk_id, chn, sizeof chn, channel);
+    if (chn[0] == '\0') return;
+    if (fs_use_cache()) {
+        char cache[RECSTORE_PATH_LEN];
+        tocachename(cache, sizeof cache, chn);
+        fs_log_file("fs_delete_index_before cachename:%s t:%d\n", cache, static_cast<int>(*t));
+        find_recursive_nostat(cache, DT_DIR, 1, 0, 0, cache_del_before_action,
+                              cache_del_before_action, t, nullptr);
+    }
+    fs_log_file("fs_delete_index_before path:%s t:%d\n", chn, static_cast<int>(*t));
+    find_recursive_nostat(chn, DT_DIR, 1, 0, 0, file_delete_index_before_action,
+                          file_delete_index_before_action, t, nullptr);
+}
+
+}  // namespace
+
+int fs_delete(int disk_id, const record_name *record) {
+    if (g_fs_rdonly) {
+        FS_LOG_ERR("fs_delete readonly\n");
+        return -1;
+    }
+    if (!check_disk_id(disk_id)) return -1;
+    if (record == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return -1;
+    }
+    int idx = -1;
+    {
+        MutexGuard guard(g_fslock);
+        idx = index_open(disk_id, kNoBlock, &record->start, record->channel, record->type, 0, 0, 0,
+                         0, 0, 0, nullptr);
+    }
+    if (idx < 0) return -1;
+    recordinfo info;
+    const bool ok = index_stat(idx, &info) == 0 && free_clusters_of(disk_id, idx, info.entry_count);
+    {
+        MutexGuard guard(g_fslock);
+        index_close(idx, nullptr);
+    }
+    if (!ok) return -1;
+    if (index_del(disk_id, &record->start, record->channel, record->type) != 0) return -1;
+    if (fs_use_cache()) {
+        struct tm start = record->start;
+        cache_delete(disk_id, record->channel, &start, record->type);
+    }
+    return 0;
+}
+
+int fs_delete_index_before(time_t t) {
+    if (g_fs_rdonly) {
+        FS_LOG_ERR("fs_delete readonly\n");
+        return -1;
+    }
+    int ids[RECSTORE_MAX_DISKS];
+    int count = 0;
+    if (fs_getdisk(0, ids, &count) != 0) {
+        FS_LOG_ERR("get diskid err\n");
+        return -1;
+    }
+    if (count == 0) {
+        FS_LOG_ERR("diskcount 0\n");
+        return -1;
+    }
+    for (int i = 0; i < count; i++) {
+        for (int channel = 0; channel < RECSTORE_MAX_CHANNELS; channel++) {
+            delete_channel_before(ids[i], channel, &t);
+        }
+    }
+    return 0;
+}
+
+int file_delete_index_before_action(const char *path, void *t) {
+    if (path == nullptr || t == nullptr) return kWalkSkip;
+    if (strstr(path, "link") != nullptr) return kWalkSkip;
+    int disk_id = 0;
+    int channel = 0;
+    int type = 0;
+    struct tm parsed;
+    memset(&parsed, 0, sizeof parsed);
+    const int level = fullname_to_record(path, &disk_id, &channel, &parsed, &type);
+    if (level <= 0) {
+        FS_LOG_ERR("invalid level\n");
+        return kWalkSkip;
+    }
+    if (level <= kLevelChannel || level == kLevelType) return kWalkGo;
+    const struct tm before = utc_of(*static_cast<time_t *>(t));
+    char before_text[kTimeText];
+    asc(before, before_text);
+    if (level < kLevelFile) {
+        const struct tm first = first_second(parsed, level);
+        if (tm_cmp(&first, &before) > 0) {
+            log_out_of_range(parsed, level);
+            return kWalkSkip;
+        }
+        FS_LOG_INFO("be care of file name:%s before:%s", path, before_text);
+        return kWalkGo;
+    }
+    if (tm_cmp(&parsed, &before) > 0) {
+        FS_LOG_INFO("time out of range:%s", path);
+        return kWalkSkip;
+    }
+    if (remove(path) == 0) {
+        FS_LOG_INFO("del file name:%s before:%s ok\n", path, before_text);
+    } else {
+        FS_LOG_INFO("del file name:%s before:%s error:%s\n", path, before_text, strerror(errno));
+    }
+    return kWalkGo;
+}
+
+int fs_clear(int disk_id, uint32_t block_id) {
+    if (g_fs_rdonly) {
+        FS_LOG_ERR("fs_clear readonly\n");
+        return -1;
+    }
+    if (!check_disk_id(disk_id)) return -1;
+    if (block_id == kNoBlock) {
+        FS_LOG_ERR("invalid block id\n");
+        return -1;
+    }
+    {
+        // The current block's map is held in memory: clearing it would leave the two apart.
+        MutexGuard guard(g_disk[disk_id].lock);
+        const dz_block *cur = g_dz_ctx[disk_id].cur_block;
+        if (cur != nullptr && cur->block_id == block_id) {
+            FS_LOG_ERR("block %u is the current block\n", block_id);
+            return -1;
+        }
+    }
+    char dir[RECSTORE_PATH_LEN];
+    mk_idx_linkpath(disk_id, dir, sizeof dir, static_cast<int>(block_id));
+    if (dir[0] == '\0') return -1;
+    fs_log_file("remove link :%s\n", dir);
+    find_recursive(dir, 1, 0, 0, file_delete_link_action, nullptr, nullptr, nullptr);
+    remove_file(dir, kRemoveTree);
+    MutexGuard guard(g_disk[disk_id].lock);
+    block_clear(disk_id, block_id);
+    datazone_sync_bm(disk_id);
+    return 0;
+}
+
+int file_delete_link_action(const char *path, struct stat *st, void * /*user*/) {
+    if (path == nullptr || st == nullptr || !S_ISLNK(st->st_mode)) return kWalkGo;
+    int disk_id = -1;
+    int block_id = 0;
+    int channel = 0;
+    int type = 0;
+    struct tm start;
+    memset(&start, 0, sizeof start);
+    if (linkname_to_record(path, &disk_id, &block_id, &channel, &start, &type) < kLinkFields ||
+        !valid_disk_id(disk_id)) {
+        return kWalkGo;
+    }
+    char name[RECSTORE_PATH_LEN];
+    mk_idx_fullname(disk_id, name, sizeof name, channel, &start, type);
+    if (name[0] != '\0') remove(name);
+    remove(path);
+    char leaf[RECSTORE_PATH_LEN];
+    char root[RECSTORE_PATH_LEN];
+    mk_idx_fullpath(disk_id, leaf, sizeof leaf, channel, &start, type);
+    idx_root(disk_id, root, sizeof root);
+    if (leaf[0] != '\0' && root[0] != '\0') remove_empty_dirs_upward(leaf, root);
+    if (fs_use_cache()) cache_delete(disk_id, channel, &start, type);
+    return kWalkGo;
+}
+
+int file_compare_link_action(const char *path, struct stat *st, void *t) {
+    if (path == nullptr || st == nullptr || t == nullptr || !S_ISLNK(st->st_mode)) return kWalkGo;
+    int disk_id = -1;
+    int block_id = 0;
+    int channel = 0;
+    int type = 0;
+    struct tm start;
+    memset(&start, 0, sizeof start);
+    if (linkname_to_record(path, &disk_id, &block_id, &channel, &start, &type) < kLinkFields) {
+        return kWalkGo;
+    }
+    const time_t when = *static_cast<time_t *>(t);
+    const struct tm limit = utc_of(when);
+    if (tm_cmp(&start, &limit) < 0) return kWalkGo;
+    FS_LOG_INFO("find file:%s later than specific time:%lu\n", path,
+                static_cast<unsigned long>(when));
+    return kWalkStop;
+}
+
+int fs_block_timeout(const block_entry *latest, const block_entry *cur, time_t t) {
+    if (latest == nullptr || static_cast<int32_t>(latest->disk) < 0 ||
+        latest->block_id == kNoBlock) {
+        return 1;
+    }
+    if (cur == nullptr) return 1;
+    const unsigned long when = static_cast<unsigned long>(t);
+    if (latest->seq == cur->seq && valid_disk_id(static_cast<int>(cur->disk))) {
+        char dir[RECSTORE_PATH_LEN];
+        mk_idx_linkpath(static_cast<int>(cur->disk), dir, sizeof dir,
+                        static_cast<int>(cur->block_id));
+        time_t limit = t;
+        if (dir[0] != '\0' && find_recursive(dir, 1, 0, 0, file_compare_link_action, nullptr,
+                                             &limit, nullptr) == kWalkStop) {
+            FS_LOG_INFO(
+                "find some record in:%s later than time:%lu, latest [%d %u %u], cur [%d %u %u]\n",
+                dir, when, static_cast<int>(latest->disk), latest->block_id, latest->seq,
+                static_cast<int>(cur->disk), cur->block_id, cur->seq);
+            return 0;
+        }
+    }
+    FS_LOG_INFO("fs_block_timeout latest [%d %u %u], cur [%d %u %u]\n",
+                static_cast<int>(latest->disk), latest->block_id, latest->seq,
+                static_cast<int>(cur->disk), cur->block_id, cur->seq);
+    return 1;
+}
+
+int fs_earliest(int disk_id, uint32_t *seq) {
+    if (!check_disk_id(disk_id)) return -1;
+    MutexGuard guard(g_disk[disk_id].lock);
+    return block_earliest(disk_id, seq);
+}
+
+int fs_before(int disk_id, int32_t t, block_entry *out, int max) {
+    if (!check_disk_id(disk_id)) return -1;
+    MutexGuard guard(g_disk[disk_id].lock);
+    return block_before(disk_id, t, out, max);
 }
