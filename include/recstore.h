@@ -646,6 +646,70 @@ void index_get_seqoffset(int handle, uint32_t *seq);
 /* ---- end of index ---- */
 
 /* ============================================================================================
+ * Index cache on tmpfs (section owned by the cache module).
+ * The tmpfs mounted on "/mnt/cache/" mirrors each disk's index tree: every leaf directory
+ * (channel, day, type) has a file "cache" holding one 8-byte tag per recording (layout in
+ * filename_to_cachetag), stored as eight little-endian bytes, low word first.
+ * ========================================================================================== */
+extern int g_cache_rdonly;                     /* 1 when the cache was initialised read-only */
+extern int g_cache_loaded[RECSTORE_MAX_DISKS]; /* 1 once a disk's cache has been built */
+extern pthread_mutex_t g_cachelock;            /* guards every read, append, rewrite and clear */
+
+/* Decides a tag's fate in a cache-file rewrite: 0 drops it, anything else keeps it
+ * (match_cachetag, before_cachetag). */
+typedef int (*cache_tag_pred)(uint32_t lo, uint32_t hi, const struct tm *t);
+
+/* Mounts the tmpfs: size = disks found by fs_probe (1 when none or more than 8) x size_mib MiB,
+ * nr_inodes = inodes. Read-only mode mounts nothing. 0, or -1 when neither mount nor remount
+ * succeeded (or inodes <= 0, size_mib 0 or a size that does not fit an int: refused). */
+int cache_init(int inodes, unsigned size_mib, int readonly);
+/* Unmounts the tmpfs ("umount -f"); the command's result, else 0. */
+int cache_exit(void);
+/* Starts a detached thread rebuilding the cache of device ("/dev/hd/sd" plus a letter a-h) from
+ * its index tree. 0 when started (or read-only), -1 when refused or not started. */
+int cache_load(const char *device);
+/* The loader's body: clears the disk's cache, walks its index tree with buildcache, then marks
+ * the disk loaded. Returns NULL. */
+void *proc_cache_load(void *device);
+/* Walk action of the loader: mirrors directories, appends one tag per index file; 2 for paths
+ * holding "link" (not descended), else 1. */
+int buildcache(const char *path, struct stat *st, void *user);
+/* As cache_clear (nothing in read-only mode); the loaded flag stays as it is. */
+int cache_unload(const char *device);
+/* Removes the disk's cache tree /mnt/cache/sdX. 0, or -1 for a device name that is refused. */
+int cache_clear(const char *device);
+/* Appends the tag of one recording to its cache file. -1 when start is later than end (even in
+ * read-only mode), for bad arguments or when the file cannot be opened; else 0. Only the low 8
+ * bits of mode and bits 16-31 of total_bytes are kept. */
+int cache_create(int disk_id, int channel, const struct tm *start, const struct tm *end, int type,
+                 unsigned mode, uint32_t total_bytes);
+/* Stores the loaded flag of a disk (nothing for an index above 7). Always -1. */
+int cache_set_loaded(unsigned disk_id, int value);
+/* The loaded flag of a disk, 0 for an index above 7. */
+int cache_is_loaded(unsigned disk_id);
+/* 1 when the mounted tmpfs has at most one free block or inode (logged to the log file). */
+int cache_isfull(void);
+int cache_is_readonly(void);
+/* Writes "cache full?:%d rdonly?:%d loaded?:%d" to fd; nothing for a negative argument. */
+void cache_dump(int fd, int disk_id);
+
+/* -- removal of tags and cache files -- */
+/* Rewrites the cache file of (disk, channel, t's day, type) through "cachetmp", dropping the tags
+ * for which pred returns 0 (none without pred); an empty result is removed, then the empty
+ * directories above it up to the disk's cache root. 0, or -1 (missing file, open failure). */
+int do_cache_delete_cond(int disk_id, int channel, const struct tm *t, int type,
+                         cache_tag_pred pred);
+/* Drops every tag starting at the same second of the day as start. */
+int cache_delete(int disk_id, int channel, const struct tm *start, int type);
+/* Walk action (find_recursive_nostat) over a channel's cache tree: removes what lies before the
+ * time *(const time_t *)t (UTC) and rewrites t's own day. Walk verdicts 0, 1, 2. */
+int cache_del_before_action(const char *path, void *t);
+/* Does nothing; 0. */
+int cache_delete_before(void);
+
+/* ---- end of cache ---- */
+
+/* ============================================================================================
  * Streams: one recording on one disk, opened for writing or reading (section owned by fs).
  * ========================================================================================== */
 #define RECSTORE_STREAMS 128 /* stream handles 0..127 */
