@@ -9,7 +9,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,6 +24,22 @@ using recstore_test::StdoutCapture;
 namespace {
 
 constexpr unsigned kAllLevels = 0xB;  // errors, warnings, information
+
+// Replaces every run of digits that follows "cpp:" or "line:" by "N", so that messages can be
+// compared whole without depending on source line numbers.
+std::string without_line_numbers(const std::string &text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); i++) {
+        out += text[i];
+        bool after_file = i >= 3 && text.compare(i - 3, 4, "cpp:") == 0;
+        bool after_line = i >= 4 && text.compare(i - 4, 5, "line:") == 0;
+        if ((after_file || after_line) && i + 1 < text.size() && isdigit(text[i + 1])) {
+            out += 'N';
+            while (i + 1 < text.size() && isdigit(text[i + 1])) i++;
+        }
+    }
+    return out;
+}
 
 struct tm make_tm(int year, int mon1, int mday, int hour = 0, int min = 0, int sec = 0) {
     struct tm t = {};
@@ -81,9 +96,7 @@ TEST(Messages, ErrorHasRedPrefixWithFileAndLine) {
     char buf[16] = "x";
     disk_root(9, buf, sizeof buf);
     std::string out = cap.stop();
-    EXPECT_TRUE(std::regex_match(out, std::regex("\x1b\\[0;31m\\[fs_tools\\.cpp:[0-9]+\\]:\x1b\\[0m"
-                                                 "invalid disk id:9\n")))
-        << out;
+    EXPECT_EQ(without_line_numbers(out), "\x1b[0;31m[fs_tools.cpp:N]:\x1b[0minvalid disk id:9\n");
     EXPECT_STREQ(buf, "");
 }
 
@@ -110,10 +123,9 @@ TEST(Messages, WarningAndInfoPrefixes) {
     FS_LOG_INFO("i%d\n", 2);
     FS_LOG_PLAIN("plain\n");
     std::string out = cap.stop();
-    EXPECT_TRUE(std::regex_match(out, std::regex("\x1b\\[1;33m\\[test_fs_tools\\.cpp:[0-9]+\\]:"
-                                                 "\x1b\\[0mw1\n\x1b\\[0;32m\\[test_fs_tools\\.cpp:"
-                                                 "[0-9]+\\]:\x1b\\[0mi2\nplain\n")))
-        << out;
+    EXPECT_EQ(without_line_numbers(out),
+              "\x1b[1;33m[test_fs_tools.cpp:N]:\x1b[0mw1\n"
+              "\x1b[0;32m[test_fs_tools.cpp:N]:\x1b[0mi2\nplain\n");
 }
 
 TEST(Messages, PlainLinesIgnoreTheGate) {
@@ -143,9 +155,8 @@ TEST(Messages, AssertionPrintsAndAborts) {
     int status = 0;
     waitpid(pid, &status, 0);
     EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_TRUE(std::regex_match(out, std::regex("assert expression: sizeof\\(int\\) == 1,at "
-                                                 "file:test_fs_tools\\.cpp,line:[0-9]+\nhalt\n")))
-        << out;
+    EXPECT_EQ(without_line_numbers(out),
+              "assert expression: sizeof(int) == 1,at file:test_fs_tools.cpp,line:N\nhalt\n");
 }
 
 TEST(LogFile, DisabledPrintsNothingAndFails) {
