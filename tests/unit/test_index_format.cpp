@@ -897,3 +897,26 @@ TEST_F(IndexFormat, GarbageExtensionLengthDoesNotOverrun) {
         index_close(r, nullptr);
     }
 }
+
+TEST_F(IndexFormat, PartialLastEntryIsAShortRead) {
+    TempFile f;
+    const int h = create(f);
+    ASSERT_GE(h, 0);
+    const auto fr = frames_at({kBase});
+    ASSERT_EQ(index_write(h, 1, 10, fr.data(), 1), 204);
+    struct tm end = utc(kBase + 1);
+    index_close(h, &end);
+    std::vector<uint8_t> half(100, 0x11);
+    f.write_at(8336 + 204, half.data(), half.size());
+    const int r = reopen(f);
+    ASSERT_GE(r, 0);
+    uint32_t cid = 0, len = 0, cnt = 0, next = 0;
+    kframe got[kMaxKframes];
+    EXPECT_EQ(index_read(r, &cid, &len, got, &cnt, &next), 204);
+    EXPECT_EQ(next, 0x11111111u) << "the head of the partial entry is there";
+    EXPECT_EQ(index_get(r, &cid, &len, got, &cnt), 100) << "the short count is returned";
+    EXPECT_EQ(index_read(r, &cid, &len, got, &cnt, nullptr), 100);
+    EXPECT_EQ(index_read(r, &cid, &len, got, &cnt, nullptr), 0);
+    EXPECT_EQ(index_lseek(r, 10, SEEK_SET, nullptr), 524288);
+    EXPECT_EQ(index_lseek(r, 11, SEEK_SET, nullptr), -1) << "the partial entry is no entry";
+}
