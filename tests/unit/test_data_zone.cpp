@@ -26,12 +26,14 @@
 // short.
 namespace {
 int g_short_read_cluster = -1;
-}
+int g_read_cluster_calls = 0;  // every read_cluster call of the library is counted
+}  // namespace
 
 extern "C" ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n) {
     using Fn = ssize_t (*)(int, int, int, void *, size_t);
     static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "read_cluster"));
     if (real == nullptr) return -1;
+    ++g_read_cluster_calls;
     if (cluster == g_short_read_cluster && n > 1) return real(fd, cluster, offset, buf, n / 2);
     return real(fd, cluster, offset, buf, n);
 }
@@ -112,6 +114,25 @@ class DataZone : public ::testing::Test {
 
 // ---------------------------------------------------------------------------------------------
 // Geometry.
+
+// Runs first (registration order): the records as the library was loaded.
+TEST(DataZoneRecord, InitialContents) {
+    for (int d = 0; d < RECSTORE_MAX_DISKS; ++d) {
+        const datazone_ctx &z = g_dz_ctx[d];
+        EXPECT_EQ(z.fd_rw, -1);
+        EXPECT_EQ(z.fd_rd, -1);
+        EXPECT_EQ(z.fd_rd_direct, 0);
+        EXPECT_EQ(z.fd_wr, -1);
+        EXPECT_EQ(z.cur_block, nullptr);
+        EXPECT_EQ(z.block_map.vals, nullptr);
+        EXPECT_EQ(z.info.block_count, 0u);
+        EXPECT_EQ(z.busy_count + z.free_count + z.err_count, 0u);
+    }
+    LogMask quiet(0, 0);
+    EXPECT_EQ(datazone_is_inited(3), 0);
+    std::vector<unsigned char> buf(524288);
+    EXPECT_EQ(datazone_read_direct(3, 300, buf.data()), -1);
+}
 
 TEST(DataZoneGeometry, ReservedSlotsFollowTheLargestSupportedDisk) {
     recstore::DzGeometry g{};
@@ -688,6 +709,7 @@ TEST_F(DataZone, OutOfRangeClustersAreRefusedWithoutTouchingTheDevice) {
     ASSERT_EQ(init(), 0);
     std::vector<unsigned char> buf(524288, 0xA5);
     LogMask quiet(0, 0);  // the line is printed without the gate
+    g_read_cluster_calls = 0;
     StdoutCapture cap;
     EXPECT_EQ(datazone_read(0, 256, buf.data()), -1);
     EXPECT_EQ(datazone_read(0, 257 + 393216, buf.data()), -1);
@@ -699,6 +721,7 @@ TEST_F(DataZone, OutOfRangeClustersAreRefusedWithoutTouchingTheDevice) {
               "fatal error,cluster:393473,start :257 count:393216\n"
               "fatal error,cluster:0,start :257 count:393216\n"
               "fatal error,cluster:-1,start :257 count:393216\n");
+    EXPECT_EQ(g_read_cluster_calls, 0);
     for (unsigned char c : buf) ASSERT_EQ(c, 0xA5);
     EXPECT_EQ(aging::read_entry(img(), 0, 0), 0u);  // the map was not overwritten
 }
@@ -768,7 +791,9 @@ TEST_F(DataZone, ClearZeroesEveryMap) {
 TEST_F(DataZone, ReadOnlyStartsWithoutMapsAndRefusesBlocks) {
     ASSERT_TRUE(aging::fill_block(img(), 1, 10, 1000));  // would be repaired in read-write mode
     g_fs_rdonly = 1;
+    g_read_cluster_calls = 0;
     ASSERT_EQ(init(), 0);
+    EXPECT_EQ(g_read_cluster_calls, 0);  // no map was read
     EXPECT_EQ(g_dz_ctx[0].block_map.vals, nullptr);
     EXPECT_EQ(g_dz_ctx[0].block_map.count, 0u);
     EXPECT_EQ(aging::read_entry(img(), 0, 0), 0x800003E8u);  // nothing written
