@@ -1,0 +1,513 @@
+// Deletion on a real disk inside the rig: clearing a block through its link directory, deleting
+// everything that began before a time from the cache and the index partition, deleting one
+// recording with its clusters, and the block searches recycling relies on.
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "aging.h"
+#include "capture.h"
+#include "recstore.h"
+#include "rig.h"
+
+namespace {
+
+using recstore_test::LogMask;
+using recstore_test::StdoutCapture;
+
+constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
+constexpr uint32_t kCluster = 524288;
+constexpr uint32_t kNoBlock = 0xFFFFFFFFu;
+constexpr int kNoCache = 4;
+constexpr int kReadOnly = 1;
+constexpr int kDirectIo = 2;
+constexpr int kCacheInodes = 4096;
+constexpr unsigned kCacheMib = 8;
+constexpr uint32_t kFirstData = 257;  // first data cluster of a 200 GiB disk's zone
+constexpr uint32_t kBlock1 = 1;       // block ids: the map cluster of the block
+constexpr uint32_t kBlock2 = 2;
+constexpr uint32_t kBlock3 = 3;
+constexpr unsigned kAllLevels = 0xB;
+
+bool contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+bool exists(const std::string &path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+struct tm make_tm(int year, int mon, int day, int hour, int min, int sec) {
+    struct tm t;
+    memset(&t, 0, sizeof t);
+    t.tm_year = year - 1900;
+    t.tm_mon = mon - 1;
+    t.tm_mday = day;
+    t.tm_hour = hour;
+    t.tm_min = min;
+    t.tm_sec = sec;
+    time_t s = timegm(&t);
+    gmtime_r(&s, &t);
+    return t;
+}
+
+time_t secs(struct tm t) {
+    return timegm(&t);
+}
+
+rec_param param_of(int channel, const struct tm &start, int type) {
+    rec_param p;
+    memset(&p, 0, sizeof p);
+    to_fs_tm(&start, &p.start);
+    p.channel = static_cast<uint32_t>(channel);
+    p.type = static_cast<uint32_t>(type);
+    return p;
+}
+
+std::string index_name(int disk, int channel, const struct tm &start, int type) {
+    char buf[RECSTORE_PATH_LEN];
+    mk_idx_fullname(disk, buf, sizeof buf, channel, &start, type);
+    return buf;
+}
+
+std::string file_name(int channel, const struct tm &start, int type) {
+    char buf[RECSTORE_PATH_LEN];
+    mk_idx_filename(buf, sizeof buf, channel, &start, type);
+    return buf;
+}
+
+std::string link_name(int disk, uint32_t block, int channel, const struct tm &start, int type) {
+    char buf[RECSTORE_PATH_LEN];
+    mk_idx_linkname(disk, buf, sizeof buf, static_cast<int>(block),
+                    file_name(channel, start, type).c_str());
+    return buf;
+}
+
+std::string cache_file(int disk, int channel, const struct tm &start, int type) {
+    char dir[RECSTORE_PATH_LEN];
+    char cache[RECSTORE_PATH_LEN];
+    mk_idx_fullpath(disk, dir, sizeof dir, channel, &start, type);
+    tocachename(cache, sizeof cache, dir);
+    return std::string(cache) + "cache";
+}
+
+std::vector<uint64_t> tags_in(const std::string &path) {
+    const std::string bytes = slurp(path);
+    std::vector<uint64_t> tags;
+    for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
+        uint64_t tag = 0;
+        for (int i = 7; i >= 0; i--) tag = (tag << 8) | static_cast<unsigned char>(bytes[at + i]);
+        tags.push_back(tag);
+    }
+    return tags;
+}
+
+// A page-aligned cluster buffer.
+struct Cluster {
+    Cluster() {
+        void *p = nullptr;
+        if (posix_memalign(&p, 4096, kCluster) == 0) mem.reset(static_cast<unsigned char *>(p));
+    }
+    struct Free {
+        void operator()(unsigned char *p) const { free(p); }
+    };
+    std::unique_ptr<unsigned char, Free> mem;
+    unsigned char *data() { return mem.get(); }
+};
+
+// Deterministic payload of cluster `n` of stream `s`.
+void fill_payload(unsigned char *buf, uint32_t s, uint32_t n) {
+    uint32_t x = s * 2654435761u + n * 40503u + 1;
+    for (uint32_t i = 0; i < kCluster; i += 4) {
+        x = x * 1664525u + 1013904223u;
+        memcpy(buf + i, &x, 4);
+    }
+}
+
+// Key frames of cluster n: 1 + n % 3 frames, one second apart from base + n.
+uint32_t frames_of(uint32_t n, time_t base, kframe *frames) {
+    const uint32_t count = 1 + n % 3;
+    for (uint32_t i = 0; i < count; i++) {
+        frames[i].frame_offset = i * 100000u + n % 512;
+        frames[i].frame_time = static_cast<uint32_t>(base + n + i);
+    }
+    return count;
+}
+
+// ---- the disks -----------------------------------------------------------------------------
+
+rig::Disk g_disks[1];
+
+class FormattedDisks : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        ASSERT_TRUE(rig::active()) << "run this program through tests/rig/rig-run as root";
+        const char letters[1] = {'a'};
+        for (int i = 0; i < 1; i++) {
+            g_disks[i] = rig::attach(letters[i], 200 * kGiB);
+            StdoutCapture out;
+            const int result = fs_format(g_disks[i].node.c_str());
+            const std::string text = out.stop();
+            ASSERT_EQ(result, 0) << text;
+        }
+    }
+    void TearDown() override {
+        for (rig::Disk &d : g_disks) {
+            if (d.loop.empty()) continue;
+            try {
+                rig::unplug(d);
+            } catch (const std::exception &e) {
+                ADD_FAILURE() << e.what();
+            }
+            unlink(d.image.c_str());
+        }
+    }
+};
+
+const ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new FormattedDisks);
+
+std::string data_partition(int disk) {
+    return g_disks[disk].node + "3";
+}
+
+// Waits for the cache loader of a disk to finish (it is started by fs_datazone_init).
+bool wait_cache_loaded(int disk) {
+    for (int i = 0; i < 500; i++) {
+        if (cache_is_loaded(static_cast<unsigned>(disk))) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+// The plug-in order, as the recording layer runs it. A fresh disk goes through fs_cleardisk
+// first so that its magic file and maps are new; `age` runs while the data zone is stopped.
+template <typename Age>
+void bring_up(int disk, bool fresh, Age age) {
+    const std::string &dev = g_disks[disk].node;
+    ASSERT_EQ(fs_umount(dev.c_str()), 0);
+    ASSERT_EQ(fs_chk(dev.c_str()), fs_is_readonly() ? -1 : 0);
+    ASSERT_EQ(fs_mount(dev.c_str()), 0);
+    ASSERT_EQ(fs_opendisk(dev.c_str()), disk);
+    if (fresh) {
+        ASSERT_EQ(fs_cleardisk(disk), 0);
+    }
+    age();
+    g_cache_loaded[disk] = 0;
+    ASSERT_EQ(fs_datazone_init(disk), 0);
+    if (fs_use_cache() && !fs_is_readonly()) {
+        ASSERT_TRUE(wait_cache_loaded(disk));
+    }
+    if (!fs_is_readonly()) {
+        ASSERT_EQ(fs_chkdata(disk, 1), 0);
+    }
+    ASSERT_EQ(fs_adddisk(0, disk), 0);
+}
+
+void bring_up(int disk, bool fresh) {
+    bring_up(disk, fresh, [] {});
+}
+
+void take_down(int disk) {
+    if (g_disk[disk].devname[0] == '\0') return;
+    fs_removedisk(0, disk);
+    fs_datazone_exit(disk);
+    fs_closedisk(disk);
+    fs_umount(g_disks[disk].node.c_str());
+}
+
+class Delete : public ::testing::Test {
+  protected:
+    void start(int flags) {
+        quiet_ = std::make_unique<LogMask>(0, 0);
+        ASSERT_EQ(fs_init(kCacheInodes, kCacheMib, flags), 0);
+        bring_up(0, true);
+        ASSERT_EQ(fs_changeblock(0, 0, 0), 0);
+        ASSERT_EQ(fs_getblockid(0), kBlock1);
+    }
+    void SetUp() override { ASSERT_TRUE(rig::active()); }
+    void TearDown() override {
+        LogMask quiet(0, 0);
+        for (int h = 0; h < RECSTORE_STREAMS; h++) {
+            if (g_file_ctx[h].idx >= 0) fs_close(h, nullptr);
+        }
+        take_down(0);
+        fs_exit();
+        quiet_.reset();
+    }
+
+    // Writes a whole recording: `clusters` clusters from start, closed at start + duration.
+    void record(int channel, const struct tm &start, int type, uint32_t clusters,
+                int duration = 60) {
+        rec_param p = param_of(channel, start, type);
+        const int h = fs_open(0, &p, O_CREAT | O_RDWR, 0x21, 0, nullptr);
+        ASSERT_GE(h, 0);
+        for (uint32_t n = 0; n < clusters; n++) {
+            fill_payload(buf_.data(), static_cast<uint32_t>(channel), n);
+            kframe frames[RECSTORE_MAX_KFRAMES];
+            const uint32_t count = frames_of(n, secs(start), frames);
+            ASSERT_EQ(fs_write(h, buf_.data(), kCluster, frames, count), int(kCluster));
+        }
+        struct tm end;
+        time_t e = secs(start) + duration;
+        gmtime_r(&e, &end);
+        fs_close(h, &end);
+    }
+
+    std::vector<uint32_t> clusters_of(int channel, const struct tm &start, int type) {
+        std::vector<uint32_t> out;
+        rec_param p = param_of(channel, start, type);
+        const int h = fs_open(0, &p, 0, 0, 0, nullptr);
+        EXPECT_GE(h, 0);
+        if (h < 0) return out;
+        for (;;) {
+            uint32_t cluster = 0, length = 0, count = 0;
+            kframe frames[RECSTORE_MAX_KFRAMES];
+            if (index_read(g_file_ctx[h].idx, &cluster, &length, frames, &count, nullptr) !=
+                index_size()) {
+                break;
+            }
+            out.push_back(cluster);
+        }
+        fs_close(h, nullptr);
+        return out;
+    }
+
+    Cluster buf_;
+    std::unique_ptr<LogMask> quiet_;
+};
+
+std::string log_file() {
+    return slurp("/mnt/img/log.log");
+}
+
+TEST_F(Delete, ClearOfABlockRemovesExactlyItsRecordings) {
+    start(0);
+    const struct tm a = make_tm(2024, 5, 17, 8, 0, 0);
+    const struct tm b = make_tm(2024, 5, 17, 9, 0, 0);
+    const struct tm c = make_tm(2024, 5, 17, 10, 0, 0);
+    const struct tm d = make_tm(2024, 5, 18, 0, 0, 0);
+    record(1, a, 0, 4);
+    record(2, b, 0, 3);
+    ASSERT_EQ(fs_changeblock(0, 0, 1), 0);
+    ASSERT_EQ(fs_getblockid(0), kBlock2);
+    record(1, c, 0, 2);
+    record(3, d, 0, 2);
+    EXPECT_TRUE(exists("/mnt/sda/link/00000001"));
+    EXPECT_EQ(tags_in(cache_file(0, 1, a, 0)).size(), 2u);
+
+    uint32_t seq = 0;
+    EXPECT_EQ(fs_earliest(0, &seq), static_cast<int>(kBlock1));
+    EXPECT_NE(seq, 0u);
+    const int free_before = datazone_free_count(0);
+    const int busy_before = datazone_busy_count(0);
+
+    // The current block is never cleared: its map is held in memory.
+    EXPECT_EQ(fs_clear(0, kBlock2), -1);
+    EXPECT_TRUE(exists(index_name(0, 1, c, 0)));
+
+    ASSERT_EQ(fs_clear(0, kBlock1), 0);
+    EXPECT_FALSE(exists(index_name(0, 1, a, 0)));
+    EXPECT_FALSE(exists(index_name(0, 2, b, 0)));
+    EXPECT_FALSE(exists("/mnt/sda/link/00000001"));
+    EXPECT_FALSE(exists("/mnt/sda/02")) << "empty directories of channel 2 stay behind";
+    EXPECT_TRUE(exists("/mnt/sda/01/2024/05/17/00"));
+    EXPECT_TRUE(exists(index_name(0, 1, c, 0)));
+    EXPECT_TRUE(exists(index_name(0, 3, d, 0)));
+    EXPECT_TRUE(exists(link_name(0, kBlock2, 1, c, 0)));
+    EXPECT_TRUE(exists(link_name(0, kBlock2, 3, d, 0)));
+    // Cache: channel 1 keeps C's tag only, channel 2's cache tree is gone.
+    const std::vector<uint64_t> tags = tags_in(cache_file(0, 1, a, 0));
+    ASSERT_EQ(tags.size(), 1u);
+    EXPECT_EQ(tags[0] & 0xFFFFF, 10u * 3600);
+    EXPECT_FALSE(exists(cache_file(0, 2, b, 0)));
+    EXPECT_FALSE(exists("/mnt/cache/sda/02"));
+    // The block is free again with its sequence; its 7 clusters are free.
+    const uint32_t entry = aging::read_entry(data_partition(0).c_str(), 0, 0);
+    EXPECT_EQ(entry >> 30, 0u);
+    EXPECT_EQ(entry & 0x3FFFFFFFu, seq);
+    EXPECT_EQ(datazone_free_count(0), free_before + 7);
+    EXPECT_EQ(datazone_busy_count(0), busy_before - 7);
+    EXPECT_EQ(aging::read_entry(data_partition(0).c_str(), kBlock1, 0) >> 30, 0u);
+    EXPECT_TRUE(contains(log_file(), "remove link :/mnt/sda/link/00000001\n"));
+    EXPECT_EQ(fs_earliest(0, &seq), -1);
+    // The cleared block keeps its sequence, so a search by time still finds it.
+    block_entry found[4];
+    EXPECT_EQ(fs_before(0, static_cast<int32_t>(time(nullptr) + 100), found, 4), 1);
+    EXPECT_EQ(found[0].block_id, kBlock1);
+}
+
+TEST_F(Delete, BlockTimeoutLooksForLaterRecordingsInTheCurrentBlock) {
+    start(0);
+    const struct tm c = make_tm(2024, 5, 17, 10, 0, 0);
+    const struct tm d = make_tm(2024, 5, 18, 0, 0, 0);
+    record(1, c, 0, 1);
+    record(3, d, 0, 1);
+    const uint32_t seq = aging::read_entry(data_partition(0).c_str(), 0, 0) & 0x3FFFFFFFu;
+    block_entry cur{0, kBlock1, seq};
+    block_entry latest{0, kBlock1, seq};
+    LogMask mask(0xB);
+    StdoutCapture out;
+    EXPECT_EQ(fs_block_timeout(&latest, &cur, secs(make_tm(2024, 5, 17, 12, 0, 0))), 0);
+    EXPECT_EQ(fs_block_timeout(&latest, &cur, secs(make_tm(2024, 5, 19, 0, 0, 0))), 1);
+    block_entry older{0, kBlock2, seq - 1};
+    EXPECT_EQ(fs_block_timeout(&older, &cur, secs(make_tm(2024, 5, 17, 12, 0, 0))), 1);
+    const std::string text = out.stop();
+    EXPECT_TRUE(contains(text,
+                         "find file:/mnt/sda/link/00000001/0320240518000000_00 later than "
+                         "specific time:"))
+        << text;
+    EXPECT_TRUE(contains(text, "find some record in:/mnt/sda/link/00000001 later than time:"))
+        << text;
+    EXPECT_TRUE(contains(text, "fs_block_timeout latest [0 1 " + std::to_string(seq) +
+                                   "], cur [0 1 " + std::to_string(seq) + "]\n"))
+        << text;
+}
+
+TEST_F(Delete, DeleteBeforeATimeWalksCacheThenIndex) {
+    start(0);
+    const struct tm r1 = make_tm(2024, 5, 15, 10, 0, 0);
+    const struct tm r2 = make_tm(2024, 5, 16, 10, 0, 0);
+    const struct tm r3 = make_tm(2024, 5, 16, 12, 0, 0);
+    const struct tm r4 = make_tm(2024, 5, 17, 10, 0, 0);
+    const struct tm r5 = make_tm(2023, 12, 31, 23, 0, 0);
+    record(4, r1, 0, 1);
+    record(4, r2, 0, 1);
+    record(4, r3, 0, 1);
+    record(4, r4, 0, 1);
+    record(5, r5, 1, 1);
+    const time_t t = secs(make_tm(2024, 5, 16, 11, 0, 0));
+    const size_t log_before = log_file().size();
+    ASSERT_EQ(fs_delete_index_before(t), 0);
+    EXPECT_FALSE(exists(index_name(0, 4, r1, 0)));
+    EXPECT_FALSE(exists(index_name(0, 4, r2, 0)));
+    EXPECT_TRUE(exists(index_name(0, 4, r3, 0)));
+    EXPECT_TRUE(exists(index_name(0, 4, r4, 0)));
+    EXPECT_FALSE(exists(index_name(0, 5, r5, 1)));
+    // Links and clusters are left to recycling.
+    EXPECT_TRUE(exists(link_name(0, kBlock1, 4, r1, 0)));
+    // Cache: the 15th and 2023 are gone, the 16th keeps 12:00, the 17th is unchanged.
+    EXPECT_FALSE(exists(cache_file(0, 4, r1, 0)));
+    EXPECT_FALSE(exists(cache_file(0, 5, r5, 1)));
+    const std::vector<uint64_t> day16 = tags_in(cache_file(0, 4, r2, 0));
+    ASSERT_EQ(day16.size(), 1u);
+    EXPECT_EQ(day16[0] & 0xFFFFF, 12u * 3600);
+    EXPECT_EQ(tags_in(cache_file(0, 4, r4, 0)).size(), 1u);
+    // Both trees, the cache first.
+    const std::string log = log_file().substr(log_before);
+    const std::string tail = " t:" + std::to_string(static_cast<int>(t)) + "\n";
+    const size_t cache_line =
+        log.find("fs_delete_index_before cachename:/mnt/cache/sda/04/" + tail);
+    const size_t index_line = log.find("fs_delete_index_before path:/mnt/sda/04/" + tail);
+    ASSERT_NE(cache_line, std::string::npos) << log;
+    ASSERT_NE(index_line, std::string::npos) << log;
+    EXPECT_LT(cache_line, index_line);
+    EXPECT_NE(log.find("fs_delete_index_before path:/mnt/sda/63/" + tail), std::string::npos);
+}
+
+TEST_F(Delete, DeleteBeforeATimeWithTheCacheOff) {
+    start(kNoCache);
+    const struct tm r1 = make_tm(2024, 5, 15, 10, 0, 0);
+    const struct tm r2 = make_tm(2024, 5, 17, 10, 0, 0);
+    record(6, r1, 0, 1);
+    record(6, r2, 0, 1);
+    const size_t log_before = log_file().size();
+    LogMask mask(0xB);
+    StdoutCapture out;
+    ASSERT_EQ(fs_delete_index_before(secs(make_tm(2024, 5, 16, 0, 0, 0))), 0);
+    const std::string text = out.stop();
+    EXPECT_FALSE(exists(index_name(0, 6, r1, 0)));
+    EXPECT_TRUE(exists(index_name(0, 6, r2, 0)));
+    const std::string log = log_file().substr(log_before);
+    EXPECT_TRUE(contains(log, "fs_delete_index_before path:/mnt/sda/06/")) << log;
+    EXPECT_FALSE(contains(log, "cachename:")) << log;
+    EXPECT_TRUE(contains(text, "del file name:" + index_name(0, 6, r1, 0) + " before:")) << text;
+    EXPECT_TRUE(contains(text, "year:2024 mon :5 day:17 out of range\n")) << text;
+}
+
+TEST_F(Delete, DeleteFreesTheClustersOfOneRecording) {
+    start(0);
+    const struct tm e = make_tm(2024, 9, 1, 1, 0, 0);
+    const struct tm keep = make_tm(2024, 9, 1, 2, 0, 0);
+    record(7, e, 0, 5);
+    record(7, keep, 0, 2);
+    const std::vector<uint32_t> clusters = clusters_of(7, e, 0);
+    ASSERT_EQ(clusters.size(), 5u);
+    const int busy = datazone_busy_count(0);
+    // A second tag of the same start second (a replaced recording) goes with it.
+    struct tm s = e, later = e;
+    later.tm_min = 30;
+    ASSERT_EQ(cache_create(0, 7, &s, &later, 0, 1, 0), 0);
+    ASSERT_EQ(tags_in(cache_file(0, 7, e, 0)).size(), 3u);
+
+    record_name r{};
+    r.disk_id = 0;
+    r.channel = 7;
+    r.start = e;
+    r.type = 0;
+    ASSERT_EQ(fs_delete(0, &r), 0);
+    EXPECT_FALSE(exists(index_name(0, 7, e, 0)));
+    EXPECT_TRUE(exists(index_name(0, 7, keep, 0)));
+    EXPECT_EQ(datazone_busy_count(0), busy - 5);
+    for (uint32_t c : clusters) EXPECT_EQ(datazone_val(0, static_cast<int>(c)) >> 30, 0u) << c;
+    const std::vector<uint64_t> tags = tags_in(cache_file(0, 7, e, 0));
+    ASSERT_EQ(tags.size(), 1u);
+    EXPECT_EQ(tags[0] & 0xFFFFF, 2u * 3600);
+    // The freed clusters are handed out again.
+    EXPECT_EQ(datazone_free_count(0) > 0, true);
+
+    // Gone: -1.
+    EXPECT_EQ(fs_delete(0, &r), -1);
+}
+
+TEST_F(Delete, DeleteIgnoresAMissingCacheFile) {
+    start(0);
+    const struct tm e = make_tm(2024, 9, 2, 1, 0, 0);
+    record(8, e, 0, 2);
+    ASSERT_EQ(unlink(cache_file(0, 8, e, 0).c_str()), 0);
+    record_name r{};
+    r.channel = 8;
+    r.start = e;
+    EXPECT_EQ(fs_delete(0, &r), 0);
+    EXPECT_FALSE(exists(index_name(0, 8, e, 0)));
+    EXPECT_FALSE(exists("/mnt/sda/08")) << "empty directories stay behind";
+}
+
+TEST_F(Delete, DeleteWithTheCacheOff) {
+    start(kNoCache);
+    const struct tm e = make_tm(2024, 9, 3, 1, 0, 0);
+    record(9, e, 0, 3);
+    const int busy = datazone_busy_count(0);
+    record_name r{};
+    r.channel = 9;
+    r.start = e;
+    EXPECT_EQ(fs_delete(0, &r), 0);
+    EXPECT_EQ(datazone_busy_count(0), busy - 3);
+    EXPECT_FALSE(exists(index_name(0, 9, e, 0)));
+}
+
+}  // namespace
