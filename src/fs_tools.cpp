@@ -200,8 +200,11 @@ int fs_system(char *command) {
     return system(command);
 }
 
-void from_fs_tm(struct tm *dst, const fs_tm *src) {
-    if (!dst || !src) return;
+namespace {
+
+// Copies the nine calendar fields; struct tm and fs_tm name them alike.
+template <typename To, typename From>
+void copy_calendar_fields(To *dst, const From *src) {
     dst->tm_sec = src->tm_sec;
     dst->tm_min = src->tm_min;
     dst->tm_hour = src->tm_hour;
@@ -213,17 +216,16 @@ void from_fs_tm(struct tm *dst, const fs_tm *src) {
     dst->tm_isdst = src->tm_isdst;
 }
 
+}  // namespace
+
+void from_fs_tm(struct tm *dst, const fs_tm *src) {
+    if (!dst || !src) return;
+    copy_calendar_fields(dst, src);
+}
+
 fs_tm *to_fs_tm(const struct tm *src, fs_tm *dst) {
     if (!src || !dst) return dst;
-    dst->tm_sec = src->tm_sec;
-    dst->tm_min = src->tm_min;
-    dst->tm_hour = src->tm_hour;
-    dst->tm_mday = src->tm_mday;
-    dst->tm_mon = src->tm_mon;
-    dst->tm_year = src->tm_year;
-    dst->tm_wday = src->tm_wday;
-    dst->tm_yday = src->tm_yday;
-    dst->tm_isdst = src->tm_isdst;
+    copy_calendar_fields(dst, src);
     dst->zero[0] = 0;
     dst->zero[1] = 0;
     return dst;

@@ -9,28 +9,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "capture.h"
 #include "fs_tools.h"
 #include "recstore.h"
 #include "rig.h"
+#include "test_util.h"
 
 using recstore_test::LogMask;
+using recstore_test::read_file;
 using recstore_test::StdoutCapture;
 
 namespace {
 
 constexpr uint64_t kGiB = 1ull << 30;
-
-std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 uint64_t sysfs_sectors(const std::string &loop, int partition) {
     std::string name = loop.substr(loop.rfind('/') + 1);

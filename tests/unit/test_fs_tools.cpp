@@ -8,18 +8,20 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "capture.h"
+#include "test_util.h"
 #include "fs_tools.h"
 #include "recstore.h"
 #include "recstore_host.h"
 
 using recstore_test::LogMask;
+using recstore_test::make_tm;
 using recstore_test::StdoutCapture;
+using recstore_test::TempDir;
 
 namespace {
 
@@ -41,35 +43,8 @@ std::string without_line_numbers(const std::string &text) {
     return out;
 }
 
-struct tm make_tm(int year, int mon1, int mday, int hour = 0, int min = 0, int sec = 0) {
-    struct tm t = {};
-    t.tm_year = year - 1900;
-    t.tm_mon = mon1 - 1;
-    t.tm_mday = mday;
-    t.tm_hour = hour;
-    t.tm_min = min;
-    t.tm_sec = sec;
-    return t;
-}
-
-// A scratch directory removed with its contents at the end of the test.
-class TempDir {
-  public:
-    TempDir() {
-        char tmpl[] = "/tmp/recstore-unit.XXXXXX";
-        if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-        path_ = tmpl;
-    }
-    ~TempDir() { remove_file(path_.c_str(), 7); }
-    const std::string &path() const { return path_; }
-    std::string operator/(const std::string &name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
-
 void touch(const std::string &path, const std::string &content = "") {
-    std::ofstream(path) << content;
+    recstore_test::write_file(path, content);
 }
 
 class DiskNames : public ::testing::Test {

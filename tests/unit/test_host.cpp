@@ -4,21 +4,9 @@
 #include <sys/wait.h>
 
 #include "recstore_host.h"
+#include "test_util.h"
 
-namespace {
-
-struct tm make_tm(int year, int mon1, int mday, int hour = 0, int min = 0, int sec = 0) {
-    struct tm t = {};
-    t.tm_year = year - 1900;
-    t.tm_mon = mon1 - 1;
-    t.tm_mday = mday;
-    t.tm_hour = hour;
-    t.tm_min = min;
-    t.tm_sec = sec;
-    return t;
-}
-
-}  // namespace
+using recstore_test::make_tm;
 
 TEST(Host, CompareOrdersByCalendarFields) {
     struct tm a = make_tm(2024, 5, 17, 8, 9, 10);
