@@ -750,8 +750,9 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
 /* Finalises the header (end time: the given one, or the last frame's when null) and frees the
  * handle. */
 void fs_close(int handle, const struct tm *end);
-/* Stores one whole cluster (a 524288-byte buffer, page-aligned with direct I/O) with its index
- * entry. length, -5 when no cluster can be allocated, or another negative value. */
+/* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
+ * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length, -5 when no
+ * cluster can be allocated, or another negative value. */
 int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames,
              uint32_t count);
 /* Current block of the disk, waiting up to 20 x 100 ms for one; 0xFFFFFFFF when none. */

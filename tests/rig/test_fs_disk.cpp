@@ -342,7 +342,7 @@ TEST_F(Disk, ClearDiskErasesEveryRecording) {
     int h = fs_open(0, &p, O_CREAT | O_RDWR, 1, 0, nullptr);
     ASSERT_GE(h, 0);
     Cluster buf;
-    kframe frames[1] = {{0, static_cast<uint32_t>(secs(t))}};
+    kframe frames[RECSTORE_MAX_KFRAMES] = {{0, static_cast<uint32_t>(secs(t))}};
     for (int i = 0; i < 17; i++)
         ASSERT_EQ(fs_write(h, buf.data(), kCluster, frames, 1), int(kCluster));
     fs_close(h, nullptr);
@@ -398,7 +398,7 @@ TEST_F(Disk, AFullCacheMakesEveryDiskFullAndCorruptsNothing) {
     const int h = fs_open(0, &p, O_CREAT | O_RDWR, 1, 0, nullptr);
     ASSERT_GE(h, 0);
     Cluster buf;
-    kframe frames[1] = {{0, static_cast<uint32_t>(secs(t))}};
+    kframe frames[RECSTORE_MAX_KFRAMES] = {{0, static_cast<uint32_t>(secs(t))}};
     for (int i = 0; i < 17; i++)
         ASSERT_EQ(fs_write(h, buf.data(), kCluster, frames, 1), int(kCluster));
     EXPECT_EQ(fs_isalldiskfull(0, 0), 0);

@@ -664,7 +664,7 @@ TEST_F(Stream, DirectIoTakesAlignedAndUnalignedBuffers) {
     const int h = create(15, t, 0);
     ASSERT_GE(h, 0);
     std::vector<unsigned char> unaligned(kCluster + 1);
-    kframe frames[1] = {{0, static_cast<uint32_t>(secs(t))}};
+    kframe frames[RECSTORE_MAX_KFRAMES] = {{0, static_cast<uint32_t>(secs(t))}};
     for (uint32_t n = 0; n < 4; n++) {
         if (n % 2 == 0) {
             ASSERT_EQ(write_cluster_n(h, 8, n, secs(t)), int(kCluster));
