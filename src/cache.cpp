@@ -297,6 +297,45 @@ int prune_file_before(const char *path, int disk_id, int channel, const struct t
     return kWalkContinue;
 }
 
+// Copies the tags of in that pred keeps (all without pred) to out, then cuts out to what was
+// copied: "cachetmp" is opened without truncation, and a copy left by an interrupted rewrite must
+// not contribute its old tags. False (reported) when a tag cannot be read or written.
+bool copy_kept_tags(int in, int out, cache_tag_pred pred, const struct tm *t) {
+    off64_t written = 0;
+    uint32_t lo = 0, hi = 0;
+    int status;
+    while ((status = do_cache_read_tag(in, &lo, &hi)) == 1) {
+        if (pred && pred(lo, hi, t) == 0) continue;
+        if (do_cache_write_tag(out, lo, hi) != static_cast<int>(kCacheTagSize)) {
+            perror("write cache tag");
+            return false;
+        }
+        written += static_cast<off64_t>(kCacheTagSize);
+    }
+    if (status < 0) {
+        perror("read cache tag");
+        return false;
+    }
+    if (ftruncate64(out, written) < 0) {
+        perror("ftruncate");
+        return false;
+    }
+    return true;
+}
+
+// Puts the finished copy in place of the cache file; an empty result is removed.
+int replace_with_copy(const char *cachefile, const char *tmpfile) {
+    if (remove(cachefile) < 0) perror("remove");
+    if (rename(tmpfile, cachefile) < 0) perror("rename");
+    struct stat64 st;
+    if (stat64(cachefile, &st) < 0) {
+        perror("stat");
+        return -1;
+    }
+    if (st.st_size == 0) remove(cachefile);
+    return 0;
+}
+
 }  // namespace
 
 namespace recstore {
@@ -367,43 +406,14 @@ int do_cache_rewrite(const char *cachefile, const char *tmpfile, cache_tag_pred 
         return -1;
     }
     // On any failure the half-written "cachetmp" is dropped and the cache file stays as it was.
-    auto abandon = [&]() {
+    if (!copy_kept_tags(in.get(), out.get(), pred, t)) {
         out.reset();
         remove(tmpfile);
         return -1;
-    };
-    off64_t written = 0;
-    uint32_t lo = 0, hi = 0;
-    int status;
-    while ((status = do_cache_read_tag(in.get(), &lo, &hi)) == 1) {
-        if (pred && pred(lo, hi, t) == 0) continue;
-        if (do_cache_write_tag(out.get(), lo, hi) != static_cast<int>(kCacheTagSize)) {
-            perror("write cache tag");
-            return abandon();
-        }
-        written += static_cast<off64_t>(kCacheTagSize);
-    }
-    if (status < 0) {
-        perror("read cache tag");
-        return abandon();
-    }
-    // "cachetmp" is opened without truncation: a copy left by an interrupted rewrite is cut to
-    // what this rewrite wrote, so none of its old tags survive.
-    if (ftruncate64(out.get(), written) < 0) {
-        perror("ftruncate");
-        return abandon();
     }
     in.reset();
     out.reset();
-    if (remove(cachefile) < 0) perror("remove");
-    if (rename(tmpfile, cachefile) < 0) perror("rename");
-    struct stat64 st;
-    if (stat64(cachefile, &st) < 0) {
-        perror("stat");
-        return -1;
-    }
-    if (st.st_size == 0) remove(cachefile);
-    return 0;
+    return replace_with_copy(cachefile, tmpfile);
 }
 
 void do_cache_prune_dirs(const char *dir, const char *root) {
