@@ -564,9 +564,11 @@ int cache_create(int disk_id, int channel, const struct tm *start, const struct 
     mk_idx_filename(name, sizeof name, channel, start, type);
     struct tm end_copy = *end;  // the tag builder may change the end time it is given
     uint64_t tag = filename_to_cachetag(&end_copy, mode, total_bytes, name);
-    make_dir(paths.dir);
 
+    // The directory is made under the lock too, so that a rewrite emptying the leaf or a clear
+    // cannot remove it between its creation and the append.
     MutexGuard guard(g_cachelock);
+    make_dir(paths.dir);
     FdGuard fd(open(paths.file, O_WRONLY | O_CREAT | O_APPEND | O_LARGEFILE, kCacheFileMode));
     if (fd.get() < 0) {
         FS_LOG_ERR("open file :%s err\n", paths.file);

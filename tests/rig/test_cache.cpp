@@ -451,6 +451,59 @@ TEST_F(CacheRig, ClearRemovesTheDiskTreeOnly) {
     EXPECT_TRUE(exists("/mnt/cache"));
 }
 
+TEST_F(CacheRig, ConcurrentAppendsAndRewritesLoseNoTag) {
+    mount_cache();
+    constexpr int kThreads = 4, kPerThread = 50;
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kThreads; w++) {
+        writers.emplace_back([w] {
+            for (int i = 0; i < kPerThread; i++) {
+                struct tm s = make_tm(2024, 5, 17, 1, w, i), e = make_tm(2024, 5, 17, 2, 0, 0);
+                cache_create(0, 3, &s, &e, 0, 1, 0);
+            }
+        });
+    }
+    // Rewrites that drop nothing (no tag starts at 23:00:00) run between the appends.
+    std::thread rewriter([] {
+        struct tm none = make_tm(2024, 5, 17, 23, 0, 0);
+        for (int i = 0; i < 100; i++) cache_delete(0, 3, &none, 0);
+    });
+    for (auto &t : writers) t.join();
+    rewriter.join();
+    EXPECT_EQ(read_bytes(kLeafFile).size(), static_cast<size_t>(kThreads * kPerThread) * 8);
+    std::vector<uint32_t> seconds;
+    for (uint64_t tag : tags_of(kLeafFile)) seconds.push_back(static_cast<uint32_t>(tag) & 0xFFFFF);
+    std::sort(seconds.begin(), seconds.end());
+    std::vector<uint32_t> expected;
+    for (int w = 0; w < kThreads; w++) {
+        for (int i = 0; i < kPerThread; i++) expected.push_back(3600u + 60u * w + i);
+    }
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(seconds, expected);
+}
+
+TEST_F(CacheRig, AppendsNeverMeetALeafRemovedUnderThem) {
+    mount_cache();
+    // Two threads append a tag and drop it again; each drop may empty the file and remove the
+    // leaf's directories while the other thread is about to append.
+    auto churn = [](int minute, int *failures) {
+        for (int i = 0; i < 200; i++) {
+            struct tm s = make_tm(2024, 5, 17, 5, minute, i % 60),
+                      e = make_tm(2024, 5, 17, 6, 0, 0);
+            if (cache_create(0, 3, &s, &e, 0, 1, 0) != 0) ++*failures;
+            cache_delete(0, 3, &s, 0);
+        }
+    };
+    int failures_a = 0, failures_b = 0;
+    std::thread a(churn, 1, &failures_a), b(churn, 2, &failures_b);
+    a.join();
+    b.join();
+    EXPECT_EQ(failures_a, 0);
+    EXPECT_EQ(failures_b, 0);
+    EXPECT_FALSE(exists(kLeafFile));
+    EXPECT_FALSE(exists("/mnt/cache/sda/03"));
+}
+
 // ---- removal before a time -------------------------------------------------------------------
 
 TEST_F(CacheRig, RemovalWalkOverSeveralDays) {
