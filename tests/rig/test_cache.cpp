@@ -697,6 +697,11 @@ TEST_F(CacheRig, LoaderRebuildsTheCacheFromTheIndexTree) {
     rig::sh(
         "mkdir -p /mnt/cache/sda/40/2020/01/01/00 && : > /mnt/cache/sda/40/2020/01/01/00/cache");
 
+    // A file named like an index file but holding nothing is passed over; the build goes on.
+    rig::sh(
+        "mkdir -p /mnt/sda/30/2024/05/17/00 && : > /mnt/sda/30/2024/05/17/00/3020240517010000_00");
+
+    LogMask mask(kLogAll);
     StdoutCapture cap;
     ASSERT_EQ(cache_load("/dev/hd/sda"), 0);
     // Appends to another disk's cache run while the loader works.
@@ -706,6 +711,7 @@ TEST_F(CacheRig, LoaderRebuildsTheCacheFromTheIndexTree) {
     std::string out = cap.stop();
     ASSERT_TRUE(loaded) << "the loader did not finish in time\n" << out;
     EXPECT_TRUE(contains(out, "cache load finished use:")) << out;
+    EXPECT_TRUE(contains(out, "level:1\n")) << "the magic file is not an index file\n" << out;
     EXPECT_EQ(tags_of("/mnt/cache/sdb/03/2024/05/17/00/cache").size(), 20u);
 
     std::map<std::string, std::vector<uint64_t>> expected;
