@@ -186,7 +186,7 @@ void bring_up(int disk, bool fresh, Age age) {
         ASSERT_EQ(fs_cleardisk(disk), 0);
     }
     age();
-    g_cache_loaded[disk] = 0;
+    cache_set_loaded(static_cast<unsigned>(disk), 0);
     ASSERT_EQ(fs_datazone_init(disk), 0);
     if (fs_use_cache() && !fs_is_readonly()) {
         ASSERT_TRUE(wait_cache_loaded(disk));
@@ -232,7 +232,7 @@ class Disk : public ::testing::Test {
         ASSERT_EQ(fs_mount(dev), 0);
         ASSERT_EQ(fs_opendisk(dev), 0);
         ASSERT_EQ(fs_cleardisk(0), 0);
-        g_cache_loaded[0] = 0;
+        cache_set_loaded(0, 0);
     }
     std::string init_messages() {
         LogMask mask(0xB);
@@ -330,6 +330,7 @@ TEST_F(Disk, DataPartitionThatCannotBeOpenedIsRefused) {
     expect_not_initialised();
     // With the partition back the disk comes up.
     EXPECT_EQ(fs_datazone_init(0), 0);
+    EXPECT_TRUE(wait_cache_loaded(0));
     EXPECT_EQ(fs_disk_is_inited(0), 1);
 }
 
@@ -355,8 +356,9 @@ TEST_F(Disk, ClearDiskErasesEveryRecording) {
     EXPECT_FALSE(exists("/mnt/sda/link"));
     EXPECT_FALSE(exists("/mnt/cache/sda"));
     EXPECT_TRUE(exists("/mnt/sda/magic"));
-    g_cache_loaded[0] = 0;
+    cache_set_loaded(0, 0);
     ASSERT_EQ(fs_datazone_init(0), 0);
+    EXPECT_TRUE(wait_cache_loaded(0));
     EXPECT_EQ(datazone_busy_count(0), 0);
     EXPECT_EQ(aging::read_entry(data_partition(0).c_str(), 0, 0), 0u);
 }

@@ -219,7 +219,7 @@ void bring_up(int disk, bool fresh, Age age) {
         ASSERT_EQ(fs_cleardisk(disk), 0);
     }
     age();
-    g_cache_loaded[disk] = 0;
+    cache_set_loaded(static_cast<unsigned>(disk), 0);
     ASSERT_EQ(fs_datazone_init(disk), 0);
     if (fs_use_cache() && !fs_is_readonly()) {
         ASSERT_TRUE(wait_cache_loaded(disk));
