@@ -1,6 +1,8 @@
-// Disk management: the disk table g_disk with its per-disk mutexes, the disk groups, the
-// library-wide mode flags, and the preparation of a disk (partitioning, formatting, checking and
-// mounting through the external tools).
+// Disk management and streams: the disk table g_disk with its per-disk mutexes, the disk groups,
+// the library-wide mode flags, the preparation of a disk (partitioning, formatting, checking and
+// mounting through the external tools), bringing a disk's data zone up and the fullness tests;
+// the stream table with opening, writing and closing recordings, block changes with the host's
+// callbacks, and the deletion of recordings and of whole blocks.
 #include "fs.h"
 
 #include <dirent.h>

@@ -1,5 +1,6 @@
-// Disk management: the disk table, groups and mode flags, and the preparation of a disk
-// (partitioning, formatting, checking, mounting). Exported functions are in recstore.h.
+// Disk management and streams: the disk table, groups and mode flags, the preparation of a disk
+// (partitioning, formatting, checking, mounting), recording streams, block changes and deletion.
+// Exported functions are in recstore.h.
 #ifndef RECSTORE_FS_H
 #define RECSTORE_FS_H
 
