@@ -288,6 +288,20 @@ TEST_F(Disk, UpAndDownInThePlugOrders) {
     EXPECT_EQ(fs_disk_is_inited(0), 1);
 }
 
+TEST_F(Disk, InitFailsWhenTheCacheCannotBeMounted) {
+    LogMask mask(0xB);
+    StdoutCapture out;
+    // No inode for the tmpfs: the cache refuses, and so does the disk layer.
+    EXPECT_EQ(fs_init(0, kCacheMib, 0), -1);
+    const std::string text = out.stop();
+    EXPECT_TRUE(contains(text, "cache initialize err\n")) << text;
+    EXPECT_EQ(find_mount_point("/mnt/cache/", nullptr), 0);
+    // The cache off: cache_init is not called, nothing is mounted.
+    EXPECT_EQ(fs_init(0, kCacheMib, kNoCache), 0);
+    EXPECT_EQ(fs_use_cache(), 0);
+    EXPECT_EQ(find_mount_point("/mnt/cache/", nullptr), 0);
+}
+
 TEST_F(Disk, IndexNotMountedIsRefused) {
     mounted_and_cleared(0);
     ASSERT_EQ(fs_umount(g_disks[0].node.c_str()), 0);
