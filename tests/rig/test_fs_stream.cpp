@@ -824,6 +824,28 @@ TEST_F(Stream, BlockChangeToASecondDiskAndWithoutOldBlock) {
     EXPECT_EQ(fs_isalldiskfull(5, 16384), 0);
 }
 
+TEST_F(Stream, AllDisksFullAsksEveryDiskOfGroupZero) {
+    ASSERT_EQ(fs_init(kCacheInodes, kCacheMib, 0), 0);
+    LogMask quiet(0, 0);
+    const std::string part = data_partition(0);
+    bring_up(0, true, [&] {
+        for (uint32_t b = kBlock1; b <= kBlock3; b++) {
+            ASSERT_TRUE(aging::fill_block(part.c_str(), b, 0, 2100 + b));
+        }
+    });
+    EXPECT_EQ(do_fs_isdiskfull(0, 16384), 1);
+    EXPECT_EQ(fs_isalldiskfull(0, 16384), 1) << "only the full disk is in group 0";
+    bring_up(1, true);
+    // The given disk is full, but disk 1 of group 0 has room.
+    EXPECT_EQ(fs_isalldiskfull(0, 16384), 0);
+    // Only group 0 counts.
+    ASSERT_EQ(fs_removedisk(0, 1), 0);
+    ASSERT_EQ(fs_adddisk(1, 1), 0);
+    EXPECT_EQ(fs_isalldiskfull(0, 16384), 1);
+    EXPECT_EQ(fs_isalldiskfull(1, 16384), 0) << "the given disk itself has room";
+    ASSERT_EQ(fs_removedisk(1, 1), 0);
+}
+
 TEST_F(Stream, FailedAllocationStillCallsTheAfterCallback) {
     ASSERT_EQ(fs_init(kCacheInodes, kCacheMib, 0), 0);
     LogMask quiet(0, 0);
