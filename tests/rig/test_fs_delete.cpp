@@ -26,6 +26,7 @@
 #include "capture.h"
 #include "recstore.h"
 #include "recording.h"
+#include "formatted_disks.h"
 #include "rig.h"
 
 namespace {
@@ -37,84 +38,7 @@ using namespace recording_test;
 
 // ---- the disks -----------------------------------------------------------------------------
 
-rig::Disk g_disks[1];
-
-class FormattedDisks : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        ASSERT_TRUE(rig::active()) << "run this program through tests/rig/rig-run as root";
-        const char letters[1] = {'a'};
-        for (int i = 0; i < 1; i++) {
-            g_disks[i] = rig::attach(letters[i], 200 * kGiB);
-            StdoutCapture out;
-            const int result = fs_format(g_disks[i].node.c_str());
-            const std::string text = out.stop();
-            ASSERT_EQ(result, 0) << text;
-        }
-    }
-    void TearDown() override {
-        for (rig::Disk &d : g_disks) {
-            if (d.loop.empty()) continue;
-            try {
-                rig::unplug(d);
-            } catch (const std::exception &e) {
-                ADD_FAILURE() << e.what();
-            }
-            unlink(d.image.c_str());
-        }
-    }
-};
-
-const ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new FormattedDisks);
-
-std::string data_partition(int disk) {
-    return g_disks[disk].node + "3";
-}
-
-// Waits for the cache loader of a disk to finish (it is started by fs_datazone_init).
-bool wait_cache_loaded(int disk) {
-    for (int i = 0; i < 500; i++) {
-        if (cache_is_loaded(static_cast<unsigned>(disk))) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
-
-// The plug-in order, as the recording layer runs it. A fresh disk goes through fs_cleardisk
-// first so that its magic file and maps are new; `age` runs while the data zone is stopped.
-template <typename Age>
-void bring_up(int disk, bool fresh, Age age) {
-    const std::string &dev = g_disks[disk].node;
-    ASSERT_EQ(fs_umount(dev.c_str()), 0);
-    ASSERT_EQ(fs_chk(dev.c_str()), fs_is_readonly() ? -1 : 0);
-    ASSERT_EQ(fs_mount(dev.c_str()), 0);
-    ASSERT_EQ(fs_opendisk(dev.c_str()), disk);
-    if (fresh) {
-        ASSERT_EQ(fs_cleardisk(disk), 0);
-    }
-    age();
-    cache_set_loaded(static_cast<unsigned>(disk), 0);
-    ASSERT_EQ(fs_datazone_init(disk), 0);
-    if (fs_use_cache() && !fs_is_readonly()) {
-        ASSERT_TRUE(wait_cache_loaded(disk));
-    }
-    if (!fs_is_readonly()) {
-        ASSERT_EQ(fs_chkdata(disk, 1), 0);
-    }
-    ASSERT_EQ(fs_adddisk(0, disk), 0);
-}
-
-void bring_up(int disk, bool fresh) {
-    bring_up(disk, fresh, [] {});
-}
-
-void take_down(int disk) {
-    if (g_disk[disk].devname[0] == '\0') return;
-    fs_removedisk(0, disk);
-    fs_datazone_exit(disk);
-    fs_closedisk(disk);
-    fs_umount(g_disks[disk].node.c_str());
-}
+const bool g_disks_registered = (use_formatted_disks(1), true);
 
 class Delete : public ::testing::Test {
   protected:

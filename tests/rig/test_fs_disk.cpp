@@ -26,6 +26,8 @@
 #include "aging.h"
 #include "capture.h"
 #include "recstore.h"
+#include "formatted_disks.h"
+#include "recording.h"
 #include "rig.h"
 
 namespace {
@@ -33,181 +35,11 @@ namespace {
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
 
-constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
-constexpr uint32_t kCluster = 524288;
-constexpr uint32_t kNoBlock = 0xFFFFFFFFu;
-constexpr int kNoCache = 4;
-constexpr int kReadOnly = 1;
-constexpr int kDirectIo = 2;
-constexpr int kCacheInodes = 4096;
-constexpr unsigned kCacheMib = 8;
-constexpr uint32_t kFirstData = 257;  // first data cluster of a 200 GiB disk's zone
-constexpr uint32_t kBlock1 = 1;       // block ids: the map cluster of the block
-constexpr uint32_t kBlock2 = 2;
-constexpr uint32_t kBlock3 = 3;
-constexpr unsigned kAllLevels = 0xB;
-
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
-
-bool exists(const std::string &path) {
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-struct tm make_tm(int year, int mon, int day, int hour, int min, int sec) {
-    struct tm t;
-    memset(&t, 0, sizeof t);
-    t.tm_year = year - 1900;
-    t.tm_mon = mon - 1;
-    t.tm_mday = day;
-    t.tm_hour = hour;
-    t.tm_min = min;
-    t.tm_sec = sec;
-    time_t s = timegm(&t);
-    gmtime_r(&s, &t);
-    return t;
-}
-
-time_t secs(struct tm t) {
-    return timegm(&t);
-}
-
-rec_param param_of(int channel, const struct tm &start, int type) {
-    rec_param p;
-    memset(&p, 0, sizeof p);
-    to_fs_tm(&start, &p.start);
-    p.channel = static_cast<uint32_t>(channel);
-    p.type = static_cast<uint32_t>(type);
-    return p;
-}
-
-std::string index_name(int disk, int channel, const struct tm &start, int type) {
-    char buf[RECSTORE_PATH_LEN];
-    mk_idx_fullname(disk, buf, sizeof buf, channel, &start, type);
-    return buf;
-}
-
-std::string cache_file(int disk, int channel, const struct tm &start, int type) {
-    char dir[RECSTORE_PATH_LEN];
-    char cache[RECSTORE_PATH_LEN];
-    mk_idx_fullpath(disk, dir, sizeof dir, channel, &start, type);
-    tocachename(cache, sizeof cache, dir);
-    return std::string(cache) + "cache";
-}
-
-std::vector<uint64_t> tags_in(const std::string &path) {
-    const std::string bytes = slurp(path);
-    std::vector<uint64_t> tags;
-    for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
-        uint64_t tag = 0;
-        for (int i = 7; i >= 0; i--) tag = (tag << 8) | static_cast<unsigned char>(bytes[at + i]);
-        tags.push_back(tag);
-    }
-    return tags;
-}
-
-// A page-aligned cluster buffer.
-struct Cluster {
-    Cluster() {
-        void *p = nullptr;
-        if (posix_memalign(&p, 4096, kCluster) == 0) mem.reset(static_cast<unsigned char *>(p));
-    }
-    struct Free {
-        void operator()(unsigned char *p) const { free(p); }
-    };
-    std::unique_ptr<unsigned char, Free> mem;
-    unsigned char *data() { return mem.get(); }
-};
+using namespace recording_test;
 
 // ---- the disks -----------------------------------------------------------------------------
 
-rig::Disk g_disks[1];
-
-class FormattedDisks : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        ASSERT_TRUE(rig::active()) << "run this program through tests/rig/rig-run as root";
-        const char letters[1] = {'a'};
-        for (int i = 0; i < 1; i++) {
-            g_disks[i] = rig::attach(letters[i], 200 * kGiB);
-            StdoutCapture out;
-            const int result = fs_format(g_disks[i].node.c_str());
-            const std::string text = out.stop();
-            ASSERT_EQ(result, 0) << text;
-        }
-    }
-    void TearDown() override {
-        for (rig::Disk &d : g_disks) {
-            if (d.loop.empty()) continue;
-            try {
-                rig::unplug(d);
-            } catch (const std::exception &e) {
-                ADD_FAILURE() << e.what();
-            }
-            unlink(d.image.c_str());
-        }
-    }
-};
-
-const ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new FormattedDisks);
-
-std::string data_partition(int disk) {
-    return g_disks[disk].node + "3";
-}
-
-// Waits for the cache loader of a disk to finish (it is started by fs_datazone_init).
-bool wait_cache_loaded(int disk) {
-    for (int i = 0; i < 500; i++) {
-        if (cache_is_loaded(static_cast<unsigned>(disk))) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
-
-// The plug-in order, as the recording layer runs it. A fresh disk goes through fs_cleardisk
-// first so that its magic file and maps are new; `age` runs while the data zone is stopped.
-template <typename Age>
-void bring_up(int disk, bool fresh, Age age) {
-    const std::string &dev = g_disks[disk].node;
-    ASSERT_EQ(fs_umount(dev.c_str()), 0);
-    ASSERT_EQ(fs_chk(dev.c_str()), fs_is_readonly() ? -1 : 0);
-    ASSERT_EQ(fs_mount(dev.c_str()), 0);
-    ASSERT_EQ(fs_opendisk(dev.c_str()), disk);
-    if (fresh) {
-        ASSERT_EQ(fs_cleardisk(disk), 0);
-    }
-    age();
-    cache_set_loaded(static_cast<unsigned>(disk), 0);
-    ASSERT_EQ(fs_datazone_init(disk), 0);
-    if (fs_use_cache() && !fs_is_readonly()) {
-        ASSERT_TRUE(wait_cache_loaded(disk));
-    }
-    if (!fs_is_readonly()) {
-        ASSERT_EQ(fs_chkdata(disk, 1), 0);
-    }
-    ASSERT_EQ(fs_adddisk(0, disk), 0);
-}
-
-void bring_up(int disk, bool fresh) {
-    bring_up(disk, fresh, [] {});
-}
-
-void take_down(int disk) {
-    if (g_disk[disk].devname[0] == '\0') return;
-    fs_removedisk(0, disk);
-    fs_datazone_exit(disk);
-    fs_closedisk(disk);
-    fs_umount(g_disks[disk].node.c_str());
-}
+const bool g_disks_registered = (use_formatted_disks(2), true);
 
 class Disk : public ::testing::Test {
   protected:
