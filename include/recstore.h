@@ -295,7 +295,7 @@ int fs_use_cache(void);
 void fs_set_max_record_duration(int seconds);
 int fs_get_max_record_duration(void);
 
-/* ---- disk preparation (section owned by the disk-preparation module) ---- */
+/* ---- disk preparation ---- */
 /* Version string of a disk's format, from its magic value: "7.0.0.0", "6.0.0.0", "5.0.0.0",
  * "1.0.0.2", or "" for an unknown magic or a bad disk id. */
 const char *fs_version(int disk_id);
@@ -343,7 +343,7 @@ int fs_diskid(const char *dev);
 /* ---- end of disk preparation ---- */
 
 /* ============================================================================================
- * Cluster bitmaps and the data zone (section owned by the bitmap and data_zone modules).
+ * Cluster bitmaps and the data zone.
  *
  * The data partition is an array of 512 KiB clusters. Cluster 0 is the block map (one entry per
  * block), cluster 1 + i is the cluster map of block i (one entry per data cluster of the block),
@@ -499,7 +499,7 @@ int datazone_is_full_prepare(int disk_id, int threshold);
 /* ---- end of data zone ---- */
 
 /* ============================================================================================
- * Record-info format and index files (section owned by the fstype_old and index modules).
+ * Record-info format and index files.
  * ========================================================================================== */
 #define RECSTORE_MAX_KFRAMES 24        /* key-frame descriptors per index entry */
 #define RECSTORE_MAX_ALARMS 60         /* alarm records per recording */
@@ -646,7 +646,7 @@ void index_get_seqoffset(int handle, uint32_t *seq);
 /* ---- end of index ---- */
 
 /* ============================================================================================
- * Index cache on tmpfs (section owned by the cache module).
+ * Index cache on tmpfs.
  * The tmpfs mounted on "/mnt/cache/" mirrors each disk's index tree: every leaf directory
  * (channel, day, type) has a file "cache" holding one 8-byte tag per recording (layout in
  * filename_to_cachetag), stored as eight little-endian bytes, low word first.
@@ -710,7 +710,7 @@ int cache_delete_before(void);
 /* ---- end of cache ---- */
 
 /* ============================================================================================
- * Streams: one recording on one disk, opened for writing or reading (section owned by fs).
+ * Streams: one recording on one disk, opened for writing or reading.
  * ========================================================================================== */
 #define RECSTORE_STREAMS 128 /* stream handles 0..127 */
 
