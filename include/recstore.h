@@ -495,6 +495,10 @@ int datazone_busy_count(int disk_id);
 int datazone_free_count(int disk_id);
 int datazone_is_free_empty(int disk_id);
 int datazone_is_full_prepare(int disk_id, int threshold);
+/* A stream's read of one cluster: through the stream's page-aligned preload buffer with O_DIRECT
+ * when the stream has one and direct I/O is on (the buffer then holds that cluster), otherwise
+ * datazone_read. Bytes read, or a negative value. */
+int fs_datazone_read(int handle, int disk_id, int cluster_id, void *buf);
 
 /* ---- end of data zone ---- */
 

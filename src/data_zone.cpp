@@ -939,3 +939,23 @@ int datazone_is_full_prepare(int disk_id, int threshold) {
     }
     return datazone_is_free_empty(disk_id);
 }
+
+int fs_datazone_read(int handle, int disk_id, int cluster_id, void *buf) {
+    if (handle < 0 || handle >= RECSTORE_STREAMS) {
+        FS_LOG_ERR("invalid fd :%d", handle);
+        return -1;
+    }
+    if (buf == nullptr) {
+        FS_LOG_ERR("invalid param");
+        return -1;
+    }
+    fs_file_ctx &stream = g_file_ctx[handle];
+    if (stream.preload_buf == nullptr || !g_fs_directio) {
+        return datazone_read(disk_id, cluster_id, buf);
+    }
+    const int got = datazone_read_direct(disk_id, cluster_id, stream.preload_buf);
+    if (got < 1) return got;
+    stream.preload_loaded = cluster_id;
+    if (buf != stream.preload_buf) memcpy(buf, stream.preload_buf, static_cast<size_t>(got));
+    return got;
+}

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <random>
 #include <string>
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -703,6 +704,70 @@ TEST_F(DataZone, DirectReadIsRefusedWithoutDirectIO) {
     EXPECT_EQ(datazone_read_direct(0, 257, buf), -1);
     EXPECT_TRUE(contains(cap.stop(), "]:\x1b[0mnot inited to directio:0\n"));
     free(buf);
+}
+
+// A stream's cluster read goes through its preload buffer only with direct I/O and a buffer.
+TEST_F(DataZone, StreamReadUsesThePreloadBufferWithDirectIO) {
+    ASSERT_EQ(init(1), 0);
+    LogMask quiet(0, 0);
+    ASSERT_EQ(block_alloc(0), 1);
+    const int id = datazone_alloc(0);
+    void *raw = nullptr;
+    ASSERT_EQ(posix_memalign(&raw, 4096, 524288), 0);
+    std::unique_ptr<unsigned char, decltype(&free)> cluster(static_cast<unsigned char *>(raw),
+                                                            free);
+    for (size_t i = 0; i < 524288; ++i) cluster.get()[i] = static_cast<unsigned char>(i * 13 + 1);
+    ASSERT_EQ(datazone_write(0, id, cluster.get()), 524288);
+    ASSERT_EQ(posix_memalign(&raw, 4096, 524288), 0);
+    std::unique_ptr<unsigned char, decltype(&free)> preload(static_cast<unsigned char *>(raw),
+                                                            free);
+    const int saved_directio = g_fs_directio;
+    fs_file_ctx &stream = g_file_ctx[5];
+    const fs_file_ctx saved = stream;
+    std::vector<unsigned char> out(524288, 0);
+
+    // No preload buffer: a plain buffered read.
+    g_fs_directio = 1;
+    stream.preload_buf = nullptr;
+    stream.preload_loaded = -1;
+    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), 524288);
+    EXPECT_EQ(0, memcmp(out.data(), cluster.get(), 524288));
+    EXPECT_EQ(stream.preload_loaded, -1);
+
+    // With a buffer and direct I/O: read into the buffer, remembered, copied out.
+    stream.preload_buf = preload.get();
+    std::fill(out.begin(), out.end(), 0);
+    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), 524288);
+    EXPECT_EQ(stream.preload_loaded, id);
+    EXPECT_EQ(0, memcmp(out.data(), cluster.get(), 524288));
+    EXPECT_EQ(0, memcmp(preload.get(), cluster.get(), 524288));
+
+    // Into the preload buffer itself: nothing to copy.
+    memset(preload.get(), 0, 524288);
+    stream.preload_loaded = -1;
+    EXPECT_EQ(fs_datazone_read(5, 0, id, preload.get()), 524288);
+    EXPECT_EQ(stream.preload_loaded, id);
+    EXPECT_EQ(0, memcmp(preload.get(), cluster.get(), 524288));
+
+    // Direct I/O off: buffered, the preload buffer left alone.
+    g_fs_directio = 0;
+    memset(preload.get(), 0, 524288);
+    stream.preload_loaded = -1;
+    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), 524288);
+    EXPECT_EQ(stream.preload_loaded, -1);
+    EXPECT_EQ(preload.get()[1], 0);
+
+    // A failed read leaves the remembered cluster as it was.
+    g_fs_directio = 1;
+    stream.preload_loaded = id;
+    EXPECT_EQ(fs_datazone_read(5, 0, 3, out.data()), -1);
+    EXPECT_EQ(stream.preload_loaded, id);
+    EXPECT_EQ(fs_datazone_read(128, 0, id, out.data()), -1);
+    EXPECT_EQ(fs_datazone_read(-1, 0, id, out.data()), -1);
+    EXPECT_EQ(fs_datazone_read(5, 0, id, nullptr), -1);
+
+    stream = saved;
+    g_fs_directio = saved_directio;
 }
 
 TEST_F(DataZone, OutOfRangeClustersAreRefusedWithoutTouchingTheDevice) {
