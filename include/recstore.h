@@ -830,6 +830,35 @@ int fs_block_timeout(const block_entry *latest, const block_entry *cur, time_t t
 int fs_earliest(int disk_id, uint32_t *seq);
 int fs_before(int disk_id, int32_t t, block_entry *out, int max);
 
+/* ---- reading, preload, key frames and seeking ---- */
+/* Reads the next cluster of a reader: the whole cluster into buffer (524288 bytes), its payload
+ * length, its key-frame table (RECSTORE_MAX_KFRAMES descriptors) and count. The length, 0 at the
+ * end of the recording, or a negative value. */
+int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
+/* Reads the cluster before the position and stays at its start, so that repeated calls walk
+ * backwards. The length, or a negative value (-1 at the first entry). */
+int fs_read_r(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
+/* Gives the stream a one-cluster preload buffer (on non-null; needs direct I/O) or frees it. */
+int fs_set_preload(int handle, const void *on);
+/* 1 when the stream has a preload buffer, else 0. */
+int fs_is_preload(int handle);
+/* Loads the cluster after the one last read into the preload buffer (run by the daemon). */
+int fs_preload(int handle);
+/* Takes the key-frame context anew from the entry at the position. */
+void fs_reset_kframe_context(int handle);
+/* Current, next and previous key frame: the whole cluster holding it into buffer and the key
+ * frame's offset inside it. The cluster's payload length, 0 at the end, or a negative value. */
+int fs_getcurkframe(int handle, void *buffer, uint32_t *offset);
+int fs_getnextkframe(int handle, void *buffer, uint32_t *offset);
+int fs_getprekframe(int handle, void *buffer, uint32_t *offset);
+/* Position (entries x 524288, offset inside the cluster in *offset) and time of the current key
+ * frame; moves by payload bytes (whence 0 or 1) or by seconds (seq required). As index_ltell,
+ * index_ttell, index_lseek and index_tseek. */
+int64_t fs_ltell(int handle, uint32_t *offset);
+int64_t fs_ttell(int handle, uint32_t *seq);
+int64_t fs_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out);
+int64_t fs_tseek(int handle, int32_t sec, int whence, int32_t *seq);
+
 /* ---- end of streams ---- */
 
 #ifdef __cplusplus

@@ -1365,6 +1365,428 @@ void fs_dump(int fd, int disk_id) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Reading: one cluster per call, forward or backward, through the stream's preload buffer when
+// direct I/O is on; key-frame navigation and seeking by position and by time.
+//
+// fs_read, fs_read_r and the preload functions hold g_fslock from the index read to the end of
+// the data read, so that the index position, the preload fields and the buffer change together.
+// The key-frame functions take no lock: one stream is navigated by one thread at a time.
+
+namespace {
+
+constexpr uint32_t kNoNextCluster = 0xFFFFFFFFu;  // the next-cluster answer after the last entry
+constexpr int32_t kNothingLoaded = -1;            // preload fields with no cluster
+constexpr int64_t kClusterStep = RECSTORE_CLUSTER_SIZE;
+constexpr int kFullEntry = 204;  // what an entry read returns when it read a whole entry
+
+bool read_args_present(const void *buffer, const uint32_t *length, const kframe *frames,
+                       const uint32_t *count) {
+    if (buffer != nullptr && length != nullptr && frames != nullptr && count != nullptr)
+        return true;
+    FS_LOG_ERR("invalid param");
+    return false;
+}
+
+// An entry read from a damaged index file could name more payload than a cluster holds or more
+// key frames than a table holds; copying it would overrun the caller's buffers.
+bool entry_in_range(uint32_t length, uint32_t count) {
+    if (length <= RECSTORE_CLUSTER_SIZE && count <= RECSTORE_MAX_KFRAMES) return true;
+    FS_LOG_ERR("index entry out of range: length:%u frames:%u", length, count);
+    return false;
+}
+
+// Loads a cluster into the stream's preload buffer with direct I/O; g_fslock is held.
+int disk_to_cache_locked(int handle, uint32_t cluster) {
+    fs_file_ctx &f = g_file_ctx[handle];
+    if (cluster == kNoNextCluster || f.preload_buf == nullptr) return -1;
+    if (f.idx < 0) {
+        FS_LOG_ERR("fd:%d index handle err", handle);
+        return -1;
+    }
+    if (f.preload_loaded == static_cast<int32_t>(cluster)) return 0;
+    const int got = datazone_read_direct(f.disk_id, static_cast<int>(cluster), f.preload_buf);
+    if (got != static_cast<int>(RECSTORE_CLUSTER_SIZE)) {
+        FS_LOG_ERR("data read err cacheid:%u, clusterid:%u",
+                   static_cast<uint32_t>(f.preload_loaded), cluster);
+        return -1;
+    }
+    FS_LOG_INFO("load cacheid:%u, clusterid:%u", static_cast<uint32_t>(f.preload_loaded), cluster);
+    f.preload_loaded = static_cast<int32_t>(cluster);
+    return 0;
+}
+
+// Reads the entry's cluster into the caller's buffer, from the preload buffer when it can be
+// loaded there; g_fslock is held. The payload length or a negative value.
+int read_entry_cluster_locked(int handle, uint32_t cluster, void *buffer, uint32_t length) {
+    fs_file_ctx &f = g_file_ctx[handle];
+    if (disk_to_cache_locked(handle, cluster) == 0) {
+        if (f.preload_loaded != static_cast<int32_t>(cluster)) {
+            FS_LOG_ERR("load cluster:%u cache error", cluster);
+            return -1;
+        }
+        memcpy(buffer, f.preload_buf, length);
+        FS_LOG_INFO("use preload cache clusterid:%u len:%d", cluster, static_cast<int>(length));
+        return static_cast<int>(length);
+    }
+    const int got = fs_datazone_read(handle, f.disk_id, static_cast<int>(cluster), buffer);
+    if (got < 0 || static_cast<int64_t>(got) < static_cast<int64_t>(length)) {
+        FS_LOG_ERR("data read err");
+        return got < 0 ? got : -1;
+    }
+    return static_cast<int>(length);
+}
+
+}  // namespace
+
+int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count) {
+    if (!check_stream(handle) || !read_args_present(buffer, length, frames, count)) return -1;
+    fs_file_ctx &f = g_file_ctx[handle];
+    MutexGuard guard(g_fslock);
+    *count = 0;
+    uint32_t cluster = 0;
+    uint32_t next = kNoNextCluster;
+    const int r = index_read(f.idx, &cluster, length, frames, count, &next);
+    if (r == 0) {
+        FS_LOG_INFO("index_read end of file");
+        return 0;
+    }
+    if (r != kFullEntry) {
+        FS_LOG_ERR("index read err");
+        return r < 0 ? r : -1;
+    }
+    f.preload_cluster = static_cast<int32_t>(next);
+    if (!entry_in_range(*length, *count)) return -1;
+    index_clear_offset(f.idx);
+    return read_entry_cluster_locked(handle, cluster, buffer, *length);
+}
+
+int fs_read_r(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count) {
+    if (!check_stream(handle) || !read_args_present(buffer, length, frames, count)) return -1;
+    fs_file_ctx &f = g_file_ctx[handle];
+    MutexGuard guard(g_fslock);
+    *count = 0;
+    uint32_t cluster = 0;
+    const int r = index_read_r(f.idx, &cluster, length, frames, count);
+    if (r == 0) {
+        FS_LOG_INFO("end of file");
+        return 0;
+    }
+    if (r != kFullEntry) {
+        FS_LOG_ERR("index read err");
+        return r < 0 ? r : -1;
+    }
+    if (!entry_in_range(*length, *count)) return -1;
+    index_clear_offset(f.idx);
+    const int got = fs_datazone_read(handle, f.disk_id, static_cast<int>(cluster), buffer);
+    if (got < 0 || static_cast<int64_t>(got) < static_cast<int64_t>(*length)) {
+        FS_LOG_ERR("data read err");
+        return got < 0 ? got : -1;
+    }
+    return static_cast<int>(*length);
+}
+
+int fs_set_preload(int handle, const void *on) {
+    if (!valid_handle(handle)) return -1;
+    MutexGuard guard(g_fslock);
+    fs_file_ctx &f = g_file_ctx[handle];
+    if (on == nullptr) {
+        free(f.preload_buf);
+        f.preload_buf = nullptr;
+        f.preload_loaded = kNothingLoaded;
+        return 0;
+    }
+    if (!g_fs_directio) {
+        FS_LOG_PLAIN("you must specific direct io in rec_init before you want use preload\n");
+        return -1;
+    }
+    if (f.preload_buf == nullptr) {
+        void *p = nullptr;
+        if (posix_memalign(&p, static_cast<size_t>(getpagesize()), RECSTORE_CLUSTER_SIZE) != 0) {
+            FS_LOG_ERR("preload buffer alloc err");
+            return -1;
+        }
+        f.preload_buf = static_cast<uint8_t *>(p);
+        f.preload_loaded = kNothingLoaded;
+    }
+    return 0;
+}
+
+int fs_is_preload(int handle) {
+    if (!valid_handle(handle)) return 0;
+    MutexGuard guard(g_fslock);
+    return g_file_ctx[handle].preload_buf != nullptr ? 1 : 0;
+}
+
+int fs_preload(int handle) {
+    if (!valid_handle(handle)) return handle;
+    MutexGuard guard(g_fslock);
+    const fs_file_ctx &f = g_file_ctx[handle];
+    if (!disk_is_open(f.disk_id)) {
+        FS_LOG_ERR("disk %d not open", f.disk_id);
+        return -1;
+    }
+    if (f.preload_buf == nullptr) return 0;
+    // What the load answers does not matter to the caller: the next read loads again if needed.
+    disk_to_cache_locked(handle, static_cast<uint32_t>(f.preload_cluster));
+    return 0;
+}
+
+int64_t fs_ltell(int handle, uint32_t *offset) {
+    if (!check_stream(handle)) return -1;
+    return index_ltell(g_file_ctx[handle].idx, offset);
+}
+
+int64_t fs_ttell(int handle, uint32_t *seq) {
+    if (!check_stream(handle)) return -1;
+    return index_ttell(g_file_ctx[handle].idx, seq);
+}
+
+int64_t fs_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out) {
+    if (!check_stream(handle)) return -1;
+    return index_lseek(g_file_ctx[handle].idx, offset, whence, offset_out);
+}
+
+int64_t fs_tseek(int handle, int32_t sec, int whence, int32_t *seq) {
+    if (!check_stream(handle)) return -1;
+    if (seq == nullptr) {
+        FS_LOG_ERR("invalid param");
+        return -1;
+    }
+    return index_tseek(g_file_ctx[handle].idx, sec, whence, seq);
+}
+
+namespace {
+
+// The key frame the context stands at, as the signed value it is (a backward walk takes it
+// below 0).
+int64_t kf_cur_of(const fs_file_ctx &f) {
+    return static_cast<int32_t>(f.kf_cur);
+}
+
+int64_t kf_count_of(const fs_file_ctx &f) {
+    return static_cast<int32_t>(f.kf_count);
+}
+
+int64_t kf_pos_of(const fs_file_ctx &f) {
+    return static_cast<int64_t>(f.kf_pos);
+}
+
+bool kf_pos_current(const fs_file_ctx &f) {
+    const int64_t pos = index_ltell(f.idx, nullptr);
+    return pos >= 0 && pos == kf_pos_of(f);
+}
+
+// The context still describes the entry at the position with a key frame left at kf_cur.
+bool forward_context_valid(const fs_file_ctx &f) {
+    const int64_t cur = kf_cur_of(f);
+    return cur >= 0 && kf_count_of(f) > cur && kf_pos_current(f);
+}
+
+bool backward_context_valid(const fs_file_ctx &f) {
+    const int64_t cur = kf_cur_of(f);
+    return kf_count_of(f) > cur && cur > 0 && kf_pos_current(f);
+}
+
+void log_context(const fs_file_ctx &f) {
+    FS_LOG_INFO("kcontext count:%d cur:%d pos:%lld", static_cast<int>(kf_count_of(f)),
+                static_cast<int>(kf_cur_of(f)), static_cast<long long>(kf_pos_of(f)));
+}
+
+void reset_context(fs_file_ctx &f) {
+    uint32_t cluster = 0;
+    uint32_t length = 0;
+    uint32_t count = 0;
+    const int r = index_get(f.idx, &cluster, &length, f.kf_frames, &count);
+    f.kf_count = r == kFullEntry && count <= RECSTORE_MAX_KFRAMES ? count : 0;
+    uint32_t seq = 0;
+    index_get_seqoffset(f.idx, &seq);
+    f.kf_cur = seq;
+    f.kf_pos = static_cast<uint64_t>(index_ltell(f.idx, nullptr));
+    FS_LOG_INFO("reset kframe count:%d, cur:%d, pos: %lld\n", static_cast<int>(kf_count_of(f)),
+                static_cast<int>(kf_cur_of(f)), static_cast<long long>(kf_pos_of(f)));
+}
+
+// The entry at the position, peeked into the context's frame table.
+struct PeekedEntry {
+    int result = 0;  // as index_get: 204, 0 at the end, or a failure
+    uint32_t cluster = 0;
+    uint32_t length = 0;
+};
+
+PeekedEntry peek_into_context(fs_file_ctx &f) {
+    PeekedEntry e;
+    uint32_t count = 0;
+    e.result = index_get(f.idx, &e.cluster, &e.length, f.kf_frames, &count);
+    if (e.result > 0 && e.result != kFullEntry) e.result = -1;
+    if (e.result == kFullEntry && !entry_in_range(e.length, count)) e.result = -1;
+    f.kf_count = e.result == kFullEntry ? count : 0;
+    return e;
+}
+
+// Moves the stream by `steps` whole clusters of payload (negative: backward). Going back from the
+// first entry is refused here: there is no entry before it.
+bool cluster_steps(const fs_file_ctx &f, int64_t steps) {
+    if (steps < 0 && index_ltell(f.idx, nullptr) < kClusterStep) return false;
+    return index_lseek(f.idx, steps * kClusterStep, SEEK_CUR, nullptr) >= 0;
+}
+
+// Reads the entry's cluster and gives the offset of the key frame at kf_cur. The payload length
+// or a negative value.
+int deliver_key_frame(int handle, const PeekedEntry &e, void *buffer, uint32_t *offset) {
+    fs_file_ctx &f = g_file_ctx[handle];
+    const int64_t cur = kf_cur_of(f);
+    if (cur < 0 || cur >= kf_count_of(f)) {
+        FS_LOG_ERR("kframe out of range fd:%d cur:%d count:%d", handle, static_cast<int>(cur),
+                   static_cast<int>(kf_count_of(f)));
+        return -1;
+    }
+    const int got = fs_datazone_read(handle, f.disk_id, static_cast<int>(e.cluster), buffer);
+    if (got < 0 || static_cast<int64_t>(got) < static_cast<int64_t>(e.length)) {
+        FS_LOG_ERR("data read err");
+        return got < 0 ? got : -1;
+    }
+    *offset = f.kf_frames[cur].frame_offset;
+    return static_cast<int>(e.length);
+}
+
+bool check_kframe_call(int handle, const void *buffer, const uint32_t *offset) {
+    if (!check_stream(handle)) return false;
+    if (buffer != nullptr && offset != nullptr) return true;
+    FS_LOG_ERR("invalid param");
+    return false;
+}
+
+void log_delivered(int handle, const void *buffer, const fs_file_ctx &f, uint32_t offset) {
+    FS_LOG_INFO("id:%d,buf:%p count:%d,cur:%d, pos:%lld, offset:%d", handle, buffer,
+                static_cast<int>(kf_count_of(f)), static_cast<int>(kf_cur_of(f)),
+                static_cast<long long>(kf_pos_of(f)), static_cast<int>(offset));
+}
+
+}  // namespace
+
+void fs_reset_kframe_context(int handle) {
+    if (!valid_handle(handle) || g_file_ctx[handle].idx < 0) return;
+    reset_context(g_file_ctx[handle]);
+}
+
+int fs_getcurkframe(int handle, void *buffer, uint32_t *offset) {
+    if (!check_kframe_call(handle, buffer, offset)) return -1;
+    fs_file_ctx &f = g_file_ctx[handle];
+    if (forward_context_valid(f)) {
+        log_context(f);
+    } else {
+        reset_context(f);
+    }
+    for (int64_t steps = 0;; steps++) {
+        const PeekedEntry e = peek_into_context(f);
+        if (e.result == 0) {
+            FS_LOG_INFO("end of file");
+            return 0;
+        }
+        if (e.result < 0) {
+            FS_LOG_ERR("index read err");
+            return e.result;
+        }
+        if (f.kf_count > 0) {
+            const int r = deliver_key_frame(handle, e, buffer, offset);
+            if (r < 0) return r;
+            // Back to where the call found the stream.
+            if (steps > 0 && !cluster_steps(f, -steps)) {
+                FS_LOG_ERR("seek err fd :%d", handle);
+                return -1;
+            }
+            return r;
+        }
+        if (!cluster_steps(f, 1)) {
+            FS_LOG_ERR("seek err fd :%d", handle);
+            return -1;
+        }
+        reset_context(f);
+    }
+}
+
+int fs_getnextkframe(int handle, void *buffer, uint32_t *offset) {
+    if (!check_kframe_call(handle, buffer, offset)) return -1;
+    fs_file_ctx &f = g_file_ctx[handle];
+    if (forward_context_valid(f)) {
+        log_context(f);
+    } else {
+        // A context that does not describe the position always moves on to the next cluster.
+        if (!cluster_steps(f, 1)) {
+            FS_LOG_ERR("seek err fd :%d", handle);
+            return -1;
+        }
+        FS_LOG_INFO("fs_getnextkframe lseek \n");
+        reset_context(f);
+    }
+    for (;;) {
+        const PeekedEntry e = peek_into_context(f);
+        if (e.result == 0) {
+            FS_LOG_INFO("end of file,ret:%d len:%d kcount:%d", e.result, static_cast<int>(e.length),
+                        static_cast<int>(kf_count_of(f)));
+            return 0;
+        }
+        if (e.result < 0) {
+            FS_LOG_ERR("index read err,ret:%d", e.result);
+            return e.result;
+        }
+        if (f.kf_count > 0) {
+            const int r = deliver_key_frame(handle, e, buffer, offset);
+            if (r < 0) return r;
+            log_delivered(handle, buffer, f, *offset);
+            f.kf_cur++;
+            return r;
+        }
+        if (!cluster_steps(f, 1)) {
+            FS_LOG_ERR("seek err fd :%d pos:%lld", handle,
+                       static_cast<long long>(index_ltell(f.idx, nullptr)));
+            return -1;
+        }
+        reset_context(f);
+        FS_LOG_INFO("fs_getnextkframe loop lseek pos:%lld", static_cast<long long>(kf_pos_of(f)));
+    }
+}
+
+int fs_getprekframe(int handle, void *buffer, uint32_t *offset) {
+    if (!check_kframe_call(handle, buffer, offset)) return -1;
+    fs_file_ctx &f = g_file_ctx[handle];
+    if (backward_context_valid(f)) {
+        log_context(f);
+    } else {
+        if (!cluster_steps(f, -1)) {
+            FS_LOG_ERR("seek err fd :%d", handle);
+            return -1;
+        }
+        FS_LOG_INFO("fs_getprekframe lseek \n");
+        reset_context(f);
+    }
+    for (;;) {
+        const PeekedEntry e = peek_into_context(f);
+        if (e.result == 0) {
+            FS_LOG_INFO("end of file");
+            return 0;
+        }
+        if (e.result < 0) {
+            FS_LOG_ERR("index read err");
+            return e.result;
+        }
+        if (f.kf_count > 0) {
+            const int r = deliver_key_frame(handle, e, buffer, offset);
+            if (r < 0) return r;
+            log_delivered(handle, buffer, f, *offset);
+            f.kf_cur--;
+            return r;
+        }
+        if (!cluster_steps(f, -1)) {
+            FS_LOG_ERR("seek err fd :%d", handle);
+            return -1;
+        }
+        FS_LOG_INFO("fs_getprekframe loop lseek \n");
+        reset_context(f);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
 // Block change and the host's exception callbacks.
 //
 // Each disk's mutex is held only around its own block operation, never both at once, and the
