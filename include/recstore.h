@@ -861,6 +861,123 @@ int64_t fs_tseek(int handle, int32_t sec, int whence, int32_t *seq);
 
 /* ---- end of streams ---- */
 
+/* ============================================================================================
+ * Recording API: the host's interface over all disks. Lifecycle, the daemon thread (hot-plug,
+ * disk and block changes), stream handles 0..127 mapped onto the disks' streams.
+ * ========================================================================================== */
+#define RECSTORE_REC_SLOTS 128    /* recording handles 0..127 */
+#define RECSTORE_FIND_SLOTS 8     /* find handles 0..7 */
+#define RECSTORE_REC_CREATE 0x40  /* open flag: create a new recording (O_CREAT) */
+#define RECSTORE_PERIOD_MIN 3600  /* rec_set_period accepts only longer periods (seconds) */
+
+/* One recording handle: the disk and the stream handle of the disk layer; both -1 when free. */
+typedef struct rec_stream_slot {
+    int disk_id;
+    int handle;
+} rec_stream_slot;
+
+/* One find handle; in_use 0 when free. The rest belongs to the search. */
+typedef struct rec_find_slot {
+    int in_use;
+    void *state;
+} rec_find_slot;
+
+/* The recording context (one per process). */
+typedef struct rec_ctx {
+    int inited;                    /* 1 between rec_init and rec_exit */
+    int curdiskid;                 /* disk new recordings go to; -1 when none */
+    void *exphandle[6];            /* copy of the host's handler set (rec_set_exphandle) */
+    pthread_t thread;              /* the daemon; (pthread_t)-1 when none was started */
+    int running;                   /* 1 while the daemon is to keep running */
+    pthread_mutex_t stream_lock;   /* guards streams */
+    pthread_mutex_t find_lock;     /* guards finds */
+    rec_stream_slot streams[RECSTORE_REC_SLOTS];
+    rec_find_slot finds[RECSTORE_FIND_SLOTS];
+    int overlap;                   /* 1: full disks are recycled from their oldest blocks */
+    int period;                    /* age in seconds of the periodic deletion; -1 none */
+    int force;                     /* 1: run the periodic deletion on the next disk pass */
+} rec_ctx;
+
+/* The host's handler set for rec_set_exphandle: words 0-2 are the simple block-change callbacks
+ * installed with fs_set_exphandle (before, after, user argument); words 3-5 are kept unchanged. */
+typedef struct rec_exphandle {
+    void *words[6];
+} rec_exphandle;
+
+/* Disk-change callbacks of rec_changedisk, held in the extended handler set: rec_word0 before
+ * the change, rec_word1 after it, rec_word4 the user word passed to both. */
+typedef void (*rec_disk_cb)(int old_disk, int new_disk, void *user);
+
+/* Optional clock of the host: seconds since the epoch, called with a null argument. */
+typedef time_t (*rec_time_fn)(time_t *out);
+
+extern rec_ctx g_recctx;
+extern char g_devname[RECSTORE_PROBE_MAX][RECSTORE_PATH_LEN]; /* disks of the last probe */
+extern int g_diskcount;                                        /* valid entries of g_devname */
+extern rec_time_fn g_rec_pfn_time;                             /* null: time(2) */
+
+/* ---- lifecycle, daemon and hot-plug ---- */
+/* Resets the context, starts the disk layer (fs_init with the same arguments) and records the
+ * disks present now; they are not brought up. 0, or -1 when fs_init fails. */
+int rec_init(int cache_inodes, unsigned cache_mib_per_disk, int mode_flags);
+/* Ends the disk layer. Stop the daemon first. */
+void rec_exit(void);
+int rec_is_inited(void);
+/* Starts the daemon thread; the thread creation's result. */
+int rec_bringup_deamon(void);
+/* Stops and joins the daemon; -1 when none was started, else the join's result. */
+int rec_shutdown_deamon(void);
+/* The daemon's loop; context is &g_recctx. Returns 0. */
+void *rec_daemon(void *context);
+int rec_diskhotplug(void);
+int rec_plugin(void);
+int rec_plugout(void);
+/* Periods of more than 3600 s are stored (1); others are refused (0). */
+int rec_set_period(int seconds);
+void rec_force(int flag);
+int rec_setoverlap(int flag);
+void rec_set_time_pfn(rec_time_fn fn);
+int do_rec_period_is_valid(int seconds);
+int do_rec_time_is_valid(int t);
+int do_rec_test_period(int now);
+int rec_lockdisk(void);
+int rec_unlockdisk(void);
+void rec_dump(int fd);
+
+/* ---- streams and disk rotation ---- */
+/* Opens a recording: flags with RECSTORE_REC_CREATE create it on the current disk, otherwise it
+ * is looked up on the disks of group 0. The handle 0-127, or -1. */
+int rec_open_v2(int channel, const struct tm *start, int type, int attr_a, int attr_b, int attr_c,
+                int flags, int mode, int attr_d, const ext_desc *ext);
+int rec_open_v1(int channel, const struct tm *start, int type, int attr_a, int attr_b, int attr_c,
+                int flags, int mode, int attr_d);
+int rec_open(int channel, const struct tm *start, int type, int attr_a, int attr_b, int attr_c,
+             int flags, int mode);
+void rec_close(int h, const struct tm *end);
+/* One whole cluster (see fs_write). -2, without writing, when the handle's disk is full. */
+int rec_write(int h, const void *buffer, int length, const kframe *frames, int count);
+int rec_get_ext(int h, void *buffer, int size);
+int rec_chmod(int h, int mode);
+int rec_stat(int h, recordinfo *st);
+int rec_insertalarm(int h, const record_alarm *alarm);
+int rec_sync(int h);
+void do_rec_preload(void);
+int rec_sync_cache(void);
+int rec_is_cache_readonly(void);
+int rec_is_cache_loaded(void);
+/* Copies the stored handler set into old, stores new and installs its simple callbacks. Returns
+ * old. */
+rec_exphandle *rec_set_exphandle(rec_exphandle *old, const rec_exphandle *new_handlers);
+void rec_clear_exphandle(void);
+void rec_set_exphandle_ex(const fs_exphandle_ex *handlers);
+fs_exphandle_ex *rec_get_exphandle_ex(void);
+/* The first disk of group 0 that is not full, or -1. */
+int rec_diskcurrent(void);
+/* Moves recording to the disk rec_diskcurrent chooses. 0, or -1 when there is none. */
+int rec_changedisk(int overlap);
+
+/* ---- end of recording API ---- */
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
