@@ -961,6 +961,18 @@ int rec_chmod(int h, int mode);
 int rec_stat(int h, recordinfo *st);
 int rec_insertalarm(int h, const record_alarm *alarm);
 int rec_sync(int h);
+/* Reading, preload, key frames and seeking: as fs_read ... fs_tseek on the handle's stream. */
+int rec_read(int h, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
+int rec_read_r(int h, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
+int rec_set_preload(int h, const void *on);
+int rec_getcurkframe(int h, void *buffer, uint32_t *offset);
+int rec_getnextkframe(int h, void *buffer, uint32_t *offset);
+int rec_getprekframe(int h, void *buffer, uint32_t *offset);
+int64_t rec_ltell(int h, uint32_t *offset);
+/* Time of the current key frame in seconds (as fs_ttell); also into *t (UTC) when t is given. */
+int64_t rec_ttell(int h, struct tm *t);
+int64_t rec_lseek(int h, int64_t offset, int whence);
+int64_t rec_tseek(int h, int32_t sec, int whence, int32_t *out);
 void do_rec_preload(void);
 int rec_sync_cache(void);
 int rec_is_cache_readonly(void);

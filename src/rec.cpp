@@ -542,10 +542,76 @@ int rec_sync(int h) {
     return fs_sync(stream_of(h));
 }
 
+int rec_read(int h, void *buffer, uint32_t *length, kframe *frames, uint32_t *count) {
+    if (!valid_handle(h) || null_ptr(buffer) || null_ptr(length) || null_ptr(frames) ||
+        null_ptr(count)) {
+        return -1;
+    }
+    return fs_read(stream_of(h), buffer, length, frames, count);
+}
+
+int rec_read_r(int h, void *buffer, uint32_t *length, kframe *frames, uint32_t *count) {
+    if (!valid_handle(h) || null_ptr(buffer) || null_ptr(length) || null_ptr(frames) ||
+        null_ptr(count)) {
+        return -1;
+    }
+    return fs_read_r(stream_of(h), buffer, length, frames, count);
+}
+
+int rec_set_preload(int h, const void *on) {
+    if (!valid_handle(h)) return -1;
+    return fs_set_preload(stream_of(h), on);
+}
+
+int rec_getcurkframe(int h, void *buffer, uint32_t *offset) {
+    if (!valid_handle(h) || null_ptr(buffer) || null_ptr(offset)) return -1;
+    return fs_getcurkframe(stream_of(h), buffer, offset);
+}
+
+int rec_getnextkframe(int h, void *buffer, uint32_t *offset) {
+    if (!valid_handle(h) || null_ptr(buffer) || null_ptr(offset)) return -1;
+    return fs_getnextkframe(stream_of(h), buffer, offset);
+}
+
+int rec_getprekframe(int h, void *buffer, uint32_t *offset) {
+    if (!valid_handle(h) || null_ptr(buffer) || null_ptr(offset)) return -1;
+    return fs_getprekframe(stream_of(h), buffer, offset);
+}
+
+int64_t rec_ltell(int h, uint32_t *offset) {
+    if (!valid_handle(h)) return -1;
+    return fs_ltell(stream_of(h), offset);
+}
+
+int64_t rec_ttell(int h, struct tm *t) {
+    if (!valid_handle(h)) return -1;
+    const int64_t seconds = fs_ttell(stream_of(h), nullptr);
+    if (seconds >= 0 && t != nullptr) {
+        const time_t when = static_cast<time_t>(seconds);
+        gmtime_r(&when, t);
+    }
+    return seconds;
+}
+
+int64_t rec_lseek(int h, int64_t offset, int whence) {
+    if (!valid_handle(h)) return -1;
+    return fs_lseek(stream_of(h), offset, whence, nullptr);
+}
+
+int64_t rec_tseek(int h, int32_t sec, int whence, int32_t *out) {
+    if (!valid_handle(h) || null_ptr(out)) return -1;
+    return fs_tseek(stream_of(h), sec, whence, out);
+}
+
 /* ---- whole-library operations ---- */
 
 void do_rec_preload(void) {
-    // Read-ahead for open read streams arrives with the disk layer's preload.
+    // Slots are read without the stream lock: the stream layer checks a handle that was closed
+    // meanwhile under its own lock.
+    for (const rec_stream_slot &s : g_recctx.streams) {
+        const int handle = load(s.handle);
+        if (handle >= 0) fs_preload(handle);
+    }
 }
 
 int rec_sync_cache(void) {

@@ -332,3 +332,64 @@ TEST_F(RecApi, NoDiskToRecycle) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(RecApi, ReadingAndSeekingRefuseBadHandlesAndNullPointers) {
+    unsigned char buf[16] = {};
+    kframe frames[RECSTORE_MAX_KFRAMES] = {};
+    uint32_t length = 0;
+    uint32_t count = 0;
+    uint32_t offset = 0;
+    int32_t seq = 0;
+    struct tm t;
+    std::string out = printed([&] {
+        EXPECT_EQ(rec_read(128, buf, &length, frames, &count), -1);
+        EXPECT_EQ(rec_read_r(128, buf, &length, frames, &count), -1);
+        EXPECT_EQ(rec_set_preload(128, buf), -1);
+        EXPECT_EQ(rec_getcurkframe(128, buf, &offset), -1);
+        EXPECT_EQ(rec_getnextkframe(128, buf, &offset), -1);
+        EXPECT_EQ(rec_getprekframe(128, buf, &offset), -1);
+        EXPECT_EQ(rec_ltell(128, &offset), -1);
+        EXPECT_EQ(rec_ttell(128, &t), -1);
+        EXPECT_EQ(rec_lseek(128, 0, 0), -1);
+        EXPECT_EQ(rec_tseek(128, 0, 0, &seq), -1);
+    });
+    size_t fds = 0;
+    for (size_t at = out.find("invalid fd\n"); at != std::string::npos;
+         at = out.find("invalid fd\n", at + 1)) {
+        fds++;
+    }
+    EXPECT_EQ(fds, 10u) << out;
+    out = printed([&] {
+        EXPECT_EQ(rec_read(0, nullptr, &length, frames, &count), -1);
+        EXPECT_EQ(rec_read(0, buf, nullptr, frames, &count), -1);
+        EXPECT_EQ(rec_read(0, buf, &length, nullptr, &count), -1);
+        EXPECT_EQ(rec_read(0, buf, &length, frames, nullptr), -1);
+        EXPECT_EQ(rec_read_r(0, buf, &length, frames, nullptr), -1);
+        EXPECT_EQ(rec_getcurkframe(0, nullptr, &offset), -1);
+        EXPECT_EQ(rec_getnextkframe(0, buf, nullptr), -1);
+        EXPECT_EQ(rec_getprekframe(0, buf, nullptr), -1);
+        EXPECT_EQ(rec_tseek(0, 0, 0, nullptr), -1);
+    });
+    size_t nulls = 0;
+    for (size_t at = out.find("NULL ptr\n"); at != std::string::npos;
+         at = out.find("NULL ptr\n", at + 1)) {
+        nulls++;
+    }
+    EXPECT_EQ(nulls, 9u) << out;
+    // A free slot passes -1 to the stream layer, which refuses it.
+    LogMask quiet(0, 0);
+    EXPECT_LT(rec_read(0, buf, &length, frames, &count), 0);
+    EXPECT_LT(rec_ltell(0, &offset), 0);
+    EXPECT_LT(rec_lseek(0, 0, 7), 0);
+}
+
+TEST_F(RecApi, PreloadStepWithoutStreamsDoesNothing) {
+    LogMask mask(kAllLevels);
+    StdoutCapture out;
+    do_rec_preload();
+    EXPECT_EQ(out.stop(), "");
+}
+
+}  // namespace
