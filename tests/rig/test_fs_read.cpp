@@ -4,6 +4,7 @@
 // with direct I/O, by key frame (current, next, previous, clusters without key frames skipped)
 // and by position and time.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -219,6 +220,49 @@ TEST_F(Read, RefusesNullOutputsOnAnOpenStream) {
     // Nothing moved: the first cluster is still the next one.
     EXPECT_EQ(fs_ltell(h, nullptr), 0);
     EXPECT_EQ(fs_read(h, b, &length, frames, &count), static_cast<int>(kCluster));
+    fs_close(h, nullptr);
+}
+
+// An entry of a damaged index file that names more payload than a cluster or more key frames
+// than a table is refused rather than copied.
+TEST_F(Read, RefusesDamagedEntries) {
+    start(0);
+    const struct tm start_tm = make_tm(2024, 6, 1, 11, 30, 0);
+    const std::vector<Entry> entries = record(start_tm, {1, 2, 1}, whole_clusters(3));
+    ASSERT_EQ(entries.size(), 3u);
+    {
+        // Entry 0 claims 1 MiB of payload, entry 1 claims 25 key frames.
+        const std::string name = index_name(0, kChannel, start_tm, kType);
+        const int fd = open(name.c_str(), O_RDWR);
+        ASSERT_GE(fd, 0);
+        struct stat st;
+        ASSERT_EQ(fstat(fd, &st), 0);
+        const off_t first = st.st_size - 3 * index_size();
+        const uint32_t too_long = 2 * kCluster;
+        const uint32_t too_many = RECSTORE_MAX_KFRAMES + 1;
+        EXPECT_EQ(pwrite(fd, &too_long, 4, first + 4), 4);
+        EXPECT_EQ(pwrite(fd, &too_many, 4, first + index_size() + 8), 4);
+        close(fd);
+    }
+    const int h = open_reader(start_tm);
+    ASSERT_GE(h, 0);
+    uint32_t length = 0, count = 0, offset = 0;
+    kframe frames[RECSTORE_MAX_KFRAMES];
+    std::string text =
+        printed([&] { EXPECT_EQ(fs_read(h, rbuf_.data(), &length, frames, &count), -1); });
+    EXPECT_TRUE(contains(text, "index entry out of range: length:1048576 frames:1")) << text;
+    text = printed([&] { EXPECT_EQ(fs_read(h, rbuf_.data(), &length, frames, &count), -1); });
+    EXPECT_TRUE(contains(text, "index entry out of range: length:524288 frames:25")) << text;
+    const int r = fs_read(h, rbuf_.data(), &length, frames, &count);
+    expect_entry(entries[2], 2, r, length, count, frames, rbuf_.data());
+    // The key-frame walk stops at a damaged entry too: one cluster step from entry 0 stays
+    // inside its claimed megabyte, so entry 0 is met again; from entry 1 on, entry 1 is met.
+    ASSERT_EQ(fs_lseek(h, 0, SEEK_SET, nullptr), 0);
+    text = printed([&] { EXPECT_EQ(fs_getnextkframe(h, rbuf_.data(), &offset), -1); });
+    EXPECT_TRUE(contains(text, "index entry out of range: length:1048576 frames:1")) << text;
+    ASSERT_EQ(fs_lseek(h, 2 * static_cast<int64_t>(kCluster), SEEK_SET, nullptr), kCluster);
+    text = printed([&] { EXPECT_EQ(fs_getcurkframe(h, rbuf_.data(), &offset), -1); });
+    EXPECT_TRUE(contains(text, "index entry out of range: length:524288 frames:25")) << text;
     fs_close(h, nullptr);
 }
 
