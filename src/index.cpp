@@ -1206,8 +1206,15 @@ int64_t lseek_forward(int handle, int64_t remaining, bool relative, uint32_t *of
 // Walks backward from the current entry through `remaining` payload bytes.
 int64_t lseek_backward(int handle, int64_t remaining, uint32_t *offset_out) {
     const int fd = g_idx_ctx[handle].fd;
+    const int64_t hdr = sizeof_recordinfo(g_idx_ctx[handle].info);
     for (;;) {
         if (!step_entry(fd, -kIndexEntrySize)) return -1;
+        if (cur_pos(fd) < hdr) {
+            // Stepped back past the first entry: the bytes there are the header, not an entry.
+            step_entry(fd, kIndexEntrySize);
+            FS_LOG_ERR("read_r err or over");
+            return -1;
+        }
         const Peek p = peek_entry(handle);
         if (p.result < 1) {
             FS_LOG_ERR("read_r err or over");

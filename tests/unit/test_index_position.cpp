@@ -215,6 +215,19 @@ TEST_F(IndexPosition, RelativeSeeksForwardAndBackward) {
     EXPECT_NE(cap.stop().find("index get err"), std::string::npos);
 }
 
+TEST_F(IndexPosition, BackwardWalkStopsAtTheFirstEntry) {
+    const int h = recording(kEntries, T + 20);
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(index_lseek(h, 3000, SEEK_SET, nullptr), 2 * kCluster);
+    LogMask mask(0x1);
+    StdoutCapture cap;
+    // One byte more than the two entries before: the walk would reach into the header.
+    EXPECT_EQ(index_lseek(h, -3001, SEEK_CUR, nullptr), -1);
+    EXPECT_NE(cap.stop().find("read_r err or over"), std::string::npos);
+    EXPECT_EQ(lseek64(g_idx_ctx[h].fd, 0, SEEK_CUR), 8336) << "left on the first entry";
+    EXPECT_EQ(index_lseek(h, -3000, SEEK_CUR, nullptr), -1);
+}
+
 TEST_F(IndexPosition, BackwardStepOfAWholeCluster) {
     std::vector<EntrySpec> full = {{524288, {{0, T}}}, {524288, {{0, T + 1}}}, {524288, {}}};
     const int h = recording(full, T + 20);
