@@ -96,31 +96,6 @@ class Stream : public ::testing::Test {
     std::unique_ptr<LogMask> quiet_;
 };
 
-struct Entry {
-    uint32_t cluster = 0;
-    uint32_t length = 0;
-    uint32_t frame_count = 0;
-    kframe frames[RECSTORE_MAX_KFRAMES] = {};
-};
-
-// Every index entry of a recording, read through a reader stream.
-std::vector<Entry> entries_of(int disk, int channel, const struct tm &start, int type) {
-    std::vector<Entry> out;
-    const rec_param p = param_of(channel, start, type);
-    const int h = fs_open(disk, &p, 0, 0, 0, nullptr);
-    EXPECT_GE(h, 0);
-    if (h < 0) return out;
-    const int idx = g_file_ctx[h].idx;
-    for (;;) {
-        Entry e;
-        const int r = index_read(idx, &e.cluster, &e.length, e.frames, &e.frame_count, nullptr);
-        if (r != index_size()) break;
-        out.push_back(e);
-    }
-    fs_close(h, nullptr);
-    return out;
-}
-
 // ---- the tests -----------------------------------------------------------------------------
 
 TEST_F(Stream, BringsADiskUpInThePlugInOrder) {

@@ -100,31 +100,6 @@ void block_after(int old_disk, int new_disk, int, int new_block, void *ctx) {
                                          std::to_string(new_block));
 }
 
-struct Entry {
-    uint32_t cluster = 0;
-    uint32_t length = 0;
-    uint32_t frame_count = 0;
-    kframe frames[RECSTORE_MAX_KFRAMES] = {};
-};
-
-// Every index entry of a recording, through a reader of the disk layer.
-std::vector<Entry> entries_of(int disk, int channel, const struct tm &start, int type) {
-    std::vector<Entry> out;
-    const rec_param p = param_of(channel, start, type);
-    const int h = fs_open(disk, &p, 0, 0, 0, nullptr);
-    EXPECT_GE(h, 0);
-    if (h < 0) return out;
-    const int idx = g_file_ctx[h].idx;
-    for (;;) {
-        Entry e;
-        const int r = index_read(idx, &e.cluster, &e.length, e.frames, &e.frame_count, nullptr);
-        if (r != index_size()) break;
-        out.push_back(e);
-    }
-    fs_close(h, nullptr);
-    return out;
-}
-
 uint32_t length_of(uint32_t n) {
     return kCluster - (n % 5) * 4096;
 }
