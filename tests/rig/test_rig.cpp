@@ -315,10 +315,17 @@ TEST(RigTools, PartprobeTouchesOnlyRigDisks) {
 
 TEST(RigRun, RefusesWithoutRoot) {
     ASSERT_FALSE(rig_home().empty());
+    // The checkout may sit in a directory other users cannot enter: run a copy of the script
+    // from a directory they can.
+    char copy_dir[] = "/tmp/recstore-rigrun.XXXXXX";
+    ASSERT_NE(mkdtemp(copy_dir), nullptr);
+    const std::string copy = std::string(copy_dir) + "/rig-run";
+    rig::sh("chmod 755 " + rig::quote(copy_dir) + " && cp " + rig::quote(rig_home() + "/rig-run") +
+            " " + rig::quote(copy) + " && chmod 755 " + rig::quote(copy));
     std::string out;
-    const int status = rig::run("setpriv --reuid=65534 --regid=65534 --clear-groups " +
-                                    rig::quote(rig_home() + "/rig-run") + " true",
-                                &out);
+    const int status = rig::run(
+        "setpriv --reuid=65534 --regid=65534 --clear-groups " + rig::quote(copy) + " true", &out);
+    rig::run("rm -rf " + rig::quote(copy_dir));
     EXPECT_EQ(status, 77) << out;
     EXPECT_NE(out.find("rig: needs root"), std::string::npos) << out;
 }
