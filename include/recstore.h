@@ -29,14 +29,14 @@ extern "C" {
 /* ============================================================================================
  * Limits shared by every module.
  * ========================================================================================== */
-#define RECSTORE_MAX_DISKS 8        /* disk ids 0..7 */
-#define RECSTORE_MAX_CHANNELS 64    /* channels 0..63 */
-#define RECSTORE_MAX_GROUPS 3       /* disk groups 0..2; 3 means "in no group" */
-#define RECSTORE_PATH_LEN 128       /* callers' path buffers */
+#define RECSTORE_MAX_DISKS 8           /* disk ids 0..7 */
+#define RECSTORE_MAX_CHANNELS 64       /* channels 0..63 */
+#define RECSTORE_MAX_GROUPS 3          /* disk groups 0..2; 3 means "in no group" */
+#define RECSTORE_PATH_LEN 128          /* callers' path buffers */
 #define RECSTORE_CLUSTER_SIZE 0x80000u /* one data cluster: 512 KiB */
 #define RECSTORE_CLUSTER_SHIFT 19
-#define RECSTORE_MODULE_BIT 0x200u  /* this library's bit in the host's modulemask */
-#define RECSTORE_LOG_ERROR 0x1u     /* loglevel bits */
+#define RECSTORE_MODULE_BIT 0x200u /* this library's bit in the host's modulemask */
+#define RECSTORE_LOG_ERROR 0x1u    /* loglevel bits */
 #define RECSTORE_LOG_WARNING 0x2u
 #define RECSTORE_LOG_INFO 0x8u
 #define RECSTORE_LOG_USE_SYSTEM 0x10000u /* loglevel at or above: fs_system uses system(3) */
@@ -70,16 +70,16 @@ extern uint32_t modulemask;
 /* A broken-down time as stored on disk and in host-visible records: the nine fields of struct tm
  * in their order, then two words that are always 0. 44 bytes on every platform. */
 typedef struct fs_tm {
-    int32_t tm_sec;    /* seconds 0-60 */
-    int32_t tm_min;    /* minutes 0-59 */
-    int32_t tm_hour;   /* hours 0-23 */
-    int32_t tm_mday;   /* day of month 1-31 */
-    int32_t tm_mon;    /* month 0-11 */
-    int32_t tm_year;   /* years since 1900 */
-    int32_t tm_wday;   /* day of week 0-6 */
-    int32_t tm_yday;   /* day of year 0-365 */
-    int32_t tm_isdst;  /* daylight-saving flag */
-    int32_t zero[2];   /* always 0 (where struct tm keeps its UTC offset and zone name) */
+    int32_t tm_sec;   /* seconds 0-60 */
+    int32_t tm_min;   /* minutes 0-59 */
+    int32_t tm_hour;  /* hours 0-23 */
+    int32_t tm_mday;  /* day of month 1-31 */
+    int32_t tm_mon;   /* month 0-11 */
+    int32_t tm_year;  /* years since 1900 */
+    int32_t tm_wday;  /* day of week 0-6 */
+    int32_t tm_yday;  /* day of year 0-365 */
+    int32_t tm_isdst; /* daylight-saving flag */
+    int32_t zero[2];  /* always 0 (where struct tm keeps its UTC offset and zone name) */
 } fs_tm;
 
 /* Timing statistics of one kind of directory-walk step. */
@@ -220,8 +220,8 @@ typedef int (*find_action_nostat)(const char *path, void *user);
 
 int find_recursive(char *path, int recurse, int follow_links, int depth_first,
                    find_action file_action, find_action dir_action, void *user, find_debug *stats);
-int find_recursive_nostat(const char *path, unsigned char entry_type, int recurse,
-                          int follow_links, int depth_first, find_action_nostat file_action,
+int find_recursive_nostat(const char *path, unsigned char entry_type, int recurse, int follow_links,
+                          int depth_first, find_action_nostat file_action,
                           find_action_nostat dir_action, void *user, find_debug *stats);
 /* flags: 1 or 2 remove directories with their contents; 4 a missing path is a success. */
 int remove_file(const char *path, int flags);
@@ -252,8 +252,8 @@ extern int g_fs_usecache;         /* 1 unless mode flag 4 (no cache) */
 extern int g_max_duration_in_sec; /* longest duration of one recording file, default 7200 */
 
 /* ---- disk table, groups and fullness ---- */
-#define RECSTORE_NO_GROUP 3 /* g_disk[].grp of a disk in no group */
-#define RECSTORE_FS_RDONLY 1   /* fs_init mode flags */
+#define RECSTORE_NO_GROUP 3  /* g_disk[].grp of a disk in no group */
+#define RECSTORE_FS_RDONLY 1 /* fs_init mode flags */
 #define RECSTORE_FS_DIRECTIO 2
 #define RECSTORE_FS_NOCACHE 4
 
@@ -313,7 +313,8 @@ int fs_format(const char *dev);
  * mounted (nothing done) or its nodes never appeared; -1 otherwise or in read-only mode. */
 int fs_chk(const char *dev);
 /* Mounts partition 1 on "/mnt/img" when no disk's is there, enables the log file and mounts the
- * index partition on the disk's mount point. 0, or -1 when the index partition cannot be mounted. */
+ * index partition on the disk's mount point. 0, or -1 when the index partition cannot be mounted.
+ */
 int fs_mount(const char *dev);
 /* Disables the log file, unmounts "/mnt/img" when this disk's partition 1 is there (and the
  * system does not run from it) and unmounts the index partition. 0, or -1 for a bad name. */
@@ -367,18 +368,18 @@ typedef struct bitmap_node {
 /* The in-memory form of one map cluster (60 bytes on the 32-bit target). Never copy a loaded
  * bitmap by value: its list heads point at themselves. */
 typedef struct cluster_bitmap {
-    int fd;                 /* descriptor the entries are read and written through */
-    uint32_t map_cluster;   /* cluster number of the on-disk map */
-    uint32_t *vals;         /* copy of the entries, in host byte order */
-    bitmap_node *nodes;     /* one node per entry */
-    uint32_t count;         /* number of entries */
-    bitmap_node **node_of;  /* node of entry id; null when the entry has no node */
-    bitmap_list busy_list;  /* busy entries */
-    bitmap_list free_list;  /* free entries */
-    bitmap_list err_list;   /* entries in error */
-    uint32_t busy_bits;     /* nodes on busy_list */
-    uint32_t free_bits;     /* nodes on free_list */
-    uint32_t err_bits;      /* nodes on err_list */
+    int fd;                /* descriptor the entries are read and written through */
+    uint32_t map_cluster;  /* cluster number of the on-disk map */
+    uint32_t *vals;        /* copy of the entries, in host byte order */
+    bitmap_node *nodes;    /* one node per entry */
+    uint32_t count;        /* number of entries */
+    bitmap_node **node_of; /* node of entry id; null when the entry has no node */
+    bitmap_list busy_list; /* busy entries */
+    bitmap_list free_list; /* free entries */
+    bitmap_list err_list;  /* entries in error */
+    uint32_t busy_bits;    /* nodes on busy_list */
+    uint32_t free_bits;    /* nodes on free_list */
+    uint32_t err_bits;     /* nodes on err_list */
 } cluster_bitmap;
 
 int bitmap_init(cluster_bitmap *bm, int count, int fd, uint32_t cluster);
@@ -544,11 +545,11 @@ typedef struct recordinfo {
     uint32_t frame_count; /* sum of the entries' key-frame counts */
     int32_t alarm_count;  /* alarms used, 0-60 */
     record_alarm alarms[RECSTORE_MAX_ALARMS]; /* alarm records */
-    uint16_t attr_a;      /* creation attribute, verbatim */
-    uint16_t attr_b;      /* creation attribute, verbatim */
-    uint32_t attr_c;      /* creation attribute, verbatim */
-    uint32_t type;        /* record type */
-    uint32_t attr_d;      /* creation attribute, verbatim */
+    uint16_t attr_a;                          /* creation attribute, verbatim */
+    uint16_t attr_b;                          /* creation attribute, verbatim */
+    uint32_t attr_c;                          /* creation attribute, verbatim */
+    uint32_t type;                            /* record type */
+    uint32_t attr_d;                          /* creation attribute, verbatim */
     uint32_t ext_magic;   /* RECSTORE_EXT_MAGIC when an extension area follows the header */
     uint32_t ext_type;    /* caller's type of the extension data */
     uint32_t ext_len;     /* extension bytes, 1-2048 */
@@ -557,10 +558,10 @@ typedef struct recordinfo {
 
 /* One index entry (204 bytes on disk): one data cluster of a recording. */
 typedef struct index_entry {
-    uint32_t cluster_id;                   /* data-zone cluster holding the payload */
-    uint32_t length;                       /* payload bytes in that cluster */
-    uint32_t frame_count;                  /* key frames starting in the cluster, 0-24 */
-    kframe frames[RECSTORE_MAX_KFRAMES];   /* key-frame descriptors */
+    uint32_t cluster_id;                 /* data-zone cluster holding the payload */
+    uint32_t length;                     /* payload bytes in that cluster */
+    uint32_t frame_count;                /* key frames starting in the cluster, 0-24 */
+    kframe frames[RECSTORE_MAX_KFRAMES]; /* key-frame descriptors */
 } index_entry;
 
 /* Extension data given when a recording is created. */
@@ -582,7 +583,7 @@ typedef struct handle_slot {
 /* Called after a header with extension is written, so the slot keeps its own copy. */
 typedef void (*ext_callback)(const void *data, int len, handle_slot *slot, void *scratch);
 
-extern uint32_t g_magic[RECSTORE_MAX_DISKS]; /* magic value of each disk's magic file */
+extern uint32_t g_magic[RECSTORE_MAX_DISKS];          /* magic value of each disk's magic file */
 extern handle_slot g_idx_ctx[RECSTORE_INDEX_HANDLES]; /* the index handles */
 
 /* -- record-info format: header sizes, header codecs and entry I/O -- */
@@ -757,8 +758,7 @@ void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length, -5 when no
  * cluster can be allocated, or another negative value. */
-int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames,
-             uint32_t count);
+int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames, uint32_t count);
 /* Current block of the disk, waiting up to 20 x 100 ms for one; 0xFFFFFFFF when none. */
 uint32_t fs_getblockid(int disk_id);
 /* Links a recording (index file name, path relative to the index root) into a block's link
@@ -830,6 +830,82 @@ int fs_block_timeout(const block_entry *latest, const block_entry *cur, time_t t
 int fs_earliest(int disk_id, uint32_t *seq);
 int fs_before(int disk_id, int32_t t, block_entry *out, int max);
 
+/* ---- search and calendar of one disk ---- */
+#define RECSTORE_MATCH_BEGINS_INSIDE 0x1 /* rec start >= start and rec end >= end */
+#define RECSTORE_MATCH_ENDS_INSIDE 0x2   /* rec start <= start and rec end <= end */
+#define RECSTORE_MATCH_INSIDE 0x4        /* rec start >= start and rec end <= end */
+#define RECSTORE_MATCH_COVERS 0x8        /* rec start <= start and rec end >= end */
+#define RECSTORE_MATCH_FAST 0x10         /* file search: times from the index file's time stamps */
+
+/* A recording found by fs_find. Its first 60 bytes are laid out as rec_param (start time, channel,
+ * type at word 14), so the search API keeps them as they are and a host can reopen the recording
+ * with them. */
+typedef struct fs_find_record {
+    fs_tm start;      /* words 0-10: start of the recording */
+    uint32_t channel; /* word 11 */
+    uint16_t attr_a;  /* word 12: 0 (the attributes are in the record info) */
+    uint16_t attr_b;
+    uint32_t attr_c; /* word 13: 0 */
+    uint32_t type;   /* word 14: record type */
+    int32_t disk_id; /* word 15: disk the recording was found on */
+    fs_tm end;       /* words 16-26: end of the recording */
+} fs_find_record;
+
+/* Called for every accepted recording with the found record, its status (as fs_stat fills it;
+ * a cache search fills only mode and total_bytes, the file search's fast path only total_bytes
+ * and ext_magic) and the request's context. 1 goes on; anything else is not counted. */
+typedef int (*fs_find_cb)(const fs_find_record *found, const recordinfo *info, void *context);
+
+/* One search of one disk (the user data of its walk). */
+typedef struct fs_find_req {
+    int disk;          /* disk index 0-7 */
+    uint64_t chanbits; /* bit n selects channel n */
+    int substream;     /* wanted type */
+    int modmask;       /* wanted modes: any common bit */
+    int matchflags;    /* RECSTORE_MATCH_* */
+    int count;         /* recordings accepted so far */
+    int maxcount;      /* limit on count */
+    struct tm start;   /* range */
+    struct tm end;
+    fs_find_cb callback; /* may be null */
+    void *context;
+} fs_find_req;
+
+/* Finds the recordings of a disk by channel set, type, modes and range; the number accepted, or
+ * -1. The fourth argument is ignored. */
+int fs_find(int disk, const struct tm *start, const struct tm *end, int ignored, uint32_t chan_lo,
+            uint32_t chan_hi, int substream, int modmask, int matchflags, int maxcount,
+            fs_find_cb callback, void *context);
+/* Walk actions of fs_find over the cache tree and over the index partition; request: fs_find_req.
+ * 1 go on, 2 do not descend (or next entry), 0 stop. */
+int cache_findaction(const char *path, struct stat *st, void *request);
+int file_findaction(const char *path, struct stat *st, void *request);
+
+struct fs_calendar_req;
+/* Reports a day: the request tells day (0-based), disk and chanbits. 1 marks it reported. */
+typedef int (*fs_calendar_cb)(struct fs_calendar_req *request, void *context);
+
+/* The calendar request of one day. */
+typedef struct fs_calendar_req {
+    int disk;                /* disk index 0-7 */
+    uint64_t chanbits;       /* bit n selects channel n */
+    int day;                 /* day of the month - 1 */
+    int substream;           /* wanted type: always 0 */
+    int found;               /* 1 once the day has been reported */
+    struct tm start;         /* first second of the day, moved by timezone */
+    struct tm end;           /* last second of the day, moved by timezone */
+    fs_calendar_cb callback; /* may be null */
+    void *context;
+} fs_calendar_req;
+
+/* Reports each day of the month (year e.g. 2024, month 1-12) that holds a type-0 recording of
+ * one of the channels. 0, or -1 on a bad argument. The second argument is ignored. */
+int fs_get_calendar(int disk, int ignored, uint32_t chan_lo, uint32_t chan_hi, int year, int month,
+                    fs_calendar_cb callback, void *context);
+/* Walk actions of fs_get_calendar (find_recursive_nostat); request: fs_calendar_req. */
+int cache_calendar_action(const char *path, void *request);
+int file_calendar_action(const char *path, void *request);
+
 /* ---- reading, preload, key frames and seeking ---- */
 /* Reads the next cluster of a reader: the whole cluster into buffer (524288 bytes), its payload
  * length, its key-frame table (RECSTORE_MAX_KFRAMES descriptors) and count. The length, 0 at the
@@ -865,10 +941,10 @@ int64_t fs_tseek(int handle, int32_t sec, int whence, int32_t *seq);
  * Recording API: the host's interface over all disks. Lifecycle, the daemon thread (hot-plug,
  * disk and block changes), stream handles 0..127 mapped onto the disks' streams.
  * ========================================================================================== */
-#define RECSTORE_REC_SLOTS 128    /* recording handles 0..127 */
-#define RECSTORE_FIND_SLOTS 8     /* find handles 0..7 */
-#define RECSTORE_REC_CREATE 0x40  /* open flag: create a new recording (O_CREAT) */
-#define RECSTORE_PERIOD_MIN 3600  /* rec_set_period accepts only longer periods (seconds) */
+#define RECSTORE_REC_SLOTS 128   /* recording handles 0..127 */
+#define RECSTORE_FIND_SLOTS 8    /* find handles 0..7 */
+#define RECSTORE_REC_CREATE 0x40 /* open flag: create a new recording (O_CREAT) */
+#define RECSTORE_PERIOD_MIN 3600 /* rec_set_period accepts only longer periods (seconds) */
 
 /* One recording handle: the disk and the stream handle of the disk layer; both -1 when free. */
 typedef struct rec_stream_slot {
@@ -876,26 +952,55 @@ typedef struct rec_stream_slot {
     int handle;
 } rec_stream_slot;
 
-/* One find handle; in_use 0 when free. The rest belongs to the search. */
+/* The second piece of a search result as the host receives it (128 bytes). */
+typedef struct rec_find_info {
+    int32_t disk_id;         /* disk of the recording (its record info) */
+    uint32_t channel;        /* channel 0-63 */
+    fs_tm start_time;        /* start of the recording */
+    fs_tm end_time;          /* end of the recording */
+    uint32_t mode;           /* mode bits */
+    uint32_t entry_count;    /* clusters */
+    uint32_t total_bytes_lo; /* payload bytes, low word */
+    uint32_t total_bytes_hi; /* payload bytes, high word */
+    uint32_t frame_count;    /* key frames */
+    uint32_t attr_d;         /* creation attribute */
+    uint32_t has_ext;        /* 1 when the record info carries an extension area */
+    uint32_t reserved;       /* not written */
+} rec_find_info;
+
+/* One search result (192 bytes): the first 60 bytes of the found record (a rec_param), one word
+ * not written, then the 128 bytes handed out as rec_find_info. */
+typedef struct rec_find_result {
+    rec_param record;   /* words 0-14 */
+    uint32_t unused;    /* word 15 */
+    rec_find_info info; /* words 16-47 */
+} rec_find_result;
+
+/* One find handle 0-7; in_use 0 when free. */
 typedef struct rec_find_slot {
-    int in_use;
-    void *state;
+    uint32_t in_use;            /* 1 while the slot belongs to an open search */
+    int32_t max_count;          /* capacity of results */
+    int32_t count;              /* results stored */
+    int32_t channel_count[64];  /* results stored per channel */
+    int32_t cursor;             /* position of the whole-list cursor */
+    int32_t channel_cursor[64]; /* each channel's cursor, inside that channel's run */
+    rec_find_result *results;   /* max_count results, owned by the search */
 } rec_find_slot;
 
 /* The recording context (one per process). */
 typedef struct rec_ctx {
-    int inited;                    /* 1 between rec_init and rec_exit */
-    int curdiskid;                 /* disk new recordings go to; -1 when none */
-    void *exphandle[6];            /* copy of the host's handler set (rec_set_exphandle) */
-    pthread_t thread;              /* the daemon; (pthread_t)-1 when none was started */
-    int running;                   /* 1 while the daemon is to keep running */
-    pthread_mutex_t stream_lock;   /* guards streams */
-    pthread_mutex_t find_lock;     /* guards finds */
+    int inited;                  /* 1 between rec_init and rec_exit */
+    int curdiskid;               /* disk new recordings go to; -1 when none */
+    void *exphandle[6];          /* copy of the host's handler set (rec_set_exphandle) */
+    pthread_t thread;            /* the daemon; (pthread_t)-1 when none was started */
+    int running;                 /* 1 while the daemon is to keep running */
+    pthread_mutex_t stream_lock; /* guards streams */
+    pthread_mutex_t find_lock;   /* guards finds */
     rec_stream_slot streams[RECSTORE_REC_SLOTS];
     rec_find_slot finds[RECSTORE_FIND_SLOTS];
-    int overlap;                   /* 1: full disks are recycled from their oldest blocks */
-    int period;                    /* age in seconds of the periodic deletion; -1 none */
-    int force;                     /* 1: run the periodic deletion on the next disk pass */
+    int overlap; /* 1: full disks are recycled from their oldest blocks */
+    int period;  /* age in seconds of the periodic deletion; -1 none */
+    int force;   /* 1: run the periodic deletion on the next disk pass */
 } rec_ctx;
 
 /* The host's handler set for rec_set_exphandle: words 0-2 are the simple block-change callbacks
@@ -913,8 +1018,8 @@ typedef time_t (*rec_time_fn)(time_t *out);
 
 extern rec_ctx g_recctx;
 extern char g_devname[RECSTORE_PROBE_MAX][RECSTORE_PATH_LEN]; /* disks of the last probe */
-extern int g_diskcount;                                        /* valid entries of g_devname */
-extern rec_time_fn g_rec_pfn_time;                             /* null: time(2) */
+extern int g_diskcount;                                       /* valid entries of g_devname */
+extern rec_time_fn g_rec_pfn_time;                            /* null: time(2) */
 
 /* ---- lifecycle, daemon and hot-plug ---- */
 /* Resets the context, starts the disk layer (fs_init with the same arguments) and records the
@@ -987,6 +1092,41 @@ fs_exphandle_ex *rec_get_exphandle_ex(void);
 int rec_diskcurrent(void);
 /* Moves recording to the disk rec_diskcurrent chooses. 0, or -1 when there is none. */
 int rec_changedisk(int overlap);
+
+/* ---- search and calendar over all disks ---- */
+/* Opens a search over every initialised disk: handle 0-7, or -1. sortmode 1 by channel, 2 by
+ * start time, 3 by channel then start time, else in the order found. */
+int rec_find_open(const struct tm *start, const struct tm *end, uint64_t chanbits, int type,
+                  int modmask, int matchflags, int maxcount, int sortmode);
+/* Pages of results: up to n into recs (60-byte records) and infos (128-byte records). The number
+ * copied, or -1. */
+int rec_find_next(int h, rec_param *recs, rec_find_info *infos, int n);
+int rec_find_prev(int h, rec_param *recs, rec_find_info *infos, int n);
+int rec_find_getcounts(int h);
+void rec_find_reset(int h);
+void rec_find_toend(int h);
+/* The same on one channel's run of the results (after sort mode 1 or 3). */
+int rec_find_channel_next(int h, int channel, rec_param *recs, rec_find_info *infos, int n);
+int rec_find_channel_prev(int h, int channel, rec_param *recs, rec_find_info *infos, int n);
+int rec_find_channel_getcounts(int h, int channel);
+void rec_find_channel_reset(int h, int channel);
+void rec_find_channel_toend(int h, int channel);
+void rec_find_close(int h);
+/* Marks bit 0 of days[d - 1] for every day d of the month holding a recording of the channels
+ * (low and high words of the mask). 0, or -1 when the library is not initialised. */
+int rec_get_calendar(uint32_t chan_lo, uint32_t chan_hi, int year, int month, unsigned char *days);
+/* The callbacks given to fs_find (slot: rec_find_slot *) and fs_get_calendar (days array). */
+int rec_action(const fs_find_record *found, const recordinfo *info, void *slot);
+int do_rec_get_calendar_action(fs_calendar_req *request, void *days);
+/* qsort comparators of rec_find_result: by channel, by start time. */
+int rec_channel_compare(const void *a, const void *b);
+int rec_time_compare(const void *a, const void *b);
+
+/* ---- recycling ---- */
+/* Deletes one recording on every disk of group 0. 0, or -1. */
+int rec_delete(const record_name *record);
+/* Does nothing; 0. */
+int rec_mark_old(void);
 
 /* ---- end of recording API ---- */
 

@@ -581,6 +581,11 @@ static_assert(offsetof(rec_param, attr_a) == 48, "rec_param layout");
 static_assert(offsetof(rec_param, attr_b) == 50, "rec_param layout");
 static_assert(offsetof(rec_param, attr_c) == 52, "rec_param layout");
 static_assert(offsetof(rec_param, type) == 56, "rec_param layout");
+static_assert(offsetof(fs_find_record, channel) == 44, "found record begins as rec_param");
+static_assert(offsetof(fs_find_record, type) == 56, "found record begins as rec_param");
+static_assert(offsetof(fs_find_record, disk_id) == 60, "found record layout");
+static_assert(offsetof(fs_find_record, end) == 64, "found record layout");
+static_assert(sizeof(fs_find_record) == 108, "found record layout");
 #if defined(__arm__)
 static_assert(sizeof(fs_exphandle) == 12, "three words on the target");
 static_assert(sizeof(fs_exphandle_ex) == 24, "six words on the target");

@@ -6,6 +6,7 @@
 // forwarded to the stream of the disk layer that the handle maps to.
 #include "rec.h"
 
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,6 +23,15 @@ rec_ctx g_recctx;
 char g_devname[RECSTORE_PROBE_MAX][RECSTORE_PATH_LEN];
 int g_diskcount = 0;
 rec_time_fn g_rec_pfn_time = nullptr;
+
+static_assert(sizeof(rec_find_info) == 128, "second piece of a result: 128 bytes");
+static_assert(offsetof(rec_find_info, start_time) == 8, "result words 18-28");
+static_assert(offsetof(rec_find_info, end_time) == 52, "result words 29-39");
+static_assert(offsetof(rec_find_info, mode) == 96, "result word 40");
+static_assert(offsetof(rec_find_info, total_bytes_lo) == 104, "result words 42-43");
+static_assert(offsetof(rec_find_info, has_ext) == 120, "result word 46");
+static_assert(sizeof(rec_find_result) == 192, "a result is 48 words");
+static_assert(offsetof(rec_find_result, info) == 64, "second piece from byte 64");
 
 namespace {
 
