@@ -7,6 +7,7 @@
 #include "data_zone.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,6 +40,35 @@ constexpr datazone_ctx initial_ctx() {
     c.fd_wr = -1;
     return c;
 }
+
+// Payload reads and writes run without the disk's mutex (allocation is the only step that needs
+// it), so a disk taken down at plug-out could close a descriptor under a running write, and the
+// number could be reused by another file. Payload I/O holds this lock shared; datazone_exit holds
+// it exclusively while it closes the descriptors.
+pthread_rwlock_t g_io_lock[RECSTORE_MAX_DISKS] = {
+    PTHREAD_RWLOCK_INITIALIZER, PTHREAD_RWLOCK_INITIALIZER, PTHREAD_RWLOCK_INITIALIZER,
+    PTHREAD_RWLOCK_INITIALIZER, PTHREAD_RWLOCK_INITIALIZER, PTHREAD_RWLOCK_INITIALIZER,
+    PTHREAD_RWLOCK_INITIALIZER, PTHREAD_RWLOCK_INITIALIZER};
+
+class IoGuard {
+  public:
+    IoGuard(int disk, bool exclusive) : lock_(valid_disk_id(disk) ? &g_io_lock[disk] : nullptr) {
+        if (lock_ == nullptr) return;
+        if (exclusive) {
+            pthread_rwlock_wrlock(lock_);
+        } else {
+            pthread_rwlock_rdlock(lock_);
+        }
+    }
+    ~IoGuard() {
+        if (lock_ != nullptr) pthread_rwlock_unlock(lock_);
+    }
+    IoGuard(const IoGuard &) = delete;
+    IoGuard &operator=(const IoGuard &) = delete;
+
+  private:
+    pthread_rwlock_t *lock_;
+};
 
 }  // namespace
 
@@ -323,6 +353,7 @@ int datazone_init(int disk_id, int directio) {
 }
 
 void datazone_exit(int disk_id) {
+    IoGuard io(disk_id, true);
     if (!check_disk(disk_id)) return;
     datazone_ctx &z = zone(disk_id);
     if (z.cur_block != nullptr) block_unload(z.cur_block);
@@ -875,11 +906,13 @@ uint32_t datazone_val(int disk_id, int cluster_id) {
 }
 
 int datazone_read(int disk_id, int cluster_id, void *buf) {
+    IoGuard io(disk_id, false);
     if (!check_disk(disk_id)) return -1;
     return read_whole_cluster(zone(disk_id).fd_rd, disk_id, cluster_id, buf);
 }
 
 int datazone_read_direct(int disk_id, int cluster_id, void *buf) {
+    IoGuard io(disk_id, false);
     if (!check_disk(disk_id)) return -1;
     const int fd = zone(disk_id).fd_rd_direct;
     if (fd < 0) {
@@ -890,6 +923,7 @@ int datazone_read_direct(int disk_id, int cluster_id, void *buf) {
 }
 
 int datazone_write(int disk_id, int cluster_id, const void *buf) {
+    IoGuard io(disk_id, false);
     if (!check_disk(disk_id)) return -1;
     const datazone_ctx &z = zone(disk_id);
     if (!in_data_area(z.info, cluster_id)) {

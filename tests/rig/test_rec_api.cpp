@@ -418,8 +418,7 @@ TEST_F(RecRig, HotPlugOfAThirdDiskAndPlugOutOfTheCurrentOne) {
     ASSERT_EQ(g_recctx.streams[h].disk_id, 0);
     ASSERT_EQ(write_n(h, buf.data(), 20, 0, secs(t)), static_cast<int>(length_of(0)));
     // The write is over before the disk goes (the disk-table lock orders it before the daemon's
-    // next pass): the payload write of the stream layer reads the data zone's state without the
-    // disk's mutex, so a write running into the plug-out is not what this test checks.
+    // next pass), so the stream is known to hold one entry when its disk disappears.
     locked([] { return 0; });
     {
         StdoutCapture out;
@@ -442,6 +441,49 @@ TEST_F(RecRig, HotPlugOfAThirdDiskAndPlugOutOfTheCurrentOne) {
     const struct tm t2 = start_of(21);
     EXPECT_EQ(record(21, t2, 2), 1);
     verify(1, 21, t2, 2);
+}
+
+TEST_F(RecRig, WritesRunningIntoAPlugOutFailCleanly) {
+    start();
+    ASSERT_EQ(current_disk(), 0);
+    const struct tm t = start_of(22);
+    const int h = rec_open(22, &t, 0, 0, 0, 0, kWrite, 0);
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(g_recctx.streams[h].disk_id, 0);
+    // One writer keeps writing while the disk is taken away under it: every write either stores
+    // its whole cluster or fails, and once it has failed the stream stays failed.
+    constexpr int kMaxWrites = 400;
+    std::atomic<int> written{0};
+    std::atomic<int> bad_result{0};
+    std::atomic<int> first_failure{-1};
+    std::thread writer([&] {
+        Cluster buf;
+        for (int n = 0; n < kMaxWrites; n++) {
+            const int r = write_n(h, buf.data(), 22, static_cast<uint32_t>(n), secs(t));
+            if (r == static_cast<int>(length_of(static_cast<uint32_t>(n)))) {
+                if (first_failure.load() >= 0) bad_result++;
+                written++;
+            } else if (r < 0) {
+                if (first_failure.load() < 0) first_failure = n;
+                if (n - first_failure.load() > 3) return;
+            } else {
+                bad_result++;
+            }
+        }
+    });
+    ASSERT_TRUE(wait_for([&] { return written.load() >= 3; }));
+    rig::unplug(g_disks[0]);
+    writer.join();
+    EXPECT_GE(first_failure.load(), 3) << "the writes noticed the disk going";
+    EXPECT_EQ(bad_result.load(), 0) << "no short write, no success after a failure";
+    ASSERT_TRUE(
+        wait_for([] { return locked([] { return fs_getgrp(0) != 0 && current_disk() >= 0; }); }));
+    EXPECT_EQ(current_disk(), 1);
+    rec_close(h, nullptr);
+    EXPECT_EQ(g_recctx.streams[h].handle, -1);
+    const struct tm t2 = start_of(23);
+    EXPECT_EQ(record(23, t2, 2), 1);
+    verify(1, 23, t2, 2);
 }
 
 TEST_F(RecRig, RestartFindsEveryRecording) {
