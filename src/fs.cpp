@@ -2326,9 +2326,18 @@ bool file_channel_ok(uint64_t chanbits, int channel, Walk walk) {
     return false;
 }
 
-// Index-tree names of levels 7 to 11 are cut short: they name no recording and are passed over.
-bool whole_index_name(int level, int channel) {
-    if (level >= recstore::kCatLevelIndexName && channel >= 0 && channel < RECSTORE_MAX_CHANNELS) {
+// True when the fields of t are a calendar time as it is (not one that normalising would move).
+bool is_calendar_time(const struct tm &t) {
+    struct tm moved;
+    tm_offset_sec(&t, 0, &moved);
+    return tm_cmp(&t, &moved) == 0;
+}
+
+// Only a whole index file name (channel, start and type read, a channel of 0-63 and a real
+// calendar time) names a recording; shorter or impossible names are strays and passed over.
+bool whole_index_name(int level, int channel, const struct tm &start) {
+    if (level >= recstore::kCatLevelIndexName && channel >= 0 && channel < RECSTORE_MAX_CHANNELS &&
+        is_calendar_time(start)) {
         return true;
     }
     FS_LOG_INFO("not an index file, level:%d\n", level);
@@ -2550,7 +2559,8 @@ int file_findaction(const char *path, struct stat *st, void *request) {
         return recstore::catalogue_dir_verdict(level, parsed, type, req->start, req->end,
                                                req->substream);
     }
-    if (!whole_index_name(level, channel)) return kWalkSkip;
+    if (!whole_index_name(level, channel, parsed)) return kWalkSkip;
+    tm_offset_sec(&parsed, 0, &parsed);  // the name gives no weekday: fill it for the messages
     return find_index_file(st, req, channel, parsed, type);
 }
 
@@ -2610,7 +2620,8 @@ int file_calendar_action(const char *path, void *request) {
         return recstore::catalogue_dir_verdict(level, parsed, type, req->start, req->end,
                                                req->substream);
     }
-    if (!whole_index_name(level, channel)) return kWalkSkip;
+    if (!whole_index_name(level, channel, parsed)) return kWalkSkip;
+    tm_offset_sec(&parsed, 0, &parsed);  // the name gives no weekday: fill it for the messages
     if (tm_cmp(&req->start, &parsed) > 0 || tm_cmp(&parsed, &req->end) > 0) {
         char text[kTimeText];
         FS_LOG_INFO("time out of range:%s", asc(parsed, text));
