@@ -2281,7 +2281,8 @@ int find_index_file(const struct stat *st, fs_find_req *req, int channel, const 
         found.type = static_cast<uint32_t>(type);
         status_from_size(req->disk, static_cast<int64_t>(st->st_size), &info);
         // The mode is not known without opening the file: no mode filter on this path.
-        return recstore::find_offer(req, found, info, 0, false);
+        recstore::find_offer(req, found, info, 0, false);
+        return kWalkGo;
     }
     rec_param p;
     memset(&p, 0, sizeof p);
