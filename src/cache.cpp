@@ -672,3 +672,108 @@ int cache_del_before_action(const char *path, void *user) {
 int cache_delete_before(void) {
     return 0;
 }
+
+// ---------------------------------------------------------------------------------------------
+// Search and calendar over a channel's cache tree
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+// Level 2 of a cache walk: the narrowed channel test of the cache (see cache_channel_mask).
+bool cache_channel_ok(uint64_t chanbits, int channel) {
+    return (chanbits & recstore::cache_channel_mask(channel)) != 0;
+}
+
+// Reads every tag of one cache file and offers its recording to the search. The scan holds
+// g_cachelock so that it never sees a file half rewritten; the callback runs under it.
+int do_cache_find_scan(const char *path, fs_find_req *req) {
+    MutexGuard guard(g_cachelock);
+    FdGuard fd(open(path, O_RDONLY | O_LARGEFILE));
+    if (fd.get() < 0) {
+        FS_LOG_ERR("open %s err\n", path);
+        return kWalkSkip;
+    }
+    uint32_t lo = 0, hi = 0;
+    int status = 0;
+    while ((status = do_cache_read_tag(fd.get(), &lo, &hi)) == 1) {
+        int disk_id = -1, channel = -1, type = -1, mode = 0;
+        unsigned total_bytes = 0;
+        struct tm start = {}, end = {};
+        if (cachetag_to_record(path, 0, lo, hi, &disk_id, &channel, &start, &end, &type, &mode,
+                               &total_bytes) != 0) {
+            return kWalkSkip;
+        }
+        fs_find_record found;
+        memset(&found, 0, sizeof found);
+        to_fs_tm(&start, &found.start);
+        to_fs_tm(&end, &found.end);
+        found.channel = static_cast<uint32_t>(channel);
+        found.type = static_cast<uint32_t>(type);
+        found.disk_id = disk_id;
+        recordinfo info;
+        memset(&info, 0, sizeof info);
+        info.mode = static_cast<uint32_t>(mode);
+        info.total_bytes = total_bytes;
+        if (recstore::find_offer(req, found, info, mode, true) == kWalkSkip) return kWalkSkip;
+    }
+    if (status < 0) perror("read");
+    return kWalkContinue;
+}
+
+}  // namespace
+
+int cache_findaction(const char *path, struct stat *st, void *request) {
+    if (!path || !request) return kWalkSkip;
+    fs_find_req *req = static_cast<fs_find_req *>(request);
+    if (recstore::find_reached_max(*req)) return kWalkStop;
+    int disk_id = -1, channel = -1, type = -1;
+    struct tm day = {};
+    int level = cachefullname_to_record(path, &disk_id, &channel, &day, &type);
+    if (level <= 0) {
+        FS_LOG_ERR("invalid level\n");
+        return kWalkSkip;
+    }
+    if (level == kLevelDisk) return kWalkContinue;
+    if (level == kLevelChannel) {
+        if (cache_channel_ok(req->chanbits, channel)) return kWalkContinue;
+        FS_LOG_INFO("chanbits :%lld finded :%d\n", static_cast<long long>(req->chanbits), channel);
+        return kWalkSkip;
+    }
+    if (level <= kLevelType) {
+        return recstore::catalogue_dir_verdict(level, day, type, req->start, req->end,
+                                               req->substream);
+    }
+    // Nothing of the cache lives below its files: a directory here is a stray, not entered.
+    if (st && S_ISDIR(st->st_mode)) return kWalkSkip;
+    return do_cache_find_scan(path, req);
+}
+
+int cache_calendar_action(const char *path, void *request) {
+    if (!path || !request) return kWalkSkip;
+    fs_calendar_req *req = static_cast<fs_calendar_req *>(request);
+    if (recstore::calendar_day_found(*req)) return kWalkStop;
+    int disk_id = -1, channel = -1, type = -1;
+    struct tm day = {};
+    int level = cachefullname_to_record(path, &disk_id, &channel, &day, &type);
+    if (level <= 0) {
+        FS_LOG_ERR("invalid level\n");
+        return kWalkSkip;
+    }
+    if (level == kLevelDisk) return kWalkContinue;
+    if (level == kLevelChannel) {
+        if (cache_channel_ok(req->chanbits, channel)) return kWalkContinue;
+        FS_LOG_INFO("chanbits :%lld found :%d\n", static_cast<long long>(req->chanbits), channel);
+        return kWalkSkip;
+    }
+    if (level <= kLevelType) {
+        return recstore::catalogue_dir_verdict(level, day, type, req->start, req->end,
+                                               req->substream);
+    }
+    // Only the date of the cache file counts, at its midnight: the file is never read.
+    day.tm_hour = day.tm_min = day.tm_sec = 0;
+    if (tm_cmp(&req->start, &day) > 0 || tm_cmp(&day, &req->end) > 0) {
+        FS_LOG_INFO("time out of range\n");
+        return kWalkSkip;
+    }
+    return recstore::calendar_report(req, path);
+}

@@ -2171,3 +2171,462 @@ int fs_before(int disk_id, int32_t t, block_entry *out, int max) {
     MutexGuard guard(g_disk[disk_id].lock);
     return block_before(disk_id, t, out, max);
 }
+
+// ---------------------------------------------------------------------------------------------
+// Search and calendar of one disk: walks of the index tree channel by channel, over the tmpfs
+// cache when it is in use (the cache-side actions are in cache.cpp), otherwise over the index
+// partition.
+
+namespace {
+
+constexpr int kDayLastHour = 23;
+constexpr int kDayLastMinute = 59;
+constexpr int kDayLastSecond = 59;
+constexpr int kLastMonthOfYear = 11;  // tm_mon of December
+constexpr int kMonthLastDay = 31;     // every month's directory is taken to end on day 31
+constexpr int kCacheMaskBits = 32;    // the cache walks build their channel mask in 32 bits
+constexpr uint64_t kChannel31Mask = 0xFFFFFFFF80000000ull;  // the sign-extended bit 31
+constexpr size_t kStatsText = 512;                          // rendered walk statistics
+constexpr uint64_t kClusterBytes = RECSTORE_CLUSTER_SIZE;
+constexpr int64_t kExtBlockBytes = RECSTORE_EXT_MAX_LEN;  // extension block after the header
+
+// The first second of the year, month or day a directory names.
+struct tm dir_first_second(const struct tm &parsed, int level) {
+    struct tm t;
+    memset(&t, 0, sizeof t);
+    t.tm_year = parsed.tm_year;
+    t.tm_mon = level >= recstore::kCatLevelMonth ? parsed.tm_mon : 0;
+    t.tm_mday = level >= recstore::kCatLevelDay ? parsed.tm_mday : 1;
+    return t;
+}
+
+// The last second of the year, month (always day 31) or day a directory names.
+struct tm dir_last_second(const struct tm &parsed, int level) {
+    struct tm t;
+    memset(&t, 0, sizeof t);
+    t.tm_year = parsed.tm_year;
+    t.tm_mon = level >= recstore::kCatLevelMonth ? parsed.tm_mon : kLastMonthOfYear;
+    t.tm_mday = level >= recstore::kCatLevelDay ? parsed.tm_mday : kMonthLastDay;
+    t.tm_hour = kDayLastHour;
+    t.tm_min = kDayLastMinute;
+    t.tm_sec = kDayLastSecond;
+    return t;
+}
+
+// mktime of a copy (mktime normalises its argument), as the search's messages print times.
+int mktime_of(const struct tm &t) {
+    struct tm copy = t;
+    return static_cast<int>(mktime(&copy));
+}
+
+bool any_match_rule(int flags, const struct tm &rs, const struct tm &re, const struct tm &start,
+                    const struct tm &end) {
+    const int s = tm_cmp(&rs, &start);
+    const int e = tm_cmp(&re, &end);
+    if ((flags & RECSTORE_MATCH_BEGINS_INSIDE) && s >= 0 && e >= 0) return true;
+    if ((flags & RECSTORE_MATCH_ENDS_INSIDE) && s <= 0 && e <= 0) return true;
+    if ((flags & RECSTORE_MATCH_INSIDE) && s >= 0 && e <= 0) return true;
+    if ((flags & RECSTORE_MATCH_COVERS) && s <= 0 && e >= 0) return true;
+    return false;
+}
+
+// Entries and extension mark of an index file from its size alone: the header of the disk's
+// format, then whole entries; a remainder means a 2048-byte extension block after the header.
+void status_from_size(int disk_id, int64_t size, recordinfo *info) {
+    const int64_t header = sizeof_recordinfo_disk(disk_id);
+    const int64_t entry = index_size();
+    int64_t entries = 0;
+    if (size >= header && entry > 0) {
+        int64_t rest = size - header;
+        if (size >= header + kExtBlockBytes && rest % entry != 0) {
+            rest -= kExtBlockBytes;
+            info->ext_magic = RECSTORE_EXT_MAGIC;
+        }
+        entries = rest / entry;
+    }
+    info->total_bytes = static_cast<uint64_t>(entries) * kClusterBytes;
+}
+
+// The span of an index file from its time stamps (closing sets access time to the start and
+// modification time to the end); false when they do not give a usable span.
+bool span_from_stamps(const struct stat *st, int64_t *span) {
+    if (st == nullptr) return false;
+    const int64_t diff = static_cast<int64_t>(st->st_mtime) - static_cast<int64_t>(st->st_atime);
+    if (diff < 0 || diff >= static_cast<int64_t>(fs_get_max_record_duration())) return false;
+    *span = diff;
+    return true;
+}
+
+// One index file met by the search walk.
+int find_index_file(const struct stat *st, fs_find_req *req, int channel, const struct tm &start,
+                    int type) {
+    char text[kTimeText];
+    if (tm_cmp(&start, &req->end) > 0) {
+        FS_LOG_INFO("time out of range\n");
+        return kWalkGo;
+    }
+    fs_find_record found;
+    memset(&found, 0, sizeof found);
+    recordinfo info;
+    memset(&info, 0, sizeof info);
+    found.channel = static_cast<uint32_t>(channel);
+    found.disk_id = req->disk;
+    int64_t span = 0;
+    const bool fast = (req->matchflags & RECSTORE_MATCH_FAST) != 0;
+    if (fast && span_from_stamps(st, &span)) {
+        struct tm end;
+        tm_offset_sec(&start, static_cast<int>(span), &end);
+        to_fs_tm(&start, &found.start);
+        to_fs_tm(&end, &found.end);
+        found.type = static_cast<uint32_t>(type);
+        status_from_size(req->disk, static_cast<int64_t>(st->st_size), &info);
+        // The mode is not known without opening the file: no mode filter on this path.
+        recstore::find_offer(req, found, info, 0, false);
+        return kWalkGo;
+    }
+    rec_param p;
+    memset(&p, 0, sizeof p);
+    to_fs_tm(&start, &p.start);
+    p.channel = static_cast<uint32_t>(channel);
+    p.type = static_cast<uint32_t>(type);
+    const int h = fs_open(req->disk, &p, O_RDONLY, static_cast<uint32_t>(req->modmask), 0, nullptr);
+    if (h < 0) {
+        FS_LOG_INFO("open err\n");
+        return kWalkGo;
+    }
+    const int stat_result = fs_stat(h, &info);
+    fs_close(h, nullptr);
+    if (stat_result != 0) return kWalkGo;
+    if ((info.mode & static_cast<uint32_t>(req->modmask)) == 0) {
+        FS_LOG_INFO("wanted mod:%d,finded:%d\n", req->modmask, static_cast<int>(info.mode));
+        return kWalkGo;
+    }
+    if (fast) {
+        FS_LOG_INFO("invalid mtime:%ld or atime:%ld => %s\n",
+                    st ? static_cast<long>(st->st_mtime) : 0L,
+                    st ? static_cast<long>(st->st_atime) : 0L, asc(start, text));
+    }
+    found.start = info.start_time;
+    found.end = info.end_time;
+    found.channel = info.channel;
+    found.type = info.type;
+    recstore::find_offer(req, found, info, static_cast<int>(info.mode), false);
+    return kWalkGo;
+}
+
+// Level 2 of an index-partition walk: the exact channel test, with the search's or the
+// calendar's message.
+enum class Walk { search, calendar };
+bool file_channel_ok(uint64_t chanbits, int channel, Walk walk) {
+    if (recstore::channel_selected(chanbits, channel)) return true;
+    if (walk == Walk::search) {
+        FS_LOG_INFO("chnbits :%lld finded :%d\n", static_cast<long long>(chanbits), channel);
+    } else {
+        FS_LOG_INFO("chanbits :%lld found :%d\n", static_cast<long long>(chanbits), channel);
+    }
+    return false;
+}
+
+// True when the fields of t are a calendar time as it is (not one that normalising would move).
+bool is_calendar_time(const struct tm &t) {
+    struct tm moved;
+    tm_offset_sec(&t, 0, &moved);
+    return tm_cmp(&t, &moved) == 0;
+}
+
+// Only a whole index file name (channel, start and type read, a channel of 0-63 and a real
+// calendar time) names a recording; shorter or impossible names are strays and passed over.
+bool whole_index_name(int level, int channel, const struct tm &start) {
+    if (level >= recstore::kCatLevelIndexName && channel >= 0 && channel < RECSTORE_MAX_CHANNELS &&
+        is_calendar_time(start)) {
+        return true;
+    }
+    FS_LOG_INFO("not an index file, level:%d\n", level);
+    return false;
+}
+
+// The calendar request of one day: its first and last second moved by the C library's timezone.
+void calendar_day(fs_calendar_req *req, int year, int month, int day) {
+    struct tm first;
+    memset(&first, 0, sizeof first);
+    first.tm_year = year - kTmBaseYear;
+    first.tm_mon = month - 1;
+    first.tm_mday = day;
+    struct tm last = first;
+    last.tm_hour = kDayLastHour;
+    last.tm_min = kDayLastMinute;
+    last.tm_sec = kDayLastSecond;
+    // Index names carry UTC times; the host's day is local, so its bounds move by seconds west.
+    const int west = static_cast<int>(timezone);
+    tm_offset_sec(&first, west, &req->start);
+    tm_offset_sec(&last, west, &req->end);
+}
+
+// Walks one channel of the calendar's day.
+void calendar_channel(fs_calendar_req *req, int channel, find_debug *stats) {
+    char chn[RECSTORE_PATH_LEN];
+    mk_idx_chnpath(req->disk, chn, sizeof chn, channel);
+    if (chn[0] == '\0') return;
+    if (fs_use_cache()) {
+        char cache[RECSTORE_PATH_LEN];
+        tocachename(cache, sizeof cache, chn);
+        if (cache[0] == '\0') return;
+        find_recursive_nostat(cache, DT_DIR, 1, 0, 0, cache_calendar_action, cache_calendar_action,
+                              req, nullptr);
+        return;
+    }
+    find_recursive_nostat(chn, DT_DIR, 1, 0, 0, file_calendar_action, file_calendar_action, req,
+                          stats);
+}
+
+// Walks one channel of a search.
+void find_channel(fs_find_req *req, int channel, find_debug *stats) {
+    char chn[RECSTORE_PATH_LEN];
+    mk_idx_chnpath(req->disk, chn, sizeof chn, channel);
+    if (chn[0] == '\0') return;
+    if (fs_use_cache()) {
+        char cache[RECSTORE_PATH_LEN];
+        tocachename(cache, sizeof cache, chn);
+        if (cache[0] == '\0') return;
+        find_recursive(cache, 1, 0, 0, cache_findaction, cache_findaction, req, nullptr);
+        return;
+    }
+    find_recursive(chn, 1, 0, 0, file_findaction, file_findaction, req, stats);
+}
+
+// The disk checks shared by search and calendar.
+bool catalogue_disk_ok(int disk_id) {
+    if (!check_disk_id(disk_id)) return false;
+    if (!fs_disk_is_inited(disk_id)) {
+        FS_LOG_ERR("disk %d not init\n", disk_id);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+namespace recstore {
+
+uint64_t cache_channel_mask(int channel) {
+    // The cache walks have always built the mask as (int)1 << channel and widened it to 64 bits:
+    // bit 31 sign-extends over bits 32-63 and wider shifts give no bit at all. Recordings of
+    // channels 32-63 are therefore only found without the cache; this is kept deliberately and
+    // computed here without shifting into the sign bit.
+    if (channel < 0 || channel >= kCacheMaskBits) return 0;
+    if (channel == kCacheMaskBits - 1) return kChannel31Mask;
+    return 1ull << channel;
+}
+
+bool channel_selected(uint64_t chanbits, int channel) {
+    return channel >= 0 && channel < RECSTORE_MAX_CHANNELS && ((chanbits >> channel) & 1u) != 0;
+}
+
+int catalogue_dir_verdict(int level, const struct tm &parsed, int type, const struct tm &start,
+                          const struct tm &end, int substream) {
+    if (level == kCatLevelType) {
+        if (type == substream) return kWalkGo;
+        FS_LOG_INFO("substream not match:%d :%d\n", substream, type);
+        return kWalkSkip;
+    }
+    const struct tm first = dir_first_second(parsed, level);
+    const struct tm last = dir_last_second(parsed, level);
+    if (tm_cmp(&last, &start) >= 0 && tm_cmp(&first, &end) <= 0) return kWalkGo;
+    log_out_of_range(parsed, level);
+    return kWalkSkip;
+}
+
+bool calendar_day_found(const fs_calendar_req &req) {
+    if (req.found != 1) return false;
+    FS_LOG_PLAIN("reach max count:%d %d\n", req.found, 1);
+    return true;
+}
+
+int calendar_report(fs_calendar_req *req, const char *path) {
+    if (req->callback != nullptr && req->callback(req, req->context) != 1) return kWalkSkip;
+    FS_LOG_PLAIN("find calendar chn:%llx name:%s\n", static_cast<unsigned long long>(req->chanbits),
+                 path);
+    req->found = 1;
+    return kWalkStop;
+}
+
+bool find_reached_max(const fs_find_req &req) {
+    if (req.count < req.maxcount) return false;
+    FS_LOG_PLAIN("reach max count:%d %d\n", req.count, req.maxcount);
+    return true;
+}
+
+int find_offer(fs_find_req *req, const fs_find_record &found, const recordinfo &info, int mode,
+               bool check_mode) {
+    const int type = static_cast<int>(found.type);
+    if (type != req->substream) {
+        FS_LOG_INFO("wanted substream:%d,finded:%d\n", req->substream, type);
+        return kWalkGo;
+    }
+    if (check_mode && (mode & req->modmask) == 0) {
+        FS_LOG_INFO("wanted mod:%d,finded:%d\n", req->modmask, mode);
+        return kWalkGo;
+    }
+    const struct tm rs = tm_from(found.start);
+    const struct tm re = tm_from(found.end);
+    if (tm_cmp(&rs, &re) > 0) {
+        FS_LOG_INFO("start time:%d > end time:%d\n", mktime_of(rs), mktime_of(re));
+        return kWalkGo;
+    }
+    if (tm_cmp(&re, &req->start) < 0 || tm_cmp(&rs, &req->end) > 0) {
+        FS_LOG_INFO(
+            "rec end time:%d < find start time:%d \n rec start time:%d > find end time :%d\n",
+            mktime_of(re), mktime_of(req->start), mktime_of(rs), mktime_of(req->end));
+        return kWalkGo;
+    }
+    if (!any_match_rule(req->matchflags, rs, re, req->start, req->end)) {
+        char a[kTimeText], b[kTimeText], c[kTimeText], d[kTimeText];
+        FS_LOG_INFO("find not suitable record\n");
+        FS_LOG_INFO("rec start:%s", asc(rs, a));
+        FS_LOG_INFO("rec end:%s", asc(re, b));
+        FS_LOG_INFO("find start:%s", asc(req->start, c));
+        FS_LOG_INFO("find end:%s", asc(req->end, d));
+        return kWalkGo;
+    }
+    if (req->callback != nullptr && req->callback(&found, &info, req->context) != 1) {
+        return kWalkSkip;
+    }
+    req->count++;
+    return kWalkGo;
+}
+
+}  // namespace recstore
+
+int fs_find(int disk, const struct tm *start, const struct tm *end, int /*ignored*/,
+            uint32_t chan_lo, uint32_t chan_hi, int substream, int modmask, int matchflags,
+            int maxcount, fs_find_cb callback, void *context) {
+    if (!catalogue_disk_ok(disk)) return -1;
+    if (start == nullptr || end == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return -1;
+    }
+    if (tm_cmp(start, end) > 0) {
+        char a[kTimeText], b[kTimeText];
+        FS_LOG_ERR("start larger than end\n");
+        FS_LOG_ERR("start:%s", asc(*start, a));
+        FS_LOG_ERR("end:%s", asc(*end, b));
+        return -1;
+    }
+    fs_find_req req;
+    memset(&req, 0, sizeof req);
+    req.disk = disk;
+    req.chanbits = (static_cast<uint64_t>(chan_hi) << 32) | chan_lo;
+    req.substream = substream;
+    req.modmask = modmask;
+    req.matchflags = matchflags;
+    req.count = 0;
+    req.maxcount = maxcount;
+    req.start = *start;
+    req.end = *end;
+    req.callback = callback;
+    req.context = context;
+    find_debug stats;
+    memset(&stats, 0, sizeof stats);
+    for (int channel = 0; channel < RECSTORE_MAX_CHANNELS; channel++) {
+        if (!recstore::channel_selected(req.chanbits, channel)) continue;
+        FS_LOG_INFO("find channel:%d,mod:%d\n", channel, matchflags);
+        find_channel(&req, channel, &stats);
+    }
+    char text[kStatsText] = "";
+    FS_LOG_PLAIN("fs_find:%s\n", find_debug_tostring(&stats, text, sizeof text));
+    return req.count;
+}
+
+int file_findaction(const char *path, struct stat *st, void *request) {
+    if (path == nullptr || request == nullptr) return kWalkSkip;
+    fs_find_req *req = static_cast<fs_find_req *>(request);
+    if (recstore::find_reached_max(*req)) return kWalkStop;
+    if (strstr(path, "link") != nullptr) return kWalkSkip;
+    int disk_id = -1;
+    int channel = -1;
+    int type = -1;
+    struct tm parsed;
+    memset(&parsed, 0, sizeof parsed);
+    const int level = fullname_to_record(path, &disk_id, &channel, &parsed, &type);
+    if (level <= 0) {
+        FS_LOG_ERR("invalid level\n");
+        return kWalkSkip;
+    }
+    if (level == recstore::kCatLevelDisk) return kWalkGo;
+    if (level == recstore::kCatLevelChannel) {
+        return file_channel_ok(req->chanbits, channel, Walk::search) ? kWalkGo : kWalkSkip;
+    }
+    if (level < recstore::kCatLevelFile) {
+        return recstore::catalogue_dir_verdict(level, parsed, type, req->start, req->end,
+                                               req->substream);
+    }
+    if (!whole_index_name(level, channel, parsed)) return kWalkSkip;
+    tm_offset_sec(&parsed, 0, &parsed);  // the name gives no weekday: fill it for the messages
+    return find_index_file(st, req, channel, parsed, type);
+}
+
+int fs_get_calendar(int disk, int /*ignored*/, uint32_t chan_lo, uint32_t chan_hi, int year,
+                    int month, fs_calendar_cb callback, void *context) {
+    if (!catalogue_disk_ok(disk)) return -1;
+    if (month < 1 || month > kLastMonthOfYear + 1) {
+        FS_LOG_ERR("invalid mon %d\n", month);
+        return -1;
+    }
+    const uint64_t chanbits = (static_cast<uint64_t>(chan_hi) << 32) | chan_lo;
+    const int days = daysofmonth(year, month);
+    for (int d = 1; d <= days; d++) {
+        fs_calendar_req req;
+        memset(&req, 0, sizeof req);
+        req.disk = disk;
+        req.chanbits = chanbits;
+        req.day = d - 1;
+        req.callback = callback;
+        req.context = context;
+        calendar_day(&req, year, month, d);
+        char a[kTimeText], b[kTimeText];
+        FS_LOG_PLAIN("caledar find start:%s", asc(req.start, a));
+        FS_LOG_PLAIN("caledar find end:%s", asc(req.end, b));
+        find_debug stats;
+        memset(&stats, 0, sizeof stats);
+        for (int channel = 0; channel < RECSTORE_MAX_CHANNELS; channel++) {
+            if (recstore::channel_selected(chanbits, channel))
+                calendar_channel(&req, channel, &stats);
+        }
+        char text[kStatsText] = "";
+        FS_LOG_PLAIN("fs_find:%s\n", find_debug_tostring(&stats, text, sizeof text));
+    }
+    return 0;
+}
+
+int file_calendar_action(const char *path, void *request) {
+    if (path == nullptr || request == nullptr) return kWalkSkip;
+    fs_calendar_req *req = static_cast<fs_calendar_req *>(request);
+    if (recstore::calendar_day_found(*req)) return kWalkStop;
+    if (strstr(path, "link") != nullptr) return kWalkSkip;
+    int disk_id = -1;
+    int channel = -1;
+    int type = -1;
+    struct tm parsed;
+    memset(&parsed, 0, sizeof parsed);
+    const int level = fullname_to_record(path, &disk_id, &channel, &parsed, &type);
+    if (level <= 0) {
+        FS_LOG_ERR("invalid level\n");
+        return kWalkSkip;
+    }
+    if (level == recstore::kCatLevelDisk) return kWalkGo;
+    if (level == recstore::kCatLevelChannel) {
+        return file_channel_ok(req->chanbits, channel, Walk::calendar) ? kWalkGo : kWalkSkip;
+    }
+    if (level < recstore::kCatLevelFile) {
+        return recstore::catalogue_dir_verdict(level, parsed, type, req->start, req->end,
+                                               req->substream);
+    }
+    if (!whole_index_name(level, channel, parsed)) return kWalkSkip;
+    tm_offset_sec(&parsed, 0, &parsed);  // the name gives no weekday: fill it for the messages
+    if (tm_cmp(&req->start, &parsed) > 0 || tm_cmp(&parsed, &req->end) > 0) {
+        char text[kTimeText];
+        FS_LOG_INFO("time out of range:%s", asc(parsed, text));
+        return kWalkSkip;
+    }
+    return recstore::calendar_report(req, path);
+}

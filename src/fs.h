@@ -31,6 +31,44 @@ bool is_disk_node_name(const char *dev);
 // The disk id of dev when dev is a valid whole-disk node name, else -1 (reported as an error).
 int checked_disk_id(const char *dev);
 
+// ---- shared by the search and calendar walks over the cache tree and the index partition ----
+
+// Directory levels of the index and cache trees, as the name parsers count the fields they read.
+constexpr int kCatLevelDisk = 1;
+constexpr int kCatLevelChannel = 2;
+constexpr int kCatLevelYear = 3;
+constexpr int kCatLevelMonth = 4;
+constexpr int kCatLevelDay = 5;
+constexpr int kCatLevelType = 6;
+constexpr int kCatLevelFile = 7;        // a cache file; for the index tree, the start of a name
+constexpr int kCatLevelIndexName = 12;  // an index file name read far enough to name a recording
+
+// The channel bit as the cache walks test it: a one-bit mask built as a 32-bit signed value and
+// widened to 64 bits, so channels 32-63 never match and channel 31 matches any bit from 31 up.
+uint64_t cache_channel_mask(int channel);
+// The exact 64-bit test of the index-partition walks (and of the channel loops).
+bool channel_selected(uint64_t chanbits, int channel);
+
+// Verdict on a year, month, day or type directory (levels 3-6) of a walk over [start, end]:
+// 1 when it may hold what is wanted, else 2 with the level's message.
+int catalogue_dir_verdict(int level, const struct tm &parsed, int type, const struct tm &start,
+                          const struct tm &end, int substream);
+
+// The calendar's stop once its day is reported: true (with the message) when found is set.
+bool calendar_day_found(const fs_calendar_req &req);
+// Reports the day of a calendar walk through the callback: 0 (stop the walk, day found) or 2 when
+// the callback did not accept it.
+int calendar_report(fs_calendar_req *req, const char *path);
+
+// The search's "reach max count" stop: true (with the message) when the request is full.
+bool find_reached_max(const fs_find_req &req);
+
+// The last checks of a search on one recording whose times are known (type, mode when asked,
+// start after end, overlap, match rules), then the callback and the count. 2 when the callback
+// asked to stop (not counted), else 1.
+int find_offer(fs_find_req *req, const fs_find_record &found, const recordinfo &info, int mode,
+               bool check_mode);
+
 }  // namespace recstore
 #endif
 
