@@ -7,6 +7,7 @@
 #include "rec.h"
 
 #include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -109,7 +110,11 @@ void reset_slots() {
         store(s.disk_id, kNoDisk);
         store(s.handle, kNoHandle);
     }
-    for (rec_find_slot &f : g_recctx.finds) f.in_use = 0;
+    // A search left open (or a failed open that kept its slot) gives its result space back.
+    for (rec_find_slot &f : g_recctx.finds) {
+        free(f.results);
+        memset(&f, 0, sizeof f);
+    }
 }
 
 // The resets shared by start and end.
@@ -156,6 +161,13 @@ const char *time_text(time_t t, char *buf, size_t n) {
 
 time_t stored_to_seconds(uint32_t stored) {
     return static_cast<time_t>(stored) * kSecondsPerStoredUnit;
+}
+
+// A block's state word, read under the disk's mutex that guards the block map.
+uint32_t locked_block_val(int disk, uint32_t block_id) {
+    if (!recstore::valid_disk_id(disk)) return kNoBlockId;
+    MutexGuard guard(g_disk[disk].lock);
+    return block_val(disk, block_id);
 }
 
 bool group0_disks(int *ids, int *count) {
@@ -760,10 +772,11 @@ int do_rec_get_max_block_count(void) {
     if (fs_getdisk(0, ids, &count) != 0) return -1;
     int total = 0;
     for (int i = 0; i < count && i < RECSTORE_MAX_DISKS; i++) {
+        if (!recstore::valid_disk_id(ids[i])) continue;
+        // The data zone's counters change under the disk's mutex while streams write.
+        MutexGuard guard(g_disk[ids[i]].lock);
         datazone_info info;
-        if (ids[i] >= 0 && datazone_getinfo(ids[i], &info) == 0) {
-            total += static_cast<int>(info.block_count);
-        }
+        if (datazone_getinfo(ids[i], &info) == 0) total += static_cast<int>(info.block_count);
     }
     return total;
 }
@@ -771,7 +784,11 @@ int do_rec_get_max_block_count(void) {
 int rec_before(int t, block_entry *list, int max) {
     int ids[RECSTORE_MAX_DISKS];
     int count = 0;
-    if (list == nullptr || !group0_disks(ids, &count) || count == 0) return -1;
+    if (list == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return -1;
+    }
+    if (!group0_disks(ids, &count) || count == 0) return -1;
     int n = 0;
     for (int i = 0; i < count; i++) {
         if (n >= max) {
@@ -795,7 +812,7 @@ int rec_before(int t, block_entry *list, int max) {
             fs_log_file("block before:%s in disk:%d is:%d time:%s val:0x%x\n",
                         time_text(t, before, sizeof before), d, static_cast<int>(list[k].block_id),
                         time_text(stored_to_seconds(list[k].seq), when, sizeof when),
-                        block_val(d, list[k].block_id));
+                        locked_block_val(d, list[k].block_id));
         }
         n += got;
     }
@@ -810,7 +827,7 @@ static void del_candidate(const block_entry &c, const block_entry &latest, int t
         return;
     }
     const int disk = static_cast<int>(c.disk);
-    const uint32_t val = block_val(disk, c.block_id);
+    const uint32_t val = locked_block_val(disk, c.block_id);
     if (val == kNoBlockId) {
         FS_LOG_ERR("invalid block val, disk:%d blk:%d seq:%d \n", disk,
                    static_cast<int>(c.block_id), static_cast<int>(c.seq));
@@ -853,4 +870,348 @@ int do_rec_del_before(int t) {
     do_rec_del_block_before(t);
     fs_delete_index_before(t);
     return 0;
+}
+
+/* ---- deleting one recording ---- */
+
+int rec_delete(const record_name *record) {
+    if (record == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return -1;
+    }
+    int ids[RECSTORE_MAX_DISKS];
+    int count = 0;
+    if (!group0_disks(ids, &count)) return -1;
+    // A recording lives on one disk; asking every disk of the group finds it wherever it is.
+    int deleted = 0;
+    for (int i = 0; i < count; i++) {
+        if (ids[i] >= 0 && fs_delete(ids[i], record) == 0) deleted++;
+    }
+    return deleted > 0 ? 0 : -1;
+}
+
+int rec_mark_old(void) {
+    return 0;
+}
+
+/* ---- search over all disks ---- */
+
+namespace {
+
+constexpr size_t kRecordBytes = sizeof(rec_param);    // first piece of a result: 60 bytes
+constexpr size_t kInfoBytes = sizeof(rec_find_info);  // second piece: 128 bytes
+constexpr uint32_t kYieldMask = 0xFFu;                // yield on every 256th stored result
+constexpr int kChannels = RECSTORE_MAX_CHANNELS;
+
+static_assert(kRecordBytes == 60, "first piece of a result: 60 bytes");
+static_assert(offsetof(rec_find_result, record) == 0, "result words 0-14");
+
+// Results stored by every search of the process; the collecting callback yields on every 256th.
+uint32_t s_stored_results = 0;
+
+bool valid_find_handle(int h) {
+    if (h < 0 || h >= RECSTORE_FIND_SLOTS) {
+        FS_LOG_ERR("invalid find handle:%d\n", h);
+        return false;
+    }
+    return true;
+}
+
+bool valid_find_channel(int channel) {
+    if (channel < 0 || channel >= kChannels) {
+        FS_LOG_ERR("invalid channel:%d\n", channel);
+        return false;
+    }
+    return true;
+}
+
+// The first index of a channel's run: the results of all lower channels come before it.
+int channel_run_start(const rec_find_slot &slot, int channel) {
+    int start = 0;
+    for (int c = 0; c < channel; c++) start += slot.channel_count[c];
+    return start;
+}
+
+void copy_result(const rec_find_result &r, rec_param *rec, rec_find_info *info) {
+    memcpy(rec, &r.record, kRecordBytes);
+    memcpy(info, &r.info, kInfoBytes);
+}
+
+// Copies forward from *cursor, a run of `count` results starting at `base`. k, or -1.
+int page_forward(const rec_find_slot &slot, int base, int count, int *cursor, rec_param *recs,
+                 rec_find_info *infos, int n) {
+    if (null_ptr(recs) || null_ptr(infos)) return -1;
+    const int64_t left = static_cast<int64_t>(count) - *cursor;
+    const int k = static_cast<int>(left < n ? left : n);
+    if (k < 0) return -1;
+    if (k > 0 && (*cursor < 0 || slot.results == nullptr)) {
+        // A cursor moved before the first result (rec_find_prev may leave it at -1).
+        FS_LOG_ERR("find cursor:%d out of results:%d\n", *cursor, count);
+        return -1;
+    }
+    for (int i = 0; i < k; i++) {
+        copy_result(slot.results[base + *cursor], &recs[i], &infos[i]);
+        (*cursor)++;
+    }
+    return k;
+}
+
+// Copies backward from *cursor into the arrays' ends, so that they end in ascending order. k, or
+// -1.
+int page_backward(const rec_find_slot &slot, int base, int count, int *cursor, rec_param *recs,
+                  rec_find_info *infos, int n) {
+    if (null_ptr(recs) || null_ptr(infos)) return -1;
+    const int k = *cursor < n ? *cursor + 1 : n;
+    if (k < 0) return -1;
+    if (k > 0 && (*cursor >= count || slot.results == nullptr)) {
+        // A cursor at the end of the results (after rec_find_next reached it) or past them.
+        FS_LOG_ERR("find cursor:%d out of results:%d\n", *cursor, count);
+        return -1;
+    }
+    for (int i = 1; i <= k; i++) {
+        copy_result(slot.results[base + *cursor], &recs[k - i], &infos[k - i]);
+        (*cursor)--;
+    }
+    return k;
+}
+
+void fill_result(rec_find_result &r, const fs_find_record &found, const recordinfo &info) {
+    memcpy(&r.record, &found, kRecordBytes);
+    rec_find_info &out = r.info;
+    out.disk_id = static_cast<int32_t>(info.disk_id);
+    out.channel = info.channel;
+    out.start_time = info.start_time;
+    out.end_time = info.end_time;
+    out.mode = info.mode;
+    out.entry_count = info.entry_count;
+    out.total_bytes_lo = static_cast<uint32_t>(info.total_bytes);
+    out.total_bytes_hi = static_cast<uint32_t>(info.total_bytes >> 32);
+    out.frame_count = info.frame_count;
+    out.attr_d = info.attr_d;
+    out.has_ext = info.ext_magic == RECSTORE_EXT_MAGIC ? 1 : 0;
+}
+
+// Takes the lowest free find slot under the find lock and makes it ready: its number, or -1.
+int take_find_slot(int maxcount) {
+    MutexGuard guard(g_recctx.find_lock);
+    for (int h = 0; h < RECSTORE_FIND_SLOTS; h++) {
+        rec_find_slot &slot = g_recctx.finds[h];
+        if (slot.in_use != 0) continue;
+        if (do_rec_find_prepare(&slot, maxcount) != 0) {
+            FS_LOG_ERR("malloc result space failed\n");
+            return -1;
+        }
+        return h;
+    }
+    FS_LOG_ERR("reach the max find count\n");
+    return -1;
+}
+
+}  // namespace
+
+int do_rec_find_prepare(rec_find_slot *slot, int maxcount) {
+    if (slot == nullptr) return -1;
+    slot->cursor = 0;
+    slot->count = 0;
+    memset(slot->channel_count, 0, sizeof slot->channel_count);
+    memset(slot->channel_cursor, 0, sizeof slot->channel_cursor);
+    slot->max_count = maxcount;
+    slot->in_use = 1;
+    free(slot->results);
+    slot->results = nullptr;
+    // Counted in 64 bits: on a 32-bit target a large count would wrap the size.
+    const uint64_t bytes = static_cast<uint64_t>(maxcount) * sizeof(rec_find_result);
+    if (maxcount < 0 || bytes > SIZE_MAX) return -1;
+    // Zeroed, so that the words a result leaves unwritten read as 0.
+    slot->results = static_cast<rec_find_result *>(
+        calloc(maxcount > 0 ? static_cast<size_t>(maxcount) : 1, sizeof(rec_find_result)));
+    return slot->results != nullptr ? 0 : -1;
+}
+
+void do_rec_find_sort(rec_find_slot *slot, int sortmode) {
+    if (slot == nullptr || slot->results == nullptr || slot->count <= 1) return;
+    const size_t size = sizeof(rec_find_result);
+    if (sortmode == recstore::kRecSortByChannel) {
+        qsort(slot->results, static_cast<size_t>(slot->count), size, rec_channel_compare);
+    } else if (sortmode == recstore::kRecSortByTime) {
+        qsort(slot->results, static_cast<size_t>(slot->count), size, rec_time_compare);
+    } else if (sortmode == recstore::kRecSortByChannelThenTime) {
+        qsort(slot->results, static_cast<size_t>(slot->count), size, rec_channel_compare);
+        int start = 0;
+        for (int c = 0; c < kChannels; c++) {
+            const int run = slot->channel_count[c];
+            if (run > 1)
+                qsort(slot->results + start, static_cast<size_t>(run), size, rec_time_compare);
+            start += run;
+        }
+    }
+}
+
+int rec_find_open(const struct tm *start, const struct tm *end, uint64_t chanbits, int type,
+                  int modmask, int matchflags, int maxcount, int sortmode) {
+    if (start == nullptr || end == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return -1;
+    }
+    if (!rec_is_inited()) {
+        FS_LOG_ERR("disk is not inited\n");
+        return -1;
+    }
+    if (maxcount < 0) {
+        FS_LOG_ERR("invalid max count:%d\n", maxcount);
+        return -1;
+    }
+    const int h = take_find_slot(maxcount);
+    if (h < 0) return -1;
+    rec_find_slot *slot = &g_recctx.finds[h];
+    const uint32_t lo = static_cast<uint32_t>(chanbits);
+    const uint32_t hi = static_cast<uint32_t>(chanbits >> 32);
+    // Every disk gets the whole maxcount: the slot's own count is the common bound.
+    for (int disk = 0; disk < RECSTORE_MAX_DISKS; disk++) {
+        if (!fs_disk_is_inited(disk)) continue;
+        fs_find(disk, start, end, type, lo, hi, type, modmask, matchflags, maxcount, rec_action,
+                slot);
+    }
+    do_rec_find_sort(slot, sortmode);
+    return h;
+}
+
+int rec_action(const fs_find_record *found, const recordinfo *info, void *ctx) {
+    auto *slot = static_cast<rec_find_slot *>(ctx);
+    if (slot == nullptr) {
+        FS_LOG_INFO("pctx is null\n");
+        return 0;
+    }
+    if (found == nullptr || info == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return 0;
+    }
+    const uint32_t channel = found->channel;
+    if (channel >= static_cast<uint32_t>(kChannels)) {
+        FS_LOG_ERR("channel err :%d\n", static_cast<int>(channel));
+        return 0;
+    }
+    if (slot->count >= slot->max_count || slot->results == nullptr) {
+        FS_LOG_INFO("pctx->count:%d,pctx->maxcount:%d\n", slot->count, slot->max_count);
+        return 0;
+    }
+    fill_result(slot->results[slot->count], *found, *info);
+    slot->count++;
+    slot->channel_count[channel]++;
+    const uint32_t before = __atomic_fetch_add(&s_stored_results, 1u, __ATOMIC_RELAXED);
+    // Long searches hold the cache lock: let other threads in now and then.
+    if ((before & kYieldMask) == 0 && fs_use_cache()) usleep(0);
+    return 1;
+}
+
+int rec_find_next(int h, rec_param *recs, rec_find_info *infos, int n) {
+    if (!valid_find_handle(h)) return -1;
+    rec_find_slot &slot = g_recctx.finds[h];
+    return page_forward(slot, 0, slot.count, &slot.cursor, recs, infos, n);
+}
+
+int rec_find_prev(int h, rec_param *recs, rec_find_info *infos, int n) {
+    if (!valid_find_handle(h)) return -1;
+    rec_find_slot &slot = g_recctx.finds[h];
+    return page_backward(slot, 0, slot.count, &slot.cursor, recs, infos, n);
+}
+
+int rec_find_getcounts(int h) {
+    if (!valid_find_handle(h)) return -1;
+    return g_recctx.finds[h].count;
+}
+
+void rec_find_reset(int h) {
+    if (!valid_find_handle(h)) return;
+    g_recctx.finds[h].cursor = 0;
+}
+
+void rec_find_toend(int h) {
+    if (!valid_find_handle(h)) return;
+    rec_find_slot &slot = g_recctx.finds[h];
+    slot.cursor = slot.count - 1;
+}
+
+int rec_find_channel_next(int h, int channel, rec_param *recs, rec_find_info *infos, int n) {
+    if (!valid_find_handle(h) || !valid_find_channel(channel)) return -1;
+    rec_find_slot &slot = g_recctx.finds[h];
+    return page_forward(slot, channel_run_start(slot, channel), slot.channel_count[channel],
+                        &slot.channel_cursor[channel], recs, infos, n);
+}
+
+int rec_find_channel_prev(int h, int channel, rec_param *recs, rec_find_info *infos, int n) {
+    if (!valid_find_handle(h) || !valid_find_channel(channel)) return -1;
+    rec_find_slot &slot = g_recctx.finds[h];
+    return page_backward(slot, channel_run_start(slot, channel), slot.channel_count[channel],
+                         &slot.channel_cursor[channel], recs, infos, n);
+}
+
+int rec_find_channel_getcounts(int h, int channel) {
+    if (!valid_find_handle(h) || !valid_find_channel(channel)) return -1;
+    return g_recctx.finds[h].channel_count[channel];
+}
+
+void rec_find_channel_reset(int h, int channel) {
+    if (!valid_find_handle(h) || !valid_find_channel(channel)) return;
+    g_recctx.finds[h].channel_cursor[channel] = 0;
+}
+
+void rec_find_channel_toend(int h, int channel) {
+    if (!valid_find_handle(h) || !valid_find_channel(channel)) return;
+    rec_find_slot &slot = g_recctx.finds[h];
+    slot.channel_cursor[channel] = slot.channel_count[channel] - 1;
+}
+
+void rec_find_close(int h) {
+    if (!valid_find_handle(h)) return;
+    MutexGuard guard(g_recctx.find_lock);
+    rec_find_slot &slot = g_recctx.finds[h];
+    free(slot.results);
+    memset(&slot, 0, sizeof slot);
+}
+
+int rec_channel_compare(const void *a, const void *b) {
+    const uint32_t x = static_cast<const rec_find_result *>(a)->record.channel;
+    const uint32_t y = static_cast<const rec_find_result *>(b)->record.channel;
+    return x > y ? 1 : (x < y ? -1 : 0);
+}
+
+int rec_time_compare(const void *a, const void *b) {
+    struct tm x;
+    struct tm y;
+    from_fs_tm(&x, &static_cast<const rec_find_result *>(a)->record.start);
+    from_fs_tm(&y, &static_cast<const rec_find_result *>(b)->record.start);
+    return tm_cmp(&x, &y);
+}
+
+/* ---- calendar over all disks ---- */
+
+int rec_get_calendar(uint32_t chan_lo, uint32_t chan_hi, int year, int month, unsigned char *days) {
+    if (!rec_is_inited()) return -1;
+    if (null_ptr(days)) return -1;
+    int n = daysofmonth(year, month);
+    if (n > recstore::kRecCalendarDays) {
+        FS_LOG_ERR("invalid days of month:%d\n", n);
+        return -1;
+    }
+    if (n > 0) memset(days, 0, static_cast<size_t>(n));
+    for (int disk = 0; disk < RECSTORE_MAX_DISKS; disk++) {
+        if (!fs_disk_is_inited(disk)) continue;
+        fs_get_calendar(disk, 0, chan_lo, chan_hi, year, month, do_rec_get_calendar_action, days);
+    }
+    return 0;
+}
+
+int do_rec_get_calendar_action(fs_calendar_req *request, void *days) {
+    if (request == nullptr || days == nullptr) {
+        FS_LOG_ERR("invalid param\n");
+        return 0;
+    }
+    const int day = request->day;
+    if (day < 0 || day >= recstore::kRecCalendarDays) {
+        FS_LOG_PLAIN("index error:%d\n", day);
+        return 0;
+    }
+    static_cast<unsigned char *>(days)[day] |= 1;
+    return 1;
 }

@@ -25,6 +25,12 @@ int do_rec_get_max_block_count(void);
 int do_rec_del_block_before(int t);
 // Deletes the blocks and index files older than t (seconds since the epoch). 0.
 int do_rec_del_before(int t);
+// Makes a find slot ready for a search as rec_find_open does: cursors and counts cleared, in use,
+// room for maxcount results. 0, or -1 when the result space cannot be had (the slot stays in use).
+int do_rec_find_prepare(rec_find_slot *slot, int maxcount);
+// Orders a slot's results by a sort mode of rec_find_open (1 channel, 2 start time, 3 channel then
+// start time within each channel's run; anything else keeps the order found).
+void do_rec_find_sort(rec_find_slot *slot, int sortmode);
 
 #ifdef __cplusplus
 }
@@ -36,6 +42,10 @@ constexpr unsigned kRecTurnMicros = 10000;      // the daemon's sleep per turn
 constexpr int kRecFullRemain = 16384;           // clusters left below which every disk is full
 constexpr int kRecTimeValidAfter = 1577808000;  // 2020-01-01 00:00 at UTC+8
 constexpr int kRecMaxChannel = 63;
+constexpr int kRecSortByChannel = 1;  // rec_find_open sort modes
+constexpr int kRecSortByTime = 2;
+constexpr int kRecSortByChannelThenTime = 3;
+constexpr int kRecCalendarDays = 31;  // entries of a month view
 
 }  // namespace recstore
 #endif
