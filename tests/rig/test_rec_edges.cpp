@@ -1,5 +1,6 @@
 // Edges of the recording API on two formatted rig disks: every disk full with recycling off (no
-// current disk, no recycling by the daemon), the read-only mode (writes and creations refused,
+// current disk, no recycling by the daemon), a deletion period that acts only when forced, the
+// read-only mode (writes and creations refused,
 // reads byte for byte), seeking by position and by time with every whence, the tell functions,
 // key-frame navigation across clusters without key frames, backward playback, and the preload
 // buffer with and without direct I/O.
@@ -238,6 +239,31 @@ TEST_F(RecEdges, AllDisksFullWithoutRecyclingHasNoCurrentDisk) {
     EXPECT_EQ(fs_isdiskfull(1), 1);
     const std::string log = slurp("/mnt/img/log.log");
     EXPECT_FALSE(contains(log, "all disk full remain:")) << log;
+}
+
+// ---- the periodic deletion ---------------------------------------------------------------
+
+TEST_F(RecEdges, PeriodWithoutForceDeletesNothing) {
+    start(0, true);
+    rec_set_time_pfn(counting_clock);
+    recording_ready();
+    ASSERT_EQ(record_nav().size(), kNavCounts.size());
+    const std::string name = index_name(0, kChannel, start_tm_, kType);
+    ASSERT_TRUE(exists(name));
+    // The recording is more than an hour older than the clock; the period alone deletes nothing.
+    ASSERT_EQ(rec_set_period(3601), 1);
+    const int seen = g_clock_reads.load();
+    ASSERT_TRUE(wait_for([seen] { return g_clock_reads.load() >= seen + 3; }));
+    EXPECT_TRUE(exists(name));
+    const int h = open_reader();
+    EXPECT_GE(h, 0);
+    rec_close(h, nullptr);
+    // Forced once, the next pass deletes it (and clears the flag).
+    rec_force(1);
+    ASSERT_TRUE(wait_for([] { return __atomic_load_n(&g_recctx.force, __ATOMIC_SEQ_CST) == 0; }));
+    const int forced = g_clock_reads.load();
+    ASSERT_TRUE(wait_for([forced] { return g_clock_reads.load() >= forced + 1; }));
+    EXPECT_FALSE(exists(name));
 }
 
 // ---- read-only mode ------------------------------------------------------------------------
