@@ -1,0 +1,106 @@
+// Helpers shared by the recording benchmarks: wall and machine-wide CPU clocks, medians and
+// percentiles, page-aligned cluster buffers, and the plain sequential O_DIRECT writer of a data
+// partition that serves as the baseline of the write benchmarks.
+#ifndef RECSTORE_BENCH_COMMON_H
+#define RECSTORE_BENCH_COMMON_H
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
+constexpr uint32_t kCluster = 524288;
+constexpr uint32_t kFirstDataCluster = 257;  // first data cluster of a 200 GiB disk
+
+inline double now_sec() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// Busy CPU time of the whole machine so far, in seconds (user, nice, system, irq, softirq,
+// steal of the "cpu" line of /proc/stat), so that the loop device's kernel work counts too.
+inline double machine_cpu_sec() {
+    FILE *f = fopen("/proc/stat", "r");
+    if (f == nullptr) return 0;
+    unsigned long long v[8] = {};
+    const int n = fscanf(f, "cpu %llu %llu %llu %llu %llu %llu %llu %llu", &v[0], &v[1], &v[2],
+                         &v[3], &v[4], &v[5], &v[6], &v[7]);
+    fclose(f);
+    if (n != 8) return 0;
+    const unsigned long long busy = v[0] + v[1] + v[2] + v[5] + v[6] + v[7];
+    return static_cast<double>(busy) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// The value below which `fraction` of the samples lie (0.5: the median).
+inline double percentile(std::vector<double> v, double fraction) {
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    size_t at = static_cast<size_t>(fraction * static_cast<double>(v.size()));
+    if (at >= v.size()) at = v.size() - 1;
+    return v[at];
+}
+
+inline double median(const std::vector<double> &v) {
+    return percentile(v, 0.5);
+}
+
+struct FreeDeleter {
+    void operator()(void *p) const { free(p); }
+};
+using Buffer = std::unique_ptr<unsigned char, FreeDeleter>;
+
+// A page-aligned cluster filled with a pattern that depends on `seed`.
+inline Buffer aligned_cluster(unsigned seed) {
+    void *p = nullptr;
+    if (posix_memalign(&p, 4096, kCluster) != 0) return Buffer();
+    auto *b = static_cast<unsigned char *>(p);
+    for (uint32_t i = 0; i < kCluster; i++) b[i] = static_cast<unsigned char>(i * 31 + seed);
+    return Buffer(b);
+}
+
+// One measured stretch: wall seconds and machine CPU seconds.
+struct Sample {
+    double wall = 0;
+    double cpu = 0;
+};
+
+template <typename Fn>
+Sample measure(Fn fn) {
+    const double c0 = machine_cpu_sec();
+    const double t0 = now_sec();
+    fn();
+    Sample s;
+    s.wall = now_sec() - t0;
+    s.cpu = machine_cpu_sec() - c0;
+    return s;
+}
+
+// The plain writer: `clusters` clusters of 512 KiB written sequentially with O_DIRECT from the
+// first data cluster of the partition on, then fsync.
+inline bool write_raw(const std::string &partition, const unsigned char *buf, uint32_t clusters) {
+    const int fd = open(partition.c_str(), O_WRONLY | O_DIRECT | O_LARGEFILE);
+    if (fd < 0) return false;
+    bool ok = true;
+    for (uint32_t n = 0; n < clusters; n++) {
+        const off64_t at = static_cast<off64_t>(kFirstDataCluster + n) * kCluster;
+        if (pwrite64(fd, buf, kCluster, at) != static_cast<ssize_t>(kCluster)) ok = false;
+    }
+    fsync(fd);
+    close(fd);
+    return ok;
+}
+
+}  // namespace bench
+
+#endif
