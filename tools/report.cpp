@@ -105,14 +105,14 @@ std::string format_calendar(int year, int month, const unsigned char (&days)[kCa
     char line[64];
     snprintf(line, sizeof line, "%s %d\n", kMonths[month - 1], year);
     out += line;
-    out += "  Mo  Tu  We  Th  Fr  Sa  Su\n";
+    out += " Mo  Tu  We  Th  Fr  Sa  Su\n";
     int column = 0;
     for (int i = 0; i < lead; i++, column++) out += "    ";
     std::string marked;
     int count = 0;
     for (int d = 1; d <= length; d++) {
         const bool has = (days[d - 1] & 1) != 0;
-        snprintf(line, sizeof line, "%3d%c", d, has ? '*' : ' ');
+        snprintf(line, sizeof line, " %2d%c", d, has ? '*' : ' ');
         out += line;
         if (has) {
             marked += (count == 0 ? " " : ", ") + std::to_string(d);
