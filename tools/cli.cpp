@@ -99,8 +99,8 @@ bool parse_time(const std::string &text, struct tm *out) {
     int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
     char sep = 0;
     int used = 0;
-    const int n = sscanf(text.c_str(), "%4d-%2d-%2d%c%2d:%2d:%2d%n", &y, &mo, &d, &sep, &h, &mi,
-                         &s, &used);
+    const int n =
+        sscanf(text.c_str(), "%4d-%2d-%2d%c%2d:%2d:%2d%n", &y, &mo, &d, &sep, &h, &mi, &s, &used);
     if (n == 7 && static_cast<size_t>(used) != text.size()) return false;
     if (n != 7) {
         s = 0;
@@ -209,7 +209,8 @@ int run_command(const std::vector<std::string> &argv, std::string *output) {
         close(pipe_fd[1]);
         char buf[4096];
         ssize_t n;
-        while ((n = read(pipe_fd[0], buf, sizeof buf)) > 0) output->append(buf, static_cast<size_t>(n));
+        while ((n = read(pipe_fd[0], buf, sizeof buf)) > 0)
+            output->append(buf, static_cast<size_t>(n));
         close(pipe_fd[0]);
     }
     int status = 0;

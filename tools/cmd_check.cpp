@@ -139,12 +139,11 @@ void Checker::check_entries(const Recording &r) {
         refs_[c].push_back(where);
         const uint32_t block = zone_.block_of(c);
         if (block == 0) {
-            add("bad-entry", where + ": cluster " + std::to_string(c) +
-                                 " lies outside the data area");
+            add("bad-entry",
+                where + ": cluster " + std::to_string(c) + " lies outside the data area");
             continue;
         }
-        const uint32_t state =
-            zone_.cluster_maps[block - 1][c - zone_.first_cluster(block)];
+        const uint32_t state = zone_.cluster_maps[block - 1][c - zone_.first_cluster(block)];
         if (!recstore::entry_is_busy(state)) {
             add("bad-entry", where + ": cluster " + std::to_string(c) + " is " +
                                  entry_state_name(state) + " in block " + std::to_string(block) +
@@ -157,9 +156,8 @@ void Checker::check_entries(const Recording &r) {
             if (block != linked && linked >= 1 && linked <= zone_.block_count &&
                 block_seq(block) < block_seq(linked)) {
                 add("bad-entry", where + ": cluster " + std::to_string(c) + " is in block " +
-                                     std::to_string(block) +
-                                     ", older than block " + std::to_string(linked) +
-                                     " its link is in");
+                                     std::to_string(block) + ", older than block " +
+                                     std::to_string(linked) + " its link is in");
             }
         }
     }
@@ -332,8 +330,8 @@ void Checker::check_cache(const std::string &cache_root) {
                 continue;
             }
             if (tagged[match]) {
-                add("stale-tag", cf.path + text + ": a second tag of " +
-                                     tree_.recordings[match].name, true);
+                add("stale-tag",
+                    cf.path + text + ": a second tag of " + tree_.recordings[match].name, true);
                 changed = true;
                 continue;
             }
@@ -364,8 +362,8 @@ void Checker::check_cache(const std::string &cache_root) {
                                     [&](const CacheFile &f) { return f.path == path; });
         if (pending == cache_rewrites_.end()) {
             const auto it = file_of_leaf.find(leaf_of(r));
-            CacheFile f = it == file_of_leaf.end() ? CacheFile{path, leaf_of(r), {}}
-                                                   : files[it->second];
+            CacheFile f =
+                it == file_of_leaf.end() ? CacheFile{path, leaf_of(r), {}} : files[it->second];
             cache_rewrites_.push_back(f);
             pending = cache_rewrites_.end() - 1;
         }
@@ -457,7 +455,8 @@ int cmd_check(int argc, char **argv) {
     const std::string dev = args.words[0];
     int disk = -1;
     if (!disk_node(dev, &disk)) {
-        return usage_error(kCmd, "\"" + dev + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh");
+        return usage_error(kCmd,
+                           "\"" + dev + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh");
     }
     const bool repair = args.has("--repair");
 
@@ -472,8 +471,8 @@ int cmd_check(int argc, char **argv) {
         const std::string part = dev + "3";
         recstore::FdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
         if (fd.get() < 0) {
-            return failure(kCmd, "cannot open the data partition " + part + ": " +
-                                     strerror(errno) + " (is the disk plugged in and formatted?)");
+            return failure(kCmd, "cannot open the data partition " + part + ": " + strerror(errno) +
+                                     " (is the disk plugged in and formatted?)");
         }
         const int64_t bytes = blockdev_size(disk, fd.get());
         if (bytes <= 0) return failure(kCmd, "cannot size " + part);

@@ -20,14 +20,15 @@ int check_disks(const char *cmd, const Args &args) {
     for (const std::string &dev : args.words) {
         int disk = -1;
         if (!disk_node(dev, &disk)) {
-            return usage_error(cmd,
-                               "\"" + dev + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh");
+            return usage_error(
+                cmd, "\"" + dev + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh");
         }
     }
     if (!is_root()) {
-        return failure(cmd, "needs root (it partitions, checks and mounts the disk); on a "
-                            "development machine run it inside the disk rig: sudo "
-                            "tests/rig/rig-run build/native/tools/recstore ...");
+        return failure(cmd,
+                       "needs root (it partitions, checks and mounts the disk); on a "
+                       "development machine run it inside the disk rig: sudo "
+                       "tests/rig/rig-run build/native/tools/recstore ...");
     }
     return -1;
 }
@@ -133,7 +134,8 @@ int cmd_down(int argc, char **argv) {
         printf(
             "usage: recstore down DEV...\n\n"
             "Takes disks down in the plug-out order: fs_removedisk, fs_datazone_exit,\n"
-            "fs_closedisk, fs_umount (the index partition, and /mnt/img when it is this disk's).\n\n"
+            "fs_closedisk, fs_umount (the index partition, and /mnt/img when it is this "
+            "disk's).\n\n"
             "%s\nexit status: 0 all down, 1 a step failed, 2 usage.\n",
             kUpDownNote);
         return kExitOk;

@@ -67,10 +67,11 @@ char grid_char(const ZoneMaps &z, uint32_t b, uint32_t current) {
 }
 
 void print_maps(const ZoneMaps &z) {
-    printf("data zone: %s, %u clusters of 512 KiB, %u block%s of 131072 clusters (64 GiB), "
-           "data from cluster %u\n",
-           human_size(z.partition_bytes).c_str(), z.cluster_count, z.block_count,
-           z.block_count == 1 ? "" : "s", z.data_start);
+    printf(
+        "data zone: %s, %u clusters of 512 KiB, %u block%s of 131072 clusters (64 GiB), "
+        "data from cluster %u\n",
+        human_size(z.partition_bytes).c_str(), z.cluster_count, z.block_count,
+        z.block_count == 1 ? "" : "s", z.data_start);
     const uint32_t current = current_block(z);
     printf("\nblock map (C current, B busy/full, p partly used, . empty, E error):\n");
     for (uint32_t b = 1; b <= z.block_count; b++) {
@@ -78,9 +79,10 @@ void print_maps(const ZoneMaps &z) {
         putchar(grid_char(z, b, current));
         if (b % kGridColumns == 0 || b == z.block_count) putchar('\n');
     }
-    printf("\n  block  state  %-*s  fill   busy    free  error  sequence (block taken)  "
-           "newest cluster\n",
-           kFillBar + 2, "");
+    printf(
+        "\n  block  state  %-*s  fill   busy    free  error  sequence (block taken)  "
+        "newest cluster\n",
+        kFillBar + 2, "");
     uint64_t busy = 0, free_count = 0, errors = 0;
     for (uint32_t b = 1; b <= z.block_count; b++) {
         const uint32_t e = z.block_map[b - 1];
@@ -95,9 +97,8 @@ void print_maps(const ZoneMaps &z) {
         for (int i = 0; i < kFillBar; i++) bar[i] = i < filled ? '#' : '.';
         bar[kFillBar] = '\0';
         printf("  %5u  %-5s  [%s] %5.1f%% %6u  %6u  %5u  %-22s  %s%s\n", b, entry_state_name(e),
-               bar, fill, c.busy, c.free, c.error,
-               stamp_date(recstore::entry_value(e)).c_str(), stamp_date(c.newest).c_str(),
-               b == current ? "  <- current" : "");
+               bar, fill, c.busy, c.free, c.error, stamp_date(recstore::entry_value(e)).c_str(),
+               stamp_date(c.newest).c_str(), b == current ? "  <- current" : "");
     }
     printf("\ncounters: %llu busy, %llu free, %llu error clusters; %s used of %s\n",
            static_cast<unsigned long long>(busy), static_cast<unsigned long long>(free_count),
@@ -145,8 +146,7 @@ void print_index(const IndexTree &tree) {
     for (const auto &d : days) {
         printf("  %7d  %s  %10d  %8llu  %10s  %s  %s\n", d.first.first, d.first.second.c_str(),
                d.second.recordings, static_cast<unsigned long long>(d.second.clusters),
-               human_size(d.second.bytes).c_str(), d.second.first.c_str(),
-               d.second.last.c_str());
+               human_size(d.second.bytes).c_str(), d.second.first.c_str(), d.second.last.c_str());
     }
 }
 
@@ -171,9 +171,10 @@ void print_cache(int disk) {
         if (nl == std::string::npos) break;
         at = nl + 1;
     }
-    printf("\ncache: %s: %zu cache files, %llu tags; loaded in this process: no (another process "
-           "holds the disk)\n",
-           root.c_str(), files, static_cast<unsigned long long>(tags));
+    printf(
+        "\ncache: %s: %zu cache files, %llu tags; loaded in this process: no (another process "
+        "holds the disk)\n",
+        root.c_str(), files, static_cast<unsigned long long>(tags));
 }
 
 void help() {
@@ -240,8 +241,7 @@ int inspect_image(const std::string &image, bool maps_only) {
     for (size_t i = 0; i < parts.size(); i++) {
         printf("  %zu %-6s offset %14llu  size %14llu (%s)\n", i + 1, i < 3 ? kRoles[i] : "?",
                static_cast<unsigned long long>(parts[i].offset),
-               static_cast<unsigned long long>(parts[i].bytes),
-               human_size(parts[i].bytes).c_str());
+               static_cast<unsigned long long>(parts[i].bytes), human_size(parts[i].bytes).c_str());
     }
     if (parts.size() < 3) return failure(kCmd, image + ": fewer than three partitions");
     // The index partition, when it can be looked at: a read-only loop device over its part of
@@ -278,8 +278,9 @@ int inspect_image(const std::string &image, bool maps_only) {
     }
     if (made_dir) rmdir(dir);
     if (!maps_only && !with_index) {
-        printf("\nindex partition: skipped (mounting it from an image needs root inside the disk "
-               "rig; --maps shows only the maps)\n");
+        printf(
+            "\nindex partition: skipped (mounting it from an image needs root inside the disk "
+            "rig; --maps shows only the maps)\n");
     }
     return status;
 }

@@ -20,7 +20,8 @@ bool parse_channels(const std::string &text, uint64_t *mask) {
     size_t at = 0;
     while (at <= text.size()) {
         const size_t comma = text.find(',', at);
-        const std::string part = text.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+        const std::string part =
+            text.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
         const size_t dash = part.find('-');
         long lo = 0, hi = 0;
         if (dash == std::string::npos) {
@@ -43,7 +44,8 @@ int cmd_find(int argc, char **argv) {
     constexpr const char *kCmd = "find";
     if (wants_help(argc, argv)) {
         printf(
-            "usage: recstore find [--channels LIST] [--from TIME] [--to TIME] [--type N] [--json]\n\n"
+            "usage: recstore find [--channels LIST] [--from TIME] [--to TIME] [--type N] "
+            "[--json]\n\n"
             "Searches the recordings of every disk that is up and prints one line per recording:\n"
             "channel, type, start, end, duration, size, disk (--json: a JSON array). LIST is\n"
             "e.g. 3, 0-7 or 1,4,9 (default all); TIME is \"YYYY-MM-DD HH:MM:SS\" (UTC).\n\n"

@@ -69,9 +69,10 @@ bool channels_of(const std::string &text, std::vector<int> *out) {
 }
 
 int need_root(const char *cmd) {
-    return failure(cmd, "needs root (it mounts the disks and writes their maps); on a development "
-                        "machine run it inside the disk rig: sudo tests/rig/rig-run "
-                        "build/native/tools/recstore ...");
+    return failure(cmd,
+                   "needs root (it mounts the disks and writes their maps); on a development "
+                   "machine run it inside the disk rig: sudo tests/rig/rig-run "
+                   "build/native/tools/recstore ...");
 }
 
 bool bring_up_all(Session &s, const std::vector<std::string> &disks, std::string *error) {
@@ -150,7 +151,8 @@ int cmd_record(int argc, char **argv) {
 namespace {
 
 // The recording of a channel holding time t (-1: the latest) on the disks that are up.
-bool pick_recording(const Session &s, int channel, int64_t t, struct tm *start, std::string *error) {
+bool pick_recording(const Session &s, int channel, int64_t t, struct tm *start,
+                    std::string *error) {
     bool found = false;
     int64_t best = -1;
     for (int disk : s.disks()) {
@@ -235,10 +237,11 @@ int cmd_play(int argc, char **argv) {
     const bool ok = play_recording(static_cast<int>(channel), start, seek, &r);
     printf("channel %ld, recording \"%s\"\n", channel, format_tm(start).c_str());
     if (r.seek_target >= 0) {
-        printf("  time seek to %s: landed on the key frame of %s at offset %u (%s)\n",
-               format_epoch(static_cast<time_t>(r.seek_target)).c_str(),
-               format_epoch(static_cast<time_t>(r.seek_landed)).c_str(), r.key_offset,
-               r.key_frame_ok ? "a key frame of the stream" : "not a key frame of the tool's format");
+        printf(
+            "  time seek to %s: landed on the key frame of %s at offset %u (%s)\n",
+            format_epoch(static_cast<time_t>(r.seek_target)).c_str(),
+            format_epoch(static_cast<time_t>(r.seek_landed)).c_str(), r.key_offset,
+            r.key_frame_ok ? "a key frame of the stream" : "not a key frame of the tool's format");
     }
     const VerifyStats &v = r.stats;
     printf("  read %llu clusters, %s, %llu frames, %llu key frames, %s .. %s\n",

@@ -40,8 +40,8 @@ uint64_t le64_load(const unsigned char *p) {
 bool pread_all(int fd, void *buf, size_t n, uint64_t at) {
     size_t done = 0;
     while (done < n) {
-        const ssize_t r = pread64(fd, static_cast<char *>(buf) + done, n - done,
-                                  static_cast<off64_t>(at + done));
+        const ssize_t r =
+            pread64(fd, static_cast<char *>(buf) + done, n - done, static_cast<off64_t>(at + done));
         if (r <= 0) return false;
         done += static_cast<size_t>(r);
     }
@@ -178,8 +178,8 @@ uint32_t read_magic(const std::string &root) {
     return recstore::le32_load(bytes);
 }
 
-bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint64_t max_disk_bytes,
-                    ZoneMaps *out, std::string *error) {
+bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint64_t max_disk_bytes, ZoneMaps *out,
+                    std::string *error) {
     recstore::DzGeometry g{};
     if (!recstore::dz_compute_geometry(bytes, max_disk_bytes, &g)) {
         *error = "the data partition is too small to hold a data zone (" + human_size(bytes) + ")";
@@ -416,8 +416,7 @@ IndexMount::~IndexMount() {
     if (made_dir_) rmdir(dir_.c_str());
 }
 
-bool LoopView::open(const std::string &image, uint64_t offset, uint64_t bytes,
-                    std::string *error) {
+bool LoopView::open(const std::string &image, uint64_t offset, uint64_t bytes, std::string *error) {
     std::string output;
     const int status = run_command({"losetup", "-f", "--show", "-r", "-o", std::to_string(offset),
                                     "--sizelimit", std::to_string(bytes), image},

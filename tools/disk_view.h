@@ -27,10 +27,10 @@ bool read_partition_table(int fd, uint64_t image_bytes, std::vector<PartitionSpa
 
 // The maps of a data zone as they are on the partition.
 struct ZoneMaps {
-    uint64_t partition_bytes = 0;  // size of the data partition
-    uint32_t cluster_count = 0;    // whole clusters on it
-    uint32_t block_count = 0;      // whole 64 GiB blocks
-    uint32_t data_start = 0;       // first data cluster
+    uint64_t partition_bytes = 0;                     // size of the data partition
+    uint32_t cluster_count = 0;                       // whole clusters on it
+    uint32_t block_count = 0;                         // whole 64 GiB blocks
+    uint32_t data_start = 0;                          // first data cluster
     std::vector<uint32_t> block_map;                  // entry per block (block id 1 first)
     std::vector<std::vector<uint32_t>> cluster_maps;  // per block, entry per cluster
 
@@ -53,8 +53,8 @@ BlockCounts count_block(const std::vector<uint32_t> &map);
 // length is `bytes`. The number of reserved block slots follows the largest disk the format
 // supports: max_disk_bytes (see max_disk_bytes_for). Only reads. False with *error when it
 // cannot hold a data zone or a read fails.
-bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint64_t max_disk_bytes,
-                    ZoneMaps *out, std::string *error);
+bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint64_t max_disk_bytes, ZoneMaps *out,
+                    std::string *error);
 
 // The largest disk a format supports, from the magic value of the disk's index partition; the
 // current format's when the magic is unknown (0: not read).
@@ -87,12 +87,12 @@ struct Recording {
 
 // One link under link/BBBBBBBB/.
 struct LinkInfo {
-    std::string path;     // the link itself
-    uint32_t block = 0;   // block of its directory
-    bool name_ok = false; // the name is a recording's file name
-    std::string target;   // what it points to ("" when it is no symbolic link)
+    std::string path;      // the link itself
+    uint32_t block = 0;    // block of its directory
+    bool name_ok = false;  // the name is a recording's file name
+    std::string target;    // what it points to ("" when it is no symbolic link)
     bool resolves = false;
-    int recording = -1;   // index into IndexTree::recordings, -1 when none
+    int recording = -1;  // index into IndexTree::recordings, -1 when none
 };
 
 // What the index partition holds.
@@ -116,8 +116,7 @@ class IndexMount {
     ~IndexMount();
     IndexMount(const IndexMount &) = delete;
     IndexMount &operator=(const IndexMount &) = delete;
-    bool open(const std::string &device, const std::string &dir, bool writable,
-              std::string *error);
+    bool open(const std::string &device, const std::string &dir, bool writable, std::string *error);
     bool mounted_here() const { return mounted_; }
 
   private:

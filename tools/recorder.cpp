@@ -30,8 +30,8 @@ struct Channel {
     explicit Channel(const StreamSpec &spec, time_t start) : writer(spec, start) {}
     StreamWriter writer;
     int handle = -1;
-    int recording = -1;            // index into the result's recordings
-    double stuck_since = -1;       // time the first refused attempt of the pending cluster
+    int recording = -1;       // index into the result's recordings
+    double stuck_since = -1;  // time the first refused attempt of the pending cluster
 };
 
 class Recorder {
@@ -77,8 +77,8 @@ bool Recorder::open_recording(Channel &c, const unsigned char *buf, uint32_t len
 bool Recorder::store(Channel &c, const unsigned char *buf, uint32_t len, const kframe *frames,
                      uint32_t count) {
     if (c.handle < 0 && !open_recording(c, buf, len)) return false;
-    const int written = rec_write(c.handle, buf, static_cast<int>(len), frames,
-                                  static_cast<int>(count));
+    const int written =
+        rec_write(c.handle, buf, static_cast<int>(len), frames, static_cast<int>(count));
     if (written == static_cast<int>(len)) {
         res_->clusters++;
         res_->bytes += len;
@@ -198,6 +198,16 @@ bool play_recording(int channel, const struct tm &start, int64_t seek_to, PlayRe
     }
     AlignedCluster buf;
     bool ok = true;
+    if (seek_to == kSeekMiddle) {
+        recordinfo info;
+        struct tm end;
+        struct tm begin = start;
+        seek_to = kSeekNone;
+        if (rec_stat(h, &info) == 0 && info.entry_count > 0) {
+            from_fs_tm(&end, &info.end_time);
+            seek_to = (static_cast<int64_t>(timegm(&begin)) + timegm(&end)) / 2;
+        }
+    }
     if (seek_to >= 0) {
         result->seek_target = seek_to;
         int32_t seq = 0;
@@ -213,10 +223,10 @@ bool play_recording(int channel, const struct tm &start, int64_t seek_to, PlayRe
         const int len = rec_getcurkframe(h, buf.data(), &offset);
         FrameHeader fh;
         result->key_offset = offset;
-        result->key_frame_ok = len > 0 && offset < static_cast<uint32_t>(len) &&
-                               read_frame_header(buf.data() + offset, static_cast<uint32_t>(len) - offset, &fh) &&
-                               fh.magic == kKeyFrameMagic &&
-                               fh.channel == static_cast<uint32_t>(channel);
+        result->key_frame_ok =
+            len > 0 && offset < static_cast<uint32_t>(len) &&
+            read_frame_header(buf.data() + offset, static_cast<uint32_t>(len) - offset, &fh) &&
+            fh.magic == kKeyFrameMagic && fh.channel == static_cast<uint32_t>(channel);
         if (result->key_frame_ok) result->seek_landed = fh.time;
     }
     for (;;) {
@@ -225,8 +235,8 @@ bool play_recording(int channel, const struct tm &start, int64_t seek_to, PlayRe
         const int r = rec_read(h, buf.data(), &length, frames, &count);
         if (r == 0) break;
         if (r < 0) {
-            result->error = "rec_read failed after " + std::to_string(result->stats.clusters) +
-                            " clusters";
+            result->error =
+                "rec_read failed after " + std::to_string(result->stats.clusters) + " clusters";
             ok = false;
             break;
         }

@@ -24,11 +24,11 @@ struct MadeRecording {
 
 // What the recorder reports about once a second.
 struct RecordProgress {
-    double elapsed = 0;   // seconds since the start
-    uint64_t bytes = 0;   // payload bytes written so far
-    int channels = 0;     // channels recording
-    int disk = -1;        // current disk
-    int block = -1;       // its current block
+    double elapsed = 0;  // seconds since the start
+    uint64_t bytes = 0;  // payload bytes written so far
+    int channels = 0;    // channels recording
+    int disk = -1;       // current disk
+    int block = -1;      // its current block
 };
 
 struct RecordOptions {
@@ -42,11 +42,11 @@ struct RecordOptions {
 
 struct RecordResult {
     uint64_t bytes = 0, clusters = 0, key_frames = 0;
-    double seconds = 0;                      // wall-clock time the recording took
+    double seconds = 0;  // wall-clock time the recording took
     std::vector<MadeRecording> recordings;
-    std::vector<std::string> events;         // block and disk changes seen, with their time
-    int refused_writes = 0;                  // writes refused because a disk was full
-    std::string error;                       // set when the recording stopped early
+    std::vector<std::string> events;  // block and disk changes seen, with their time
+    int refused_writes = 0;           // writes refused because a disk was full
+    std::string error;                // set when the recording stopped early
 };
 
 // Records the channels' synthetic streams through the recording API. The daemon must be
@@ -62,8 +62,12 @@ struct PlayResult {
     std::string error;
 };
 
-// Opens a recording for reading, seeks to `seek_to` (seconds since the epoch, -1 for the
-// start) and reads it to the end, verifying every cluster. False with result->error.
+constexpr int64_t kSeekNone = -1;    // play from the start
+constexpr int64_t kSeekMiddle = -2;  // seek to the middle of the recording
+
+// Opens a recording for reading, seeks to `seek_to` (seconds since the epoch, or kSeekNone, or
+// kSeekMiddle), checks the key frame there, and reads it to the end, verifying
+// every cluster. False with result->error.
 bool play_recording(int channel, const struct tm &start, int64_t seek_to, PlayResult *result);
 
 }  // namespace tool

@@ -39,10 +39,11 @@ constexpr Command kCommands[] = {
 void usage(FILE *out) {
     fprintf(out, "usage: recstore COMMAND [ARGS]\n\ncommands:\n");
     for (const Command &c : kCommands) fprintf(out, "  %-9s %s\n", c.name, c.summary);
-    fprintf(out,
-            "\n\"recstore COMMAND --help\" tells more about one command. Exit status: 0 ok,\n"
-            "1 failure, 2 usage. Commands that touch disks need root; on a development machine\n"
-            "run them inside the disk rig: sudo tests/rig/rig-run build/native/tools/recstore ...\n");
+    fprintf(
+        out,
+        "\n\"recstore COMMAND --help\" tells more about one command. Exit status: 0 ok,\n"
+        "1 failure, 2 usage. Commands that touch disks need root; on a development machine\n"
+        "run them inside the disk rig: sudo tests/rig/rig-run build/native/tools/recstore ...\n");
 }
 
 int cmd_help(int, char **) {

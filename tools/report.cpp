@@ -59,8 +59,8 @@ std::string format_find_table(const std::vector<FoundRecording> &found) {
                      : '?');
         out += line;
     }
-    snprintf(line, sizeof line, "%zu recording%s, %s\n", found.size(),
-             found.size() == 1 ? "" : "s", human_size(total).c_str());
+    snprintf(line, sizeof line, "%zu recording%s, %s\n", found.size(), found.size() == 1 ? "" : "s",
+             human_size(total).c_str());
     out += line;
     return out;
 }
@@ -76,8 +76,8 @@ std::string format_find_json(const std::vector<FoundRecording> &found) {
                  "\"key_frames\": %u}",
                  i == 0 ? "" : ",", f.record.channel, f.record.type,
                  time_text(f.record.start).c_str(), time_text(f.info.end_time).c_str(),
-                 duration_of(f), static_cast<unsigned long long>(bytes_of(f.info)),
-                 f.info.disk_id, f.info.entry_count, f.info.frame_count);
+                 duration_of(f), static_cast<unsigned long long>(bytes_of(f.info)), f.info.disk_id,
+                 f.info.entry_count, f.info.frame_count);
         out += item;
     }
     out += found.empty() ? "]\n" : "\n]\n";
@@ -85,9 +85,9 @@ std::string format_find_json(const std::vector<FoundRecording> &found) {
 }
 
 std::string format_calendar(int year, int month, const unsigned char (&days)[kCalendarDays]) {
-    static const char *const kMonths[] = {"January", "February", "March",     "April",
-                                          "May",     "June",     "July",      "August",
-                                          "September", "October", "November", "December"};
+    static const char *const kMonths[] = {"January",   "February", "March",    "April",
+                                          "May",       "June",     "July",     "August",
+                                          "September", "October",  "November", "December"};
     if (year < 1970 || year > 2099 || month < 1 || month > 12) return "";
     struct tm first;
     memset(&first, 0, sizeof first);

@@ -27,12 +27,13 @@ bool wait_for(Ready ready) {
     return ready();
 }
 
-void say(bool verbose, const char *step, const std::string &dev, int result) {
-    if (verbose) printf("  %-18s %-12s -> %d\n", step, dev.c_str(), result);
-    fflush(stdout);
-}
-
 }  // namespace
+
+void Session::say(bool verbose, const char *step, const std::string &dev, int result) const {
+    if (!verbose) return;
+    fprintf(out_, "  %-18s %-12s -> %d\n", step, dev.c_str(), result);
+    fflush(out_);
+}
 
 int current_disk() {
     return __atomic_load_n(&g_recctx.curdiskid, __ATOMIC_SEQ_CST);
@@ -51,7 +52,8 @@ bool Session::start(std::string *error) {
     return true;
 }
 
-bool Session::bring_up(const std::string &dev, bool verbose, std::string *error) {
+bool Session::bring_up(const std::string &dev, bool verbose, std::string *error,
+                       const std::function<void()> &age) {
     int disk = -1;
     if (!disk_node(dev, &disk)) {
         *error = "\"" + dev + "\" is not a disk node (/dev/hd/sda ... /dev/hd/sdh)";
@@ -66,7 +68,8 @@ bool Session::bring_up(const std::string &dev, bool verbose, std::string *error)
     const int mounted = fs_mount(dev.c_str());
     say(verbose, "fs_mount", dev, mounted);
     if (mounted != 0) {
-        *error = "fs_mount " + dev + " failed: is the disk formatted (recstore format " + dev + ")?";
+        *error =
+            "fs_mount " + dev + " failed: is the disk formatted (recstore format " + dev + ")?";
         return false;
     }
     const int opened = fs_opendisk(dev.c_str());
@@ -86,6 +89,7 @@ bool Session::bring_up(const std::string &dev, bool verbose, std::string *error)
             return false;
         }
     }
+    if (age) age();
     cache_set_loaded(static_cast<unsigned>(disk), 0);
     const int inited = fs_datazone_init(disk);
     say(verbose, "fs_datazone_init", dev, inited);

@@ -3,6 +3,9 @@
 #ifndef RECSTORE_TOOL_SESSION_H
 #define RECSTORE_TOOL_SESSION_H
 
+#include <stdio.h>
+
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,8 +25,12 @@ class Session {
     bool start(std::string *error);
     // The plug-in order on one disk: fs_umount, fs_chk, fs_mount, fs_opendisk, (a new disk: one
     // fs_cleardisk), fs_datazone_init, the cache load, fs_chkdata, fs_adddisk(0). Each step is
-    // printed when verbose. False with *error naming the step that failed.
-    bool bring_up(const std::string &dev, bool verbose, std::string *error);
+    // printed when verbose. `age`, when given, runs while the data zone is still stopped (the
+    // demo ages a disk there). False with *error naming the step that failed.
+    bool bring_up(const std::string &dev, bool verbose, std::string *error,
+                  const std::function<void()> &age = nullptr);
+    // Where the steps are printed (standard output by default).
+    void set_output(FILE *out) { out_ = out; }
     // The plug-out order: fs_removedisk, fs_datazone_exit, fs_closedisk, fs_umount.
     void take_down(int disk, bool verbose);
     // Starts the daemon and waits until it has chosen a disk with a current block.
@@ -33,6 +40,9 @@ class Session {
     const std::vector<int> &disks() const { return disks_; }
 
   private:
+    void say(bool verbose, const char *step, const std::string &dev, int result) const;
+
+    FILE *out_ = stdout;
     bool started_ = false;
     bool daemon_ = false;
     std::vector<int> disks_;

@@ -119,7 +119,8 @@ bool StreamWriter::produce_until(double elapsed, const ClusterSink &sink) {
         if (used_ + size > kClusterBytes || (key && frame_count_ == RECSTORE_MAX_KFRAMES)) {
             if (!hand_over(sink)) return false;
         }
-        const uint32_t t = static_cast<uint32_t>(start_ + static_cast<time_t>(n / kFramesPerSecond));
+        const uint32_t t =
+            static_cast<uint32_t>(start_ + static_cast<time_t>(n / kFramesPerSecond));
         unsigned char *p = cluster_.data() + used_;
         put32(p, key ? kKeyFrameMagic : kDeltaFrameMagic);
         put32(p + 4, static_cast<uint32_t>(spec_.channel));
@@ -155,8 +156,8 @@ bool read_frame_header(const unsigned char *buf, uint32_t length, FrameHeader *o
            out->bytes >= kFrameHeaderBytes && out->bytes <= length;
 }
 
-bool verify_cluster(const unsigned char *buf, uint32_t length, const kframe *frames,
-                    uint32_t count, int channel, VerifyStats *stats, std::string *error) {
+bool verify_cluster(const unsigned char *buf, uint32_t length, const kframe *frames, uint32_t count,
+                    int channel, VerifyStats *stats, std::string *error) {
     FrameHeader h;
     if (length > kClusterBytes || count > RECSTORE_MAX_KFRAMES) {
         *error = "cluster length " + std::to_string(length) + " or key frames " +
@@ -198,8 +199,8 @@ bool verify_cluster(const unsigned char *buf, uint32_t length, const kframe *fra
         at += h.bytes;
     }
     if (keys_seen != count) {
-        *error = "the key-frame table lists " + std::to_string(count) + " key frames, the cluster holds " +
-                 std::to_string(keys_seen);
+        *error = "the key-frame table lists " + std::to_string(count) +
+                 " key frames, the cluster holds " + std::to_string(keys_seen);
         stats->bad_clusters++;
         return false;
     }

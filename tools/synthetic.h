@@ -18,17 +18,17 @@
 namespace tool {
 
 constexpr int kFramesPerSecond = 25;
-constexpr uint32_t kKeyFrameMagic = 0x4b455946u;   // "FYEK" little-endian: a key frame
-constexpr uint32_t kDeltaFrameMagic = 0x454d5246u; // a frame between key frames
+constexpr uint32_t kKeyFrameMagic = 0x4b455946u;    // "FYEK" little-endian: a key frame
+constexpr uint32_t kDeltaFrameMagic = 0x454d5246u;  // a frame between key frames
 constexpr uint32_t kFrameHeaderBytes = 20;
 
 // One frame's header as it is stored at the frame's first byte (little-endian words).
 struct FrameHeader {
-    uint32_t magic;     // kKeyFrameMagic or kDeltaFrameMagic
-    uint32_t channel;   // channel 0-63
-    uint32_t number;    // frame number since the stream started
-    uint32_t bytes;     // whole frame, header included
-    uint32_t time;      // seconds since the epoch (UTC) of the frame
+    uint32_t magic;    // kKeyFrameMagic or kDeltaFrameMagic
+    uint32_t channel;  // channel 0-63
+    uint32_t number;   // frame number since the stream started
+    uint32_t bytes;    // whole frame, header included
+    uint32_t time;     // seconds since the epoch (UTC) of the frame
 };
 
 // How one channel's camera behaves.
@@ -99,8 +99,8 @@ struct VerifyStats {
 // Verifies one cluster read back: every frame's header and pattern, and that each key-frame
 // descriptor points at a key frame of that time. channel < 0 accepts any channel. False with
 // *error when something differs; a cluster not in the tool's format counts as foreign (true).
-bool verify_cluster(const unsigned char *buf, uint32_t length, const kframe *frames,
-                    uint32_t count, int channel, VerifyStats *stats, std::string *error);
+bool verify_cluster(const unsigned char *buf, uint32_t length, const kframe *frames, uint32_t count,
+                    int channel, VerifyStats *stats, std::string *error);
 
 // Reads a frame header at buf (length bytes available); false when there is none.
 bool read_frame_header(const unsigned char *buf, uint32_t length, FrameHeader *out);

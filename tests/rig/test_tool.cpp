@@ -61,7 +61,8 @@ class Tool : public ::testing::Test {
             fill_payload(buf_.data(), static_cast<uint32_t>(channel), n);
             kframe frames[RECSTORE_MAX_KFRAMES] = {};
             const uint32_t count = frames_of(n, secs(t), frames);
-            ASSERT_EQ(fs_write(h, buf_.data(), kCluster, frames, count), static_cast<int>(kCluster));
+            ASSERT_EQ(fs_write(h, buf_.data(), kCluster, frames, count),
+                      static_cast<int>(kCluster));
         }
         fs_close(h, nullptr);
     }
@@ -166,8 +167,8 @@ TEST_F(Tool, CheckReportsAStrayLink) {
 
 TEST_F(Tool, CheckReportsABusyClusterNoEntryPointsTo) {
     const std::string part = data_partition(0);
-    ASSERT_TRUE(aging::set_cluster_entry(part.c_str(), kBlock1, kStrayCluster,
-                                         aging::busy_entry(0x1234)));
+    ASSERT_TRUE(
+        aging::set_cluster_entry(part.c_str(), kBlock1, kStrayCluster, aging::busy_entry(0x1234)));
     const std::string out = check(1);
     EXPECT_TRUE(contains(out, "inconsistency [unreferenced-cluster] block 1: busy cluster " +
                                   std::to_string(kFirstData + kStrayCluster) +
@@ -181,9 +182,10 @@ TEST_F(Tool, CheckReportsAWrongBlockMapState) {
     // An empty block marked busy with an older sequence than the current block's.
     ASSERT_TRUE(aging::set_block_entry(part.c_str(), kBlock3, aging::busy_entry(1000)));
     const std::string out = check(1);
-    EXPECT_TRUE(contains(out, "inconsistency [block-state] block 3: busy in the block map "
-                              "(0x800003e8) with 131072 free clusters, but block 1 is the "
-                              "current one\n"))
+    EXPECT_TRUE(contains(out,
+                         "inconsistency [block-state] block 3: busy in the block map "
+                         "(0x800003e8) with 131072 free clusters, but block 1 is the "
+                         "current one\n"))
         << out;
     EXPECT_TRUE(contains(out, "1 inconsistency found")) << out;
 }
