@@ -170,8 +170,13 @@ void print_summary(FILE *out, const Figures &f, int channels) {
             channels, f.rec.recordings.size(), static_cast<unsigned long long>(f.rec.clusters),
             human_size(f.rec.bytes).c_str(), static_cast<unsigned long long>(f.rec.key_frames),
             f.rec.seconds);
-    fprintf(out, "  write rate         %.1f MB/s on average\n",
+    fprintf(out, "  write rate         %.1f MB/s on average (the streams' own pace)\n",
             f.rec.seconds > 0 ? static_cast<double>(f.rec.bytes) / 1e6 / f.rec.seconds : 0.0);
+    const uint64_t calls = f.rec.clusters + static_cast<uint64_t>(f.rec.refused_writes);
+    fprintf(out, "  rec_write          %llu calls, %.2f ms on average, %.1f ms the longest\n",
+            static_cast<unsigned long long>(calls),
+            calls > 0 ? f.rec.write_seconds * 1e3 / static_cast<double>(calls) : 0.0,
+            f.rec.longest_write * 1e3);
     fprintf(out,
             "  changes            %d disk change(s), %d block change(s); %d write(s) refused "
             "on a full disk\n",

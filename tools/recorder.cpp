@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -77,8 +78,12 @@ bool Recorder::open_recording(Channel &c, const unsigned char *buf, uint32_t len
 bool Recorder::store(Channel &c, const unsigned char *buf, uint32_t len, const kframe *frames,
                      uint32_t count) {
     if (c.handle < 0 && !open_recording(c, buf, len)) return false;
+    const Clock::time_point before = Clock::now();
     const int written =
         rec_write(c.handle, buf, static_cast<int>(len), frames, static_cast<int>(count));
+    const double took = since(before);
+    res_->write_seconds += took;
+    res_->longest_write = std::max(res_->longest_write, took);
     if (written == static_cast<int>(len)) {
         res_->clusters++;
         res_->bytes += len;
@@ -101,6 +106,8 @@ bool Recorder::store(Channel &c, const unsigned char *buf, uint32_t len, const k
 void Recorder::watch_rotation(double elapsed) {
     const int disk = current_disk();
     const int block = disk >= 0 ? block_get_current(disk) : -1;
+    // Between the end of a block and the next one there is no current block: not a change.
+    if (block < 0 && last_disk_ != -2) return;
     if (disk == last_disk_ && block == last_block_) return;
     char text[128];
     if (last_disk_ == -2) {

@@ -46,6 +46,8 @@ struct RecordResult {
     std::vector<MadeRecording> recordings;
     std::vector<std::string> events;  // block and disk changes seen, with their time
     int refused_writes = 0;           // writes refused because a disk was full
+    double write_seconds = 0;         // time spent inside rec_write, all calls
+    double longest_write = 0;         // the longest rec_write call, seconds
     std::string error;                // set when the recording stopped early
 };
 
