@@ -72,10 +72,17 @@ int cmd_format(int argc, char **argv) {
         fs_umount(dev.c_str());
         return failure(kCmd, "the new disk's magic file and maps could not be written");
     }
+    // The magic file is read back: the version printed is the one on the disk.
+    const std::string version = index_check_magic(disk) == 0 ? fs_version(disk) : "";
+    if (version.empty()) {
+        fs_closedisk(disk);
+        fs_umount(dev.c_str());
+        return failure(kCmd, "the new disk's magic file cannot be read back");
+    }
     fs_closedisk(disk);
     fs_umount(dev.c_str());
-    printf("%s formatted: %s, magic file and fresh maps written\n", dev.c_str(),
-           fs_version(disk)[0] ? fs_version(disk) : "version 7.0.0.0");
+    printf("%s formatted: format %s, magic file and fresh maps written\n", dev.c_str(),
+           version.c_str());
     return kExitOk;
 }
 
