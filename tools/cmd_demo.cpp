@@ -329,8 +329,11 @@ int run_demo(Terminal &term, int channels, int seconds) {
         f.bring_up_seconds = since(t0);
         ok = ok && s.start_daemon(&error);
         if (ok) {
-            fprintf(out, "daemon running, recording to sd%c block %d\n", 'a' + current_disk(),
-                    block_get_current(current_disk()));
+            rec_lockdisk();
+            const int disk = current_disk();
+            const int block = block_get_current(disk);
+            rec_unlockdisk();
+            fprintf(out, "daemon running, recording to sd%c block %d\n", 'a' + disk, block);
             fprintf(out, "\nrecording %d channels for %d s:\n", channels, seconds);
             RecordOptions opt;
             for (int c = 0; c < channels; c++) opt.channels.push_back(c);

@@ -55,8 +55,11 @@ class Recorder {
 };
 
 bool Recorder::open_recording(Channel &c, const unsigned char *buf, uint32_t len) {
+    rec_lockdisk();
     const int disk = current_disk();
-    if (disk < 0 || fs_isdiskfull(disk) == 1) return false;  // the daemon is changing disk
+    const bool full = disk < 0 || fs_isdiskfull(disk) == 1;
+    rec_unlockdisk();
+    if (full) return false;  // the daemon is changing disk
     FrameHeader h;
     time_t t = time(nullptr);
     if (read_frame_header(buf, len, &h)) t = static_cast<time_t>(h.time);
@@ -104,8 +107,11 @@ bool Recorder::store(Channel &c, const unsigned char *buf, uint32_t len, const k
 }
 
 void Recorder::watch_rotation(double elapsed) {
+    // The daemon changes disk and block under the disk-table lock: read them under it too.
+    rec_lockdisk();
     const int disk = current_disk();
     const int block = disk >= 0 ? block_get_current(disk) : -1;
+    rec_unlockdisk();
     // Between the end of a block and the next one there is no current block: not a change.
     if (block < 0 && last_disk_ != -2) return;
     if (disk == last_disk_ && block == last_block_) return;

@@ -127,8 +127,11 @@ bool Session::start_daemon(std::string *error) {
     }
     daemon_ = true;
     const bool ready = wait_for([] {
+        rec_lockdisk();
         const int d = current_disk();
-        return d >= 0 && fs_isblockfull(d) == 0;
+        const bool ready = d >= 0 && fs_isblockfull(d) == 0;
+        rec_unlockdisk();
+        return ready;
     });
     if (!ready) *error = "the daemon found no disk with room to record (are all disks full?)";
     return ready;
