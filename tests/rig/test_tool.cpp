@@ -204,6 +204,34 @@ TEST_F(Tool, CheckReportsAnEntryIntoAFreeCluster) {
         << out;
 }
 
+TEST_F(Tool, CheckReportsAStaleCacheTagAndRewritesItFromTheIndexFile) {
+    const struct tm t = start_of(3);
+    const std::string cache = cache_file(0, 3, t, 0);
+    std::vector<uint64_t> tags = tags_in(cache);
+    ASSERT_EQ(tags.size(), 1u);
+    const uint64_t good = tags[0];
+    // The duration's low bits (bits 20-31 of the low word) changed: the tag no longer matches.
+    const uint64_t stale = good ^ (0x7ull << 20);
+    {
+        const int fd = open(cache.c_str(), O_WRONLY | O_TRUNC);
+        ASSERT_GE(fd, 0);
+        unsigned char b[8];
+        for (int i = 0; i < 8; i++) b[i] = static_cast<unsigned char>(stale >> (8 * i));
+        ASSERT_EQ(write(fd, b, sizeof b), 8);
+        close(fd);
+    }
+    std::string out = check(1);
+    EXPECT_TRUE(contains(out, "inconsistency [stale-tag] " + cache)) << out;
+    EXPECT_TRUE(contains(out, ": differs from " + file_name(3, t, 0))) << out;
+    EXPECT_TRUE(contains(out, "1 inconsistency found (1 of them repairable")) << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 0) << out;
+    EXPECT_TRUE(contains(out, "0 inconsistencies left after repair\n")) << out;
+    tags = tags_in(cache);
+    ASSERT_EQ(tags.size(), 1u);
+    EXPECT_EQ(tags[0], good);
+    check(0);
+}
+
 // ---- inspect -------------------------------------------------------------------------------
 
 TEST_F(Tool, InspectShowsTheDiskWithItsCurrentBlockAndRecordings) {

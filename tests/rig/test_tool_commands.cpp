@@ -106,4 +106,18 @@ TEST_F(ToolCommands, PlayFindsAChangedByte) {
         << out;
 }
 
+TEST_F(ToolCommands, InspectReadsTheGptTableOfALargeDiskImage) {
+    // Above 512 GiB a disk gets a GPT label and a 32GB index partition.
+    rig::Disk large = rig::attach('b', 3 * kDiskBytes);
+    std::string out;
+    EXPECT_EQ(tool("format /dev/hd/sdb --yes", &out), 0) << out;
+    rig::unplug(large);
+    EXPECT_EQ(tool("inspect " + large.image, &out), 0) << out;
+    EXPECT_TRUE(contains(out, "600.0 GiB, partition table gpt\n")) << out;
+    EXPECT_TRUE(contains(out, "  2 index  offset      128000512  size    31872000000")) << out;
+    EXPECT_TRUE(contains(out, "index partition: format 7.0.0.0, 0 index files, 0 links")) << out;
+    EXPECT_TRUE(contains(out, "counters: 0 busy, ")) << out;
+    unlink(large.image.c_str());
+}
+
 }  // namespace
