@@ -459,6 +459,12 @@ int cmd_check(int argc, char **argv) {
                            "\"" + dev + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh");
     }
     const bool repair = args.has("--repair");
+    // Nothing is mounted for a disk that is not there.
+    if (access(dev.c_str(), F_OK) != 0) {
+        return failure(kCmd, dev +
+                                 " does not exist: is the disk plugged in? On a development "
+                                 "machine run the tool inside the disk rig");
+    }
 
     char mnt[RECSTORE_PATH_LEN];
     mount_point(dev.c_str(), mnt, sizeof mnt);

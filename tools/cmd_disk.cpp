@@ -24,6 +24,14 @@ int check_disks(const char *cmd, const Args &args) {
                 cmd, "\"" + dev + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh");
         }
     }
+    // Nothing is started (no cache mount, no command line) for a disk that is not there.
+    for (const std::string &dev : args.words) {
+        if (access(dev.c_str(), F_OK) != 0) {
+            return failure(cmd, dev +
+                                    " does not exist: is the disk plugged in? On a development "
+                                    "machine run the tool inside the disk rig");
+        }
+    }
     if (!is_root()) {
         return failure(cmd,
                        "needs root (it partitions, checks and mounts the disk); on a "
@@ -51,11 +59,11 @@ int cmd_format(int argc, char **argv) {
     std::string error;
     if (!parse_args(argc, argv, {}, {"--yes"}, &args, &error)) return usage_error(kCmd, error);
     if (args.words.size() != 1) return usage_error(kCmd, "give exactly one disk");
-    const int bad = check_disks(kCmd, args);
-    if (bad >= 0) return bad;
     if (!args.has("--yes")) {
         return usage_error(kCmd, "formatting erases " + args.words[0] + ": add --yes to confirm");
     }
+    const int bad = check_disks(kCmd, args);
+    if (bad >= 0) return bad;
     const std::string dev = args.words[0];
     printf("formatting %s...\n", dev.c_str());
     if (fs_format(dev.c_str()) != 0) {

@@ -194,6 +194,12 @@ void help() {
 }
 
 int inspect_device(const std::string &dev, int disk, bool maps_only) {
+    // Nothing is mounted for a disk that is not there.
+    if (access(dev.c_str(), F_OK) != 0) {
+        return failure(kCmd, dev +
+                                 " does not exist: is the disk plugged in? On a development "
+                                 "machine run the tool inside the disk rig");
+    }
     const std::string part = dev + "3";
     recstore::FdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) {

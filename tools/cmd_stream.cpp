@@ -2,6 +2,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -49,6 +50,19 @@ bool disks_of(const Args &args, std::vector<std::string> *out, std::string *erro
     for (int i = 0; i < count; i++) out->push_back(list[i]);
     if (out->empty()) *error = "no disk under /dev/hd: plug one in or name it with --disk";
     return !out->empty();
+}
+
+// Nothing is started (no cache mount) for a disk that is not there.
+bool disks_present(const std::vector<std::string> &disks, std::string *error) {
+    for (const std::string &d : disks) {
+        if (access(d.c_str(), F_OK) != 0) {
+            *error = d +
+                     " does not exist: is the disk plugged in? On a development machine run "
+                     "the tool inside the disk rig";
+            return false;
+        }
+    }
+    return true;
 }
 
 // "3", "0-3" or "1,2,5" into channel numbers.
@@ -120,6 +134,7 @@ int cmd_record(int argc, char **argv) {
     }
     std::vector<std::string> disks;
     if (!disks_of(args, &disks, &error)) return usage_error(kCmd, error);
+    if (!disks_present(disks, &error)) return failure(kCmd, error);
     if (!is_root()) return need_root(kCmd);
     opt.seconds = static_cast<int>(seconds);
     opt.mbps = static_cast<int>(mbps);
@@ -222,6 +237,7 @@ int cmd_play(int argc, char **argv) {
     }
     std::vector<std::string> disks;
     if (!disks_of(args, &disks, &error)) return usage_error(kCmd, error);
+    if (!disks_present(disks, &error)) return failure(kCmd, error);
     if (!is_root()) return need_root(kCmd);
     Session s;
     if (!bring_up_all(s, disks, &error)) return failure(kCmd, error);

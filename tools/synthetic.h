@@ -38,7 +38,7 @@ struct StreamSpec {
     int key_every_seconds = 1;
 };
 
-// A spec for a channel: bitrate 2-8 Mbit/s and key frames every 1-2 s, chosen from the channel
+// How a channel behaves: bitrate 2-8 Mbit/s and key frames every 1-2 s, chosen from the channel
 // (and seed) so that runs are repeatable; mbps > 0 forces the bitrate.
 StreamSpec spec_for_channel(int channel, uint32_t seed, int mbps);
 

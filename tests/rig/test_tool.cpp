@@ -117,7 +117,12 @@ TEST(ToolUsage, EveryCommandHasHelp) {
 TEST(ToolUsage, CheckOfAMissingDiskFails) {
     std::string out;
     EXPECT_EQ(tool("check /dev/hd/sdh", &out), 1) << out;
-    EXPECT_TRUE(contains(out, "/dev/hd/sdh")) << out;
+    EXPECT_TRUE(
+        contains(out, "recstore check: /dev/hd/sdh does not exist: is the disk plugged in?"))
+        << out;
+    EXPECT_EQ(tool("inspect /dev/hd/sdh", &out), 1) << out;
+    EXPECT_TRUE(contains(out, "recstore inspect: /dev/hd/sdh does not exist")) << out;
+    EXPECT_FALSE(exists("/mnt/sdh")) << "nothing was made for the missing disk";
 }
 
 // ---- check ---------------------------------------------------------------------------------

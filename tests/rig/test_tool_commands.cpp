@@ -81,6 +81,14 @@ TEST_F(ToolCommands, FormatUpDownRecordPlayAndCheck) {
     EXPECT_TRUE(contains(out, "1 index files, 1 links")) << out;
     EXPECT_TRUE(contains(out, "0 inconsistencies found")) << out;
 
+    ASSERT_EQ(tool("record --disk /dev/hd/sdc --channel 4", &out), 1) << out;
+    EXPECT_TRUE(contains(out,
+                         "recstore record: /dev/hd/sdc does not exist: is the disk plugged "
+                         "in?"))
+        << out;
+    EXPECT_FALSE(mounted("/mnt/cache")) << "nothing was started for a missing disk";
+    ASSERT_EQ(tool("up /dev/hd/sdc", &out), 1) << out;
+    EXPECT_TRUE(contains(out, "recstore up: /dev/hd/sdc does not exist")) << out;
     ASSERT_EQ(tool("play --disk /dev/hd/sda --channel 4", &out), 1) << out;
     EXPECT_TRUE(contains(out, "recstore play: channel 4 has no recording")) << out;
 }
