@@ -372,9 +372,9 @@ void Checker::check_cache(const std::string &cache_root) {
 }
 
 bool write_tags(const CacheFile &f) {
+    // A recording without any tag in its directory may need the directory made first.
     const std::string dir = f.path.substr(0, f.path.rfind('/'));
-    std::string walk;
-    for (size_t at = 1; at != std::string::npos; at = dir.find('/', at + 1)) {
+    for (size_t at = dir.find('/', 1); at != std::string::npos; at = dir.find('/', at + 1)) {
         mkdir(dir.substr(0, at).c_str(), 0755);
     }
     mkdir(dir.c_str(), 0755);

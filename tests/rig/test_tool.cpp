@@ -237,6 +237,20 @@ TEST_F(Tool, CheckReportsAStaleCacheTagAndRewritesItFromTheIndexFile) {
     check(0);
 }
 
+TEST_F(Tool, CheckReportsARecordingMissingFromTheCacheAndAddsItsTag) {
+    const struct tm t = start_of(1);
+    const std::string cache = cache_file(0, 1, t, 0);
+    const std::vector<uint64_t> before = tags_in(cache);
+    ASSERT_EQ(before.size(), 1u);
+    ASSERT_EQ(unlink(cache.c_str()), 0);
+    std::string out = check(1);
+    EXPECT_TRUE(contains(
+        out, "inconsistency [stale-tag] " + index_name(0, 1, t, 0) + ": no tag in " + cache + "\n"))
+        << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 0) << out;
+    EXPECT_EQ(tags_in(cache), before);
+}
+
 // ---- inspect -------------------------------------------------------------------------------
 
 TEST_F(Tool, InspectShowsTheDiskWithItsCurrentBlockAndRecordings) {
