@@ -1,0 +1,221 @@
+// Shared pieces of the recstore tool's subcommands.
+#include "cli.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "rig.h"
+
+namespace tool {
+
+bool Args::has(const std::string &flag) const {
+    return std::find(flags.begin(), flags.end(), flag) != flags.end();
+}
+
+std::string Args::value(const std::string &name, const std::string &fallback) const {
+    const auto it = values.find(name);
+    return it == values.end() ? fallback : it->second;
+}
+
+namespace {
+
+bool listed(const std::vector<std::string> &list, const std::string &word) {
+    return std::find(list.begin(), list.end(), word) != list.end();
+}
+
+}  // namespace
+
+bool parse_args(int argc, char **argv, const std::vector<std::string> &value_options,
+                const std::vector<std::string> &flags, Args *out, std::string *error) {
+    for (int i = 1; i < argc; i++) {
+        std::string word = argv[i];
+        if (word.size() < 2 || word[0] != '-') {
+            out->words.push_back(word);
+            continue;
+        }
+        std::string value;
+        bool inline_value = false;
+        const size_t eq = word.find('=');
+        if (eq != std::string::npos) {
+            value = word.substr(eq + 1);
+            word = word.substr(0, eq);
+            inline_value = true;
+        }
+        if (listed(flags, word) && !inline_value) {
+            out->flags.push_back(word);
+        } else if (listed(value_options, word)) {
+            if (!inline_value) {
+                if (i + 1 >= argc) {
+                    *error = "option " + word + " needs a value";
+                    return false;
+                }
+                value = argv[++i];
+            }
+            out->values[word] = value;
+        } else {
+            *error = "unknown option \"" + word + "\"";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool wants_help(int argc, char **argv) {
+    for (int i = 1; i < argc; i++) {
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) return true;
+    }
+    return false;
+}
+
+int usage_error(const char *command, const std::string &message) {
+    fprintf(stderr, "recstore %s: %s\n(\"recstore %s --help\" shows the usage)\n", command,
+            message.c_str(), command);
+    return kExitUsage;
+}
+
+int failure(const char *command, const std::string &message) {
+    fflush(stdout);
+    fprintf(stderr, "recstore %s: %s\n", command, message.c_str());
+    return kExitFailed;
+}
+
+bool parse_long(const std::string &text, long min, long max, long *out) {
+    if (text.empty()) return false;
+    char *end = nullptr;
+    errno = 0;
+    const long v = strtol(text.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0' || v < min || v > max) return false;
+    *out = v;
+    return true;
+}
+
+bool parse_time(const std::string &text, struct tm *out) {
+    int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
+    char sep = 0;
+    int used = 0;
+    const int n =
+        sscanf(text.c_str(), "%4d-%2d-%2d%c%2d:%2d:%2d%n", &y, &mo, &d, &sep, &h, &mi, &s, &used);
+    if (n == 7 && static_cast<size_t>(used) != text.size()) return false;
+    if (n != 7) {
+        s = 0;
+        used = 0;
+        if (sscanf(text.c_str(), "%4d-%2d-%2d%c%2d:%2d%n", &y, &mo, &d, &sep, &h, &mi, &used) !=
+                6 ||
+            static_cast<size_t>(used) != text.size()) {
+            return false;
+        }
+    }
+    if ((sep != ' ' && sep != 'T') || y < 1970 || y > 2099 || mo < 1 || mo > 12 || d < 1 ||
+        d > 31 || h > 23 || mi > 59 || s > 59 || h < 0 || mi < 0 || s < 0) {
+        return false;
+    }
+    struct tm t;
+    memset(&t, 0, sizeof t);
+    t.tm_year = y - 1900;
+    t.tm_mon = mo - 1;
+    t.tm_mday = d;
+    t.tm_hour = h;
+    t.tm_min = mi;
+    t.tm_sec = s;
+    const time_t secs = timegm(&t);
+    gmtime_r(&secs, out);
+    return out->tm_mday == d;  // 31 April and the like are refused
+}
+
+std::string format_tm(const struct tm &t) {
+    char text[80];
+    snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900, t.tm_mon + 1,
+             t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+    return text;
+}
+
+std::string format_epoch(time_t seconds) {
+    struct tm t;
+    gmtime_r(&seconds, &t);
+    return format_tm(t);
+}
+
+std::string format_duration(long seconds) {
+    char text[32];
+    if (seconds < 0) seconds = 0;
+    if (seconds >= 3600) {
+        snprintf(text, sizeof text, "%ldh%02ldm%02lds", seconds / 3600, seconds / 60 % 60,
+                 seconds % 60);
+    } else if (seconds >= 60) {
+        snprintf(text, sizeof text, "%ldm%02lds", seconds / 60, seconds % 60);
+    } else {
+        snprintf(text, sizeof text, "%lds", seconds);
+    }
+    return text;
+}
+
+std::string human_size(uint64_t bytes) {
+    char text[32];
+    if (bytes >= kGiB) {
+        snprintf(text, sizeof text, "%.1f GiB", static_cast<double>(bytes) / kGiB);
+    } else if (bytes >= kMiB) {
+        snprintf(text, sizeof text, "%.1f MiB", static_cast<double>(bytes) / kMiB);
+    } else if (bytes >= 1024) {
+        snprintf(text, sizeof text, "%.1f KiB", static_cast<double>(bytes) / 1024);
+    } else {
+        snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
+    }
+    return text;
+}
+
+bool disk_node(const std::string &dev, int *disk) {
+    static const std::string prefix = "/dev/hd/sd";
+    if (dev.size() != prefix.size() + 1 || dev.compare(0, prefix.size(), prefix) != 0) return false;
+    const char letter = dev.back();
+    if (letter < 'a' || letter > 'h') return false;
+    *disk = letter - 'a';
+    return true;
+}
+
+bool is_root() {
+    return geteuid() == 0;
+}
+
+bool in_rig() {
+    const char *dir = getenv("RECSTORE_RIG_DIR");
+    return dir != nullptr && dir[0] != '\0' && is_root() && rig::active();
+}
+
+int run_command(const std::vector<std::string> &argv, std::string *output) {
+    int pipe_fd[2] = {-1, -1};
+    if (output != nullptr && pipe2(pipe_fd, O_CLOEXEC) != 0) return -1;
+    fflush(stdout);
+    fflush(stderr);
+    const pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        if (output != nullptr) {
+            dup2(pipe_fd[1], 1);
+            dup2(pipe_fd[1], 2);
+        }
+        std::vector<char *> args;
+        for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    if (output != nullptr) {
+        close(pipe_fd[1]);
+        char buf[4096];
+        ssize_t n;
+        while ((n = read(pipe_fd[0], buf, sizeof buf)) > 0)
+            output->append(buf, static_cast<size_t>(n));
+        close(pipe_fd[0]);
+    }
+    int status = 0;
+    if (waitpid(pid, &status, 0) < 0) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace tool

@@ -1,0 +1,69 @@
+// Shared pieces of the recstore tool's subcommands: exit codes, option parsing, times and sizes
+// as people read them, disk node names and external commands.
+#ifndef RECSTORE_TOOL_CLI_H
+#define RECSTORE_TOOL_CLI_H
+
+#include <time.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+constexpr uint64_t kMiB = 1024ull * 1024;
+constexpr uint64_t kGiB = 1024 * kMiB;
+
+// Parsed command line of one subcommand: words, options with a value, flags.
+struct Args {
+    std::vector<std::string> words;
+    std::map<std::string, std::string> values;
+    std::vector<std::string> flags;
+    bool has(const std::string &flag) const;
+    std::string value(const std::string &name, const std::string &fallback = "") const;
+};
+
+// Parses argv[1..] of a subcommand. value_options take the next word ("--seconds 5" or
+// "--seconds=5"); flags take none. Unknown options or a missing value: false and *error says
+// which.
+bool parse_args(int argc, char **argv, const std::vector<std::string> &value_options,
+                const std::vector<std::string> &flags, Args *out, std::string *error);
+
+// True when --help or -h is among the arguments.
+bool wants_help(int argc, char **argv);
+
+// Prints "recstore CMD: message" and the pointer to --help on stderr; returns kExitUsage.
+int usage_error(const char *command, const std::string &message);
+// Prints "recstore CMD: message" on stderr; returns kExitFailed.
+int failure(const char *command, const std::string &message);
+
+// A whole decimal number in [min, max]; false for anything else.
+bool parse_long(const std::string &text, long min, long max, long *out);
+
+// "YYYY-MM-DD HH:MM:SS" (or with a 'T'), UTC; seconds may be left out. False when malformed.
+bool parse_time(const std::string &text, struct tm *out);
+std::string format_tm(const struct tm &t);  // "YYYY-MM-DD HH:MM:SS"
+std::string format_epoch(time_t seconds);   // the same, from seconds since the epoch (UTC)
+std::string format_duration(long seconds);  // "1h02m03s", "2m05s", "7s"
+std::string human_size(uint64_t bytes);     // "1.5 GiB", "12.0 MiB", "3.5 KiB", "512 B"
+
+// True for a whole-disk node "/dev/hd/sd" plus one letter a-h; its disk id then in *disk.
+bool disk_node(const std::string &dev, int *disk);
+
+// True when running as root.
+bool is_root();
+// True inside the disk rig's private namespace (tests/rig/rig-run).
+bool in_rig();
+
+// Runs argv without a shell; its exit status, or -1 when it could not run. Output goes to
+// *output when given (standard output and error), else to the terminal.
+int run_command(const std::vector<std::string> &argv, std::string *output = nullptr);
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,418 @@
+// recstore demo: the recorder's whole job inside the disk rig (tests/rig/rig-run). Two 200 GiB
+// sparse disks are formatted and brought up in the plug-in order, the daemon starts, N channels
+// of a synthetic camera stream are recorded for a set time with a live progress line, a few
+// recordings are played back by time seek and key frame with every byte verified, and the disks
+// are aged beforehand so that a block change and a disk change happen within the run. The
+// summary gives only figures measured in this run.
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "aging.h"
+#include "cli.h"
+#include "commands.h"
+#include "recorder.h"
+#include "recstore.h"
+#include "rig.h"
+#include "session.h"
+
+namespace tool {
+
+namespace {
+
+constexpr const char *kCmd = "demo";
+constexpr uint64_t kDemoDiskBytes = 200 * kGiB;
+constexpr char kLetters[] = {'a', 'b'};
+constexpr int kDisks = 2;
+constexpr const char *kDemoLog = "/tmp/recstore-demo.log";
+constexpr const char *kRigCommand =
+    "sudo scripts/demo (or: sudo tests/rig/rig-run build/native/tools/recstore demo)";
+constexpr int kDefaultChannels = 16;
+constexpr int kDefaultSeconds = 60;
+constexpr int kPlayBacks = 3;
+constexpr uint32_t kMinFree = 4;  // clusters left free in an aged block, at least
+constexpr uint32_t kBlock1 = 1, kBlock2 = 2, kBlock3 = 3;
+constexpr time_t kDay = 86400;
+constexpr double kClusterFill = 0.97;  // payload share of a cluster, roughly
+
+using Clock = std::chrono::steady_clock;
+
+double since(Clock::time_point t0) {
+    return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+// The terminal, while the library's own output (descriptors 1 and 2) goes to the log file.
+class Terminal {
+  public:
+    explicit Terminal(const std::string &log) : log_(log) {
+        fflush(stdout);
+        fflush(stderr);
+        out_ = fdopen(dup(1), "w");
+        const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd >= 0) {
+            saved_err_ = dup(2);
+            dup2(fd, 1);
+            dup2(fd, 2);
+            close(fd);
+        }
+    }
+    ~Terminal() {
+        fflush(stdout);
+        fflush(stderr);
+        if (out_ != nullptr) {
+            fflush(out_);
+            dup2(fileno(out_), 1);
+            fclose(out_);
+        }
+        if (saved_err_ >= 0) {
+            dup2(saved_err_, 2);
+            close(saved_err_);
+        }
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+    FILE *out() const { return out_ != nullptr ? out_ : stderr; }
+    // Bytes of the log so far: where a step's output starts.
+    uint64_t mark() const {
+        fflush(stdout);
+        std::ifstream in(log_, std::ios::ate | std::ios::binary);
+        return in ? static_cast<uint64_t>(in.tellg()) : 0;
+    }
+    // Shows the command lines the library ran since mark.
+    void show_commands(uint64_t from) const {
+        fflush(stdout);
+        std::ifstream in(log_);
+        in.seekg(static_cast<std::streamoff>(from));
+        std::string line;
+        while (std::getline(in, line)) {
+            if (is_command(line)) fprintf(out(), "      $ %s\n", line.c_str());
+        }
+    }
+
+  private:
+    // The library prints every command line before it runs it; tool output looks different.
+    static bool is_command(const std::string &line) {
+        if (line.rfind("mount ", 0) == 0 || line.rfind("umount ", 0) == 0 ||
+            line.rfind("fsck.ext4 ", 0) == 0) {
+            return true;
+        }
+        const std::string word = line.substr(0, line.find(' '));
+        return word.rfind("/", 0) == 0 && access(word.c_str(), X_OK) == 0;
+    }
+
+    std::string log_;
+    FILE *out_ = nullptr;
+    int saved_err_ = -1;
+};
+
+// Clusters the run is expected to fill: the channels' bitrates over the time.
+uint64_t expected_clusters(int channels, int seconds) {
+    uint64_t bits = 0;
+    for (int c = 0; c < channels; c++) bits += spec_for_channel(c, 1, 0).bits_per_second;
+    const double bytes = static_cast<double>(bits) / 8 * seconds;
+    return static_cast<uint64_t>(bytes / (RECSTORE_CLUSTER_SIZE * kClusterFill)) + 1;
+}
+
+struct Plan {
+    uint32_t sda_free = 0;  // free clusters left in sda's last block: the disk change
+    uint32_t sdb_free = 0;  // free clusters left in sdb's first block: the block change
+};
+
+// Ages a disk as if it had recorded before: sda with blocks 1 and 2 full and block 3 nearly
+// full, sdb with block 1 nearly full, so that recording changes disk after about a third of the
+// run and block after two thirds.
+void age(int disk, const std::string &part, const Plan &plan) {
+    const time_t now = time(nullptr);
+    const uint32_t two_days_ago = static_cast<uint32_t>((now - 2 * kDay) >> 2);
+    const uint32_t yesterday = static_cast<uint32_t>((now - kDay) >> 2);
+    if (disk == 0) {
+        aging::fill_block(part.c_str(), kBlock1, 0, two_days_ago);
+        aging::fill_block(part.c_str(), kBlock2, 0, two_days_ago + 1);
+        aging::fill_block(part.c_str(), kBlock3, plan.sda_free, yesterday);
+    } else {
+        aging::fill_block(part.c_str(), kBlock1, plan.sdb_free, yesterday + 1);
+    }
+}
+
+struct Figures {
+    double format_seconds[kDisks] = {};
+    double bring_up_seconds = 0;
+    RecordResult rec;
+    uint64_t played_clusters = 0, played_bytes = 0, played_key_frames = 0, played_frames = 0;
+    double play_seconds = 0;
+    int played = 0, verified = 0;
+};
+
+void print_summary(FILE *out, const Figures &f, int channels) {
+    int block_changes = 0, disk_changes = 0;
+    for (const std::string &e : f.rec.events) {
+        block_changes += e.find("block change") != std::string::npos ? 1 : 0;
+        disk_changes += e.find("disk change") != std::string::npos ? 1 : 0;
+    }
+    fprintf(out, "\nsummary (measured in this run):\n");
+    fprintf(out, "  format             sda %.1f s, sdb %.1f s (parted, mkfs.ext4)\n",
+            f.format_seconds[0], f.format_seconds[1]);
+    fprintf(out, "  bring-up           %.1f s for both disks (check, mount, maps, cache)\n",
+            f.bring_up_seconds);
+    fprintf(out,
+            "  recorded           %d channels, %zu recordings, %llu clusters, %s, %llu key "
+            "frames in %.1f s\n",
+            channels, f.rec.recordings.size(), static_cast<unsigned long long>(f.rec.clusters),
+            human_size(f.rec.bytes).c_str(), static_cast<unsigned long long>(f.rec.key_frames),
+            f.rec.seconds);
+    fprintf(out, "  write rate         %.1f MB/s on average (the streams' own pace)\n",
+            f.rec.seconds > 0 ? static_cast<double>(f.rec.bytes) / 1e6 / f.rec.seconds : 0.0);
+    const uint64_t calls = f.rec.clusters + static_cast<uint64_t>(f.rec.refused_writes);
+    fprintf(out, "  rec_write          %llu calls, %.2f ms on average, %.1f ms the longest\n",
+            static_cast<unsigned long long>(calls),
+            calls > 0 ? f.rec.write_seconds * 1e3 / static_cast<double>(calls) : 0.0,
+            f.rec.longest_write * 1e3);
+    fprintf(out,
+            "  changes            %d disk change(s), %d block change(s); %d write(s) refused "
+            "on a full disk\n",
+            disk_changes, block_changes, f.rec.refused_writes);
+    fprintf(out,
+            "  played back        %d recordings, %llu clusters, %s, %llu frames, %llu key "
+            "frames; %d of %d verified byte for byte\n",
+            f.played, static_cast<unsigned long long>(f.played_clusters),
+            human_size(f.played_bytes).c_str(), static_cast<unsigned long long>(f.played_frames),
+            static_cast<unsigned long long>(f.played_key_frames), f.verified, f.played);
+    fprintf(
+        out,
+        "  read rate          %.1f MB/s (seek, key frame, read and verify; mostly from the page "
+        "cache)\n",
+        f.play_seconds > 0 ? static_cast<double>(f.played_bytes) / 1e6 / f.play_seconds : 0.0);
+}
+
+// The recordings to play back: the first of the first channel, one that began after the disk
+// change, and the last one made.
+std::vector<MadeRecording> pick_playbacks(const std::vector<MadeRecording> &made) {
+    std::vector<MadeRecording> out;
+    auto add = [&](const MadeRecording &m) {
+        for (const MadeRecording &o : out) {
+            if (o.channel == m.channel && timegm(const_cast<struct tm *>(&o.start)) ==
+                                              timegm(const_cast<struct tm *>(&m.start))) {
+                return;
+            }
+        }
+        if (m.clusters > 0 && static_cast<int>(out.size()) < kPlayBacks) out.push_back(m);
+    };
+    if (!made.empty()) add(made.front());
+    for (const MadeRecording &m : made) {
+        if (m.disk == 1) {
+            add(m);
+            break;
+        }
+    }
+    if (!made.empty()) add(made.back());
+    for (const MadeRecording &m : made) add(m);
+    return out;
+}
+
+bool play_back(FILE *out, const std::vector<MadeRecording> &made, Figures *f) {
+    bool ok = true;
+    fprintf(out, "\nplaying back by time seek and key frame, verifying every byte:\n");
+    const Clock::time_point t0 = Clock::now();
+    for (const MadeRecording &m : pick_playbacks(made)) {
+        PlayResult r;
+        const bool good = play_recording(m.channel, m.start, kSeekMiddle, &r);
+        f->played++;
+        f->played_clusters += r.stats.clusters;
+        f->played_bytes += r.stats.bytes;
+        f->played_frames += r.stats.frames;
+        f->played_key_frames += r.stats.key_frames;
+        const bool verified =
+            good && r.stats.foreign_clusters == 0 && (r.seek_target < 0 || r.key_frame_ok);
+        f->verified += verified ? 1 : 0;
+        fprintf(out, "  channel %2d on sd%c, recorded %s\n", m.channel, 'a' + m.disk,
+                format_tm(m.start).c_str());
+        if (r.seek_target >= 0) {
+            fprintf(out, "    rec_tseek %s -> key frame of %s (offset %u)%s\n",
+                    format_epoch(static_cast<time_t>(r.seek_target)).c_str() + 11,
+                    format_epoch(static_cast<time_t>(r.seek_landed)).c_str() + 11, r.key_offset,
+                    r.key_frame_ok ? "" : " NOT A KEY FRAME");
+        }
+        fprintf(out, "    read %llu clusters, %s, %llu frames, %llu key frames: %s\n",
+                static_cast<unsigned long long>(r.stats.clusters),
+                human_size(r.stats.bytes).c_str(), static_cast<unsigned long long>(r.stats.frames),
+                static_cast<unsigned long long>(r.stats.key_frames),
+                verified ? "every byte verified" : ("FAILED: " + r.error).c_str());
+        ok &= verified;
+    }
+    f->play_seconds = since(t0);
+    return ok;
+}
+
+void help() {
+    printf(
+        "usage: recstore demo [--channels N] [--seconds S]\n\n"
+        "The recorder's whole job inside the disk rig (root, loop devices, a private mount\n"
+        "namespace), in about two minutes at the defaults:\n"
+        "  - attaches two 200 GiB sparse disks as /dev/hd/sda and /dev/hd/sdb and formats them;\n"
+        "  - ages them (sda nearly full, sdb's first block nearly full) so that a disk change\n"
+        "    and a block change happen during the run;\n"
+        "  - rec_init, both disks up in the plug-in order, the daemon;\n"
+        "  - records N channels (default %d) of a synthetic camera stream for S seconds\n"
+        "    (default %d): a key frame every 1-2 s, 2-8 Mbit/s per channel, a cluster written\n"
+        "    when the next frame would not fit; a progress line once a second;\n"
+        "  - plays a few recordings back by time seek and key frame, verifying every byte;\n"
+        "  - prints a summary of the figures measured, takes everything down again.\n"
+        "The library's own output goes to %s. Run it as:\n  %s\n\n"
+        "exit status: 0 done, 1 a step failed, 2 usage or not in the rig.\n",
+        kDefaultChannels, kDefaultSeconds, kDemoLog, kRigCommand);
+}
+
+// Attaches and formats the demo disks.
+bool prepare_disks(Terminal &term, std::vector<rig::Disk> *disks, Figures *f) {
+    FILE *out = term.out();
+    for (int i = 0; i < kDisks; i++) {
+        fprintf(out, "attaching a %s sparse disk as /dev/hd/sd%c",
+                human_size(kDemoDiskBytes).c_str(), kLetters[i]);
+        disks->push_back(rig::attach(kLetters[i], kDemoDiskBytes));
+        fprintf(out, " (%s)\n", disks->back().loop.c_str());
+    }
+    for (int i = 0; i < kDisks; i++) {
+        const std::string &dev = (*disks)[i].node;
+        fprintf(out, "formatting %s...\n", dev.c_str());
+        fflush(out);
+        const uint64_t from = term.mark();
+        const Clock::time_point t0 = Clock::now();
+        const int r = fs_format(dev.c_str());
+        f->format_seconds[i] = since(t0);
+        if (i == 0) term.show_commands(from);
+        fprintf(out, "    fs_format -> %d (%.1f s)\n", r, f->format_seconds[i]);
+        if (r != 0) return false;
+    }
+    return true;
+}
+
+int run_demo(Terminal &term, int channels, int seconds) {
+    FILE *out = term.out();
+    Figures f;
+    std::vector<rig::Disk> disks;
+    bool ok = true;
+    try {
+        ok = prepare_disks(term, &disks, &f);
+    } catch (const std::exception &e) {
+        fprintf(out, "recstore demo: %s\n", e.what());
+        ok = false;
+    }
+    if (ok) {
+        const uint64_t clusters = expected_clusters(channels, seconds);
+        Plan plan;
+        plan.sda_free = std::max<uint32_t>(kMinFree, static_cast<uint32_t>(clusters / 3));
+        plan.sdb_free = std::max<uint32_t>(kMinFree, static_cast<uint32_t>(clusters / 3));
+        fprintf(out,
+                "aging: sda blocks 1-2 full, block 3 with %u free clusters; sdb block 1 with "
+                "%u free clusters (about %llu clusters will be recorded)\n",
+                plan.sda_free, plan.sdb_free, static_cast<unsigned long long>(clusters));
+        Session s;
+        s.set_output(out);
+        std::string error;
+        fprintf(out, "rec_init, then each disk up in the plug-in order:\n");
+        const Clock::time_point t0 = Clock::now();
+        ok = s.start(&error);
+        for (int i = 0; ok && i < kDisks; i++) {
+            const std::string part = disks[i].node + "3";
+            ok = s.bring_up(disks[i].node, true, &error, [&, i] { age(i, part, plan); });
+        }
+        f.bring_up_seconds = since(t0);
+        ok = ok && s.start_daemon(&error);
+        if (ok) {
+            rec_lockdisk();
+            const int disk = current_disk();
+            const int block = block_get_current(disk);
+            rec_unlockdisk();
+            fprintf(out, "daemon running, recording to sd%c block %d\n", 'a' + disk, block);
+            fprintf(out, "\nrecording %d channels for %d s:\n", channels, seconds);
+            RecordOptions opt;
+            for (int c = 0; c < channels; c++) opt.channels.push_back(c);
+            opt.seconds = seconds;
+            opt.progress = [out](const RecordProgress &p) {
+                fprintf(out, "\r  %5.1f s  %2d channels  %8.1f MB  %6.1f MB/s  sd%c block %d   ",
+                        p.elapsed, p.channels, static_cast<double>(p.bytes) / 1e6,
+                        p.elapsed > 0 ? static_cast<double>(p.bytes) / 1e6 / p.elapsed : 0.0,
+                        p.disk >= 0 ? 'a' + p.disk : '?', p.block);
+                fflush(out);
+            };
+            ok = record_streams(opt, &f.rec);
+            fprintf(out, "\n");
+            for (const std::string &e : f.rec.events) fprintf(out, "  %s\n", e.c_str());
+            if (!ok) fprintf(out, "recstore demo: %s\n", f.rec.error.c_str());
+            ok &= play_back(out, f.rec.recordings, &f);
+
+            // HOOK(search): search the recordings of the run here (all disks, all channels) and
+            // print them with format_find_table. Left empty until the search is in the library.
+
+            // HOOK(calendar): print the month calendar of the run's month here with
+            // format_calendar. Left empty until the calendar is in the library.
+        } else {
+            fprintf(out, "recstore demo: %s\n", error.c_str());
+        }
+        fprintf(out, "\ntaking the disks down in the plug-out order\n");
+        s.finish();
+        print_summary(out, f, channels);
+    }
+    for (rig::Disk &d : disks) {
+        try {
+            rig::unplug(d);
+            unlink(d.image.c_str());
+        } catch (const std::exception &e) {
+            fprintf(out, "recstore demo: %s\n", e.what());
+            ok = false;
+        }
+    }
+    fprintf(out, "\n%s (the library's own output: %s)\n", ok ? "demo done" : "demo FAILED",
+            kDemoLog);
+    return ok ? kExitOk : kExitFailed;
+}
+
+}  // namespace
+
+int cmd_demo(int argc, char **argv) {
+    if (wants_help(argc, argv)) {
+        help();
+        return kExitOk;
+    }
+    Args args;
+    std::string error;
+    if (!parse_args(argc, argv, {"--channels", "--seconds"}, {}, &args, &error)) {
+        return usage_error(kCmd, error);
+    }
+    long channels = kDefaultChannels, seconds = kDefaultSeconds;
+    if (args.values.count("--channels") &&
+        !parse_long(args.value("--channels"), 1, RECSTORE_MAX_CHANNELS, &channels)) {
+        return usage_error(kCmd, "--channels takes 1 to 64");
+    }
+    if (args.values.count("--seconds") && !parse_long(args.value("--seconds"), 1, 3600, &seconds)) {
+        return usage_error(kCmd, "--seconds takes 1 to 3600");
+    }
+    if (!is_root()) {
+        printf(
+            "recstore demo must run as root: it attaches loop devices and mounts file systems\n"
+            "in a private mount namespace (the disk rig). Run it from the source tree as:\n  %s\n",
+            kRigCommand);
+        return kExitUsage;
+    }
+    if (!in_rig()) {
+        printf(
+            "recstore demo needs the disk rig: loop devices and a private mount namespace, so\n"
+            "that nothing of the machine's own /dev and /mnt is touched. Run it as:\n  %s\n",
+            kRigCommand);
+        return kExitUsage;
+    }
+    Terminal term(kDemoLog);
+    return run_demo(term, static_cast<int>(channels), static_cast<int>(seconds));
+}
+
+}  // namespace tool
