@@ -23,7 +23,9 @@
 #include "commands.h"
 #include "recorder.h"
 #include "recstore.h"
+#include "report.h"
 #include "rig.h"
+#include "search.h"
 #include "session.h"
 
 namespace tool {
@@ -151,6 +153,11 @@ struct Figures {
     uint64_t played_clusters = 0, played_bytes = 0, played_key_frames = 0, played_frames = 0;
     double play_seconds = 0;
     int played = 0, verified = 0;
+    size_t found = 0;       // recordings the search returned
+    size_t found_made = 0;  // recordings made that the search returned
+    double search_ms = 0;
+    int calendar_days = 0;  // days marked in the month view
+    double calendar_ms = 0;
 };
 
 void print_summary(FILE *out, const Figures &f, int channels) {
@@ -187,6 +194,12 @@ void print_summary(FILE *out, const Figures &f, int channels) {
             f.played, static_cast<unsigned long long>(f.played_clusters),
             human_size(f.played_bytes).c_str(), static_cast<unsigned long long>(f.played_frames),
             static_cast<unsigned long long>(f.played_key_frames), f.verified, f.played);
+    fprintf(out,
+            "  search             %zu recordings found in %.1f ms; %zu of the %zu made among "
+            "them\n",
+            f.found, f.search_ms, f.found_made, f.rec.recordings.size());
+    fprintf(out, "  calendar           %d day(s) marked in %.1f ms\n", f.calendar_days,
+            f.calendar_ms);
     fprintf(
         out,
         "  read rate          %.1f MB/s (seek, key frame, read and verify; mostly from the page "
@@ -217,6 +230,70 @@ std::vector<MadeRecording> pick_playbacks(const std::vector<MadeRecording> &made
     if (!made.empty()) add(made.back());
     for (const MadeRecording &m : made) add(m);
     return out;
+}
+
+double ms_since(Clock::time_point t0) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+}
+
+// Searches every channel over the run's time on both disks and prints the table; every
+// recording made must be found. Then the month view of the run's month.
+bool search_and_calendar(FILE *out, const std::vector<MadeRecording> &made, Figures *f) {
+    if (made.empty()) return false;
+    struct tm from = made.front().start, to = made.front().start;
+    for (const MadeRecording &m : made) {
+        struct tm a = m.start, b = from, c = to;
+        if (timegm(&a) < timegm(&b)) from = m.start;
+        if (timegm(&a) > timegm(&c)) to = m.start;
+    }
+    time_t last = timegm(&to) + 86400;
+    gmtime_r(&last, &to);
+    fprintf(out,
+            "\nsearching every channel of both disks (rec_find_open, sorted by channel and "
+            "start):\n");
+    std::vector<FoundRecording> found;
+    std::string error;
+    Clock::time_point t0 = Clock::now();
+    bool ok = search_recordings(from, to, ~0ull, 0, &found, &error);
+    f->search_ms = ms_since(t0);
+    if (!ok) {
+        fprintf(out, "recstore demo: %s\n", error.c_str());
+        return false;
+    }
+    fputs(format_find_table(found).c_str(), out);
+    f->found = found.size();
+    for (const MadeRecording &m : made) {
+        fs_tm want;
+        to_fs_tm(&m.start, &want);
+        for (const FoundRecording &r : found) {
+            if (static_cast<int>(r.record.channel) == m.channel &&
+                memcmp(&r.record.start, &want, sizeof want) == 0) {
+                f->found_made++;
+                break;
+            }
+        }
+    }
+    if (f->found_made != made.size()) {
+        fprintf(out, "recstore demo: the search missed %zu of the recordings made\n",
+                made.size() - f->found_made);
+        ok = false;
+    }
+    const int year = from.tm_year + 1900, month = from.tm_mon + 1;
+    fprintf(out, "\nthe month view of every channel (rec_get_calendar):\n");
+    unsigned char days[kCalendarDays] = {};
+    t0 = Clock::now();
+    if (!month_calendar(~0ull, year, month, days, &error)) {
+        fprintf(out, "recstore demo: %s\n", error.c_str());
+        return false;
+    }
+    f->calendar_ms = ms_since(t0);
+    fputs(format_calendar(year, month, days).c_str(), out);
+    for (unsigned char d : days) f->calendar_days += d & 1;
+    if ((days[from.tm_mday - 1] & 1) == 0) {
+        fprintf(out, "recstore demo: the day of the first recording is not marked\n");
+        ok = false;
+    }
+    return ok;
 }
 
 bool play_back(FILE *out, const std::vector<MadeRecording> &made, Figures *f) {
@@ -351,11 +428,7 @@ int run_demo(Terminal &term, int channels, int seconds) {
             if (!ok) fprintf(out, "recstore demo: %s\n", f.rec.error.c_str());
             ok &= play_back(out, f.rec.recordings, &f);
 
-            // HOOK(search): search the recordings of the run here (all disks, all channels) and
-            // print them with format_find_table. Left empty until the search is in the library.
-
-            // HOOK(calendar): print the month calendar of the run's month here with
-            // format_calendar. Left empty until the calendar is in the library.
+            ok &= search_and_calendar(out, f.rec.recordings, &f);
         } else {
             fprintf(out, "recstore demo: %s\n", error.c_str());
         }

@@ -22,6 +22,9 @@ using Clock = std::chrono::steady_clock;
 constexpr double kFastStep = 1.0 / kFramesPerSecond;
 constexpr double kGiveUpSeconds = 10.0;  // a cluster that cannot be stored this long stops it
 constexpr auto kPause = std::chrono::milliseconds(5);
+// Mode bits of the recordings made: a plain continuous recording. Searches select recordings by
+// a mask of mode bits, so a recording of mode 0 would never be found.
+constexpr int kContinuousMode = 0x1;
 
 double since(Clock::time_point t0) {
     return std::chrono::duration<double>(Clock::now() - t0).count();
@@ -66,7 +69,7 @@ bool Recorder::open_recording(Channel &c, const unsigned char *buf, uint32_t len
     struct tm start;
     gmtime_r(&t, &start);
     const int handle = rec_open_v2(c.writer.spec().channel, &start, 0, 0, 0, 0,
-                                   RECSTORE_REC_CREATE | O_RDWR, 0, 0, nullptr);
+                                   RECSTORE_REC_CREATE | O_RDWR, kContinuousMode, 0, nullptr);
     if (handle < 0) return false;
     c.handle = handle;
     MadeRecording m;

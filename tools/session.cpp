@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "cli.h"
 #include "recstore.h"
@@ -148,6 +150,68 @@ void Session::finish() {
     for (auto it = disks.rbegin(); it != disks.rend(); ++it) take_down(*it, false);
     rec_exit();
     started_ = false;
+}
+
+// "a,b" into words.
+std::vector<std::string> split(const std::string &text) {
+    std::vector<std::string> out;
+    size_t at = 0;
+    while (at <= text.size()) {
+        const size_t comma = text.find(',', at);
+        out.push_back(text.substr(at, comma == std::string::npos ? std::string::npos : comma - at));
+        if (comma == std::string::npos) break;
+        at = comma + 1;
+    }
+    return out;
+}
+
+// The disks to bring up: --disk a,b or every disk node present.
+bool disks_of(const Args &args, std::vector<std::string> *out, std::string *error) {
+    if (args.values.count("--disk")) {
+        for (const std::string &d : split(args.value("--disk"))) {
+            int id = -1;
+            if (!disk_node(d, &id)) {
+                *error = "\"" + d + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh";
+                return false;
+            }
+            out->push_back(d);
+        }
+        return true;
+    }
+    char list[RECSTORE_PROBE_MAX][RECSTORE_PATH_LEN];
+    int count = 0;
+    fs_probe(list, &count);
+    for (int i = 0; i < count; i++) out->push_back(list[i]);
+    if (out->empty()) *error = "no disk under /dev/hd: plug one in or name it with --disk";
+    return !out->empty();
+}
+
+// Nothing is started (no cache mount) for a disk that is not there.
+bool disks_present(const std::vector<std::string> &disks, std::string *error) {
+    for (const std::string &d : disks) {
+        if (access(d.c_str(), F_OK) != 0) {
+            *error = d +
+                     " does not exist: is the disk plugged in? On a development machine run "
+                     "the tool inside the disk rig";
+            return false;
+        }
+    }
+    return true;
+}
+
+int need_root(const char *cmd) {
+    return failure(cmd,
+                   "needs root (it mounts the disks and writes their maps); on a development "
+                   "machine run it inside the disk rig: sudo tests/rig/rig-run "
+                   "build/native/tools/recstore ...");
+}
+
+bool bring_up_all(Session &s, const std::vector<std::string> &disks, std::string *error) {
+    if (!s.start(error)) return false;
+    for (const std::string &d : disks) {
+        if (!s.bring_up(d, false, error)) return false;
+    }
+    return true;
 }
 
 }  // namespace tool

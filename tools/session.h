@@ -48,6 +48,19 @@ class Session {
     std::vector<int> disks_;
 };
 
+struct Args;
+
+// "a,b" into words.
+std::vector<std::string> split(const std::string &text);
+// The disks a command brings up: --disk a,b or every disk node present. False with *error.
+bool disks_of(const Args &args, std::vector<std::string> *out, std::string *error);
+// True when every disk node exists; nothing is started (no cache mount) for a missing disk.
+bool disks_present(const std::vector<std::string> &disks, std::string *error);
+// The message and exit status of a command run without root.
+int need_root(const char *cmd);
+// rec_init and the plug-in order on every disk.
+bool bring_up_all(Session &s, const std::vector<std::string> &disks, std::string *error);
+
 // The disk the recording layer records to now (-1 when none).
 int current_disk();
 

@@ -77,6 +77,23 @@ TEST_F(ToolCommands, FormatUpDownRecordPlayAndCheck) {
     EXPECT_TRUE(contains(out, "(a key frame of the stream)")) << out;
     EXPECT_TRUE(contains(out, "every byte verified")) << out;
 
+    // The recording is found by channel and time, and its day is marked in the month view.
+    ASSERT_EQ(tool("find --disk /dev/hd/sda --channels 3", &out), 0) << out;
+    EXPECT_TRUE(contains(out, "      3    0 " + start + "  ")) << out;
+    EXPECT_TRUE(contains(out, "sda\n1 recording, ")) << out;
+    ASSERT_EQ(tool("find --disk /dev/hd/sda --channels 0-2,4-63", &out), 0) << out;
+    EXPECT_TRUE(contains(out, "0 recordings, 0 B")) << out;
+    ASSERT_EQ(tool("find --disk /dev/hd/sda --channels 3 --json", &out), 0) << out;
+    EXPECT_TRUE(contains(out, "{\"channel\": 3, \"type\": 0, \"start\": \"" + start)) << out;
+    const std::string year = start.substr(0, 4), month = start.substr(5, 2);
+    const int day = std::stoi(start.substr(8, 2));
+    ASSERT_EQ(tool("calendar " + year + " " + std::to_string(std::stoi(month)) +
+                       " --disk /dev/hd/sda --channels 3",
+                   &out),
+              0)
+        << out;
+    EXPECT_TRUE(contains(out, "1 day with recordings (*): " + std::to_string(day))) << out;
+
     ASSERT_EQ(tool("check /dev/hd/sda", &out), 0) << out;
     EXPECT_TRUE(contains(out, "1 index files, 1 links")) << out;
     EXPECT_TRUE(contains(out, "0 inconsistencies found")) << out;

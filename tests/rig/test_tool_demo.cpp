@@ -1,6 +1,7 @@
 // The recstore tool's demo, short: two disks formatted and brought up, four channels recorded
 // for five seconds with a disk change and a block change on the way, recordings played back and
-// verified, everything taken down again. Runs in its own rig, since the demo attaches its disks.
+// verified, found again by the search and the month view, everything taken down again. Runs in its
+// own rig, since the demo attaches its disks.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -26,6 +27,15 @@ TEST(ToolDemo, RecordsChangesDiskAndBlockAndVerifiesThePlayBack) {
     EXPECT_TRUE(contains(out, "block change on sdb: block 1 -> block 2\n")) << out;
     EXPECT_TRUE(contains(out, "  recorded           4 channels, ")) << out;
     EXPECT_TRUE(contains(out, "; 3 of 3 verified byte for byte\n")) << out;
+    // Every recording made is found again by the search, and today is marked in the month view.
+    const size_t at = out.find("  recorded           4 channels, ");
+    ASSERT_NE(at, std::string::npos) << out;
+    const std::string made = out.substr(at + 33, out.find(" recordings", at) - at - 33);
+    EXPECT_TRUE(contains(out, "  search             " + made + " recordings found in ")) << out;
+    EXPECT_TRUE(contains(out, "; " + made + " of the " + made + " made among them\n")) << out;
+    EXPECT_TRUE(contains(out, "1 day with recordings (*): ") ||
+                contains(out, "2 days with recordings (*): "))
+        << out;
     EXPECT_FALSE(contains(out, "FAILED")) << out;
     EXPECT_TRUE(contains(out, "\ndemo done")) << out;
     // The demo unplugged its disks: nothing of them is left attached or mounted.
