@@ -36,7 +36,9 @@ namespace {
 
 constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
 constexpr uint32_t kCluster = 524288;
-constexpr int kRecordings = 100000;
+constexpr int kDefaultRecordings = 100000;
+// RECSTORE_BENCH_RECORDINGS makes a smaller catalogue, for a quick trial of the program.
+int g_recordings = kDefaultRecordings;
 constexpr int kChannels = 64;
 constexpr int kDays = 30;
 constexpr int kPerChannelDay = 53;  // 64 x 30 x 53 > 100,000: the last day is partly used
@@ -153,7 +155,7 @@ bool build_catalogue(double *per_sec) {
     std::unique_ptr<unsigned char, decltype(&free)> buf(static_cast<unsigned char *>(p), &free);
     memset(buf.get(), 0x5A, kCluster);
     const double t0 = now_ms();
-    for (int i = 0; i < kRecordings; i++) {
+    for (int i = 0; i < g_recordings; i++) {
         const Planned r = planned(i);
         const int mode = 1 << (i % 3);
         const int h = rec_open(r.channel, &r.start, 0, 0, 0, 0, RECSTORE_REC_CREATE | O_RDWR, mode);
@@ -173,11 +175,11 @@ bool build_catalogue(double *per_sec) {
         }
         rec_close(h, &r.end);
         if ((i + 1) % 10000 == 0) {
-            fprintf(stderr, "\rcatalogue: %d of %d recordings", i + 1, kRecordings);
+            fprintf(stderr, "\rcatalogue: %d of %d recordings", i + 1, g_recordings);
         }
     }
     fprintf(stderr, "\n");
-    *per_sec = kRecordings / ((now_ms() - t0) / 1e3);
+    *per_sec = g_recordings / ((now_ms() - t0) / 1e3);
     return true;
 }
 
@@ -248,6 +250,10 @@ std::vector<double> library_calendar(int n, int *days_found) {
         ms.push_back(now_ms() - t0);
         *days_found = 0;
         for (unsigned char d : days) *days_found += d & 1;
+        if (getenv("RECSTORE_BENCH_DEBUG")) {
+            for (unsigned char d : days) fprintf(stderr, "%d", d);
+            fprintf(stderr, " days\n");
+        }
     }
     return ms;
 }
@@ -282,7 +288,7 @@ bool sqlite_build(Sqlite &s, const std::string &path) {
         SQLITE_OK) {
         return false;
     }
-    for (int i = 0; i < kRecordings; i++) {
+    for (int i = 0; i < g_recordings; i++) {
         Planned r = planned(i);
         sqlite3_bind_int(ins, 1, r.channel);
         sqlite3_bind_int64(ins, 2, timegm(&r.start));
@@ -397,6 +403,9 @@ void measure_library(std::vector<Row> &rows, const char *how, bool index_walk, i
 }
 
 int run() {
+    if (const char *n = getenv("RECSTORE_BENCH_RECORDINGS")) {
+        g_recordings = std::max(kChannels, std::min(kDefaultRecordings, atoi(n)));
+    }
     if (!rig::active()) {
         fprintf(stderr, "run this benchmark through tests/rig/rig-run as root\n");
         return 1;
@@ -423,21 +432,22 @@ int run() {
         return 1;
     }
     fprintf(stderr, "catalogue: %d recordings at %.0f per second; cache rebuilt in %.0f ms\n",
-            kRecordings, per_sec, cache_ms);
+            g_recordings, per_sec, cache_ms);
     Sqlite sq;
     const std::string db = rig::dir() + "/catalogue.db";
     {
         recstore_test::StdoutCapture quiet;
         measure_library(rows, "cache", false, kAllMatches);
         int days = 0;
-        add_row(rows, "calendar of the month", "cache", library_calendar(30, &days), days);
+        std::vector<double> ms = library_calendar(30, &days);
+        add_row(rows, "calendar of the month", "cache", ms, days);
         stop_library(disk);
         ok = start_library(disk, RECSTORE_FS_NOCACHE, false, nullptr);
         if (ok) {
             measure_library(rows, "index files", true, kAllMatches);
             measure_library(rows, "index files, fast path", true, kAllMatches | kFastPath);
-            add_row(rows, "calendar of the month", "index files", library_calendar(10, &days),
-                    days);
+            ms = library_calendar(10, &days);
+            add_row(rows, "calendar of the month", "index files", ms, days);
             stop_library(disk);
         }
         ok = ok && sqlite_build(sq, db);
@@ -450,11 +460,13 @@ int run() {
     }
     for (const Query &q : kQueries) {
         int found = 0;
-        add_row(rows, q.name, "SQLite",
-                sqlite_search(sq, q, targets(samples_for(q, false), 7), &found), found);
+        const std::vector<double> ms =
+            sqlite_search(sq, q, targets(samples_for(q, false), 7), &found);
+        add_row(rows, q.name, "SQLite", ms, found);
     }
     int days = 0;
-    add_row(rows, "calendar of the month", "SQLite", sqlite_calendar(sq, 30, &days), days);
+    const std::vector<double> calendar_ms = sqlite_calendar(sq, 30, &days);
+    add_row(rows, "calendar of the month", "SQLite", calendar_ms, days);
     {
         // Recycling the block that holds the whole catalogue: every recording's index file, link
         // and cache tag goes, and the block's clusters are freed.
@@ -473,9 +485,9 @@ int run() {
             struct tm start = day_start(1), end = plus_sec(day_start(31), 86399);
             const int h =
                 rec_find_open(&start, &end, ~0ull, 0, kAnyMode, kAllMatches, kMaxResults, 0);
-            recycled_files = h >= 0 ? kRecordings - rec_find_getcounts(h) : -1;
+            recycled_files = h >= 0 ? g_recordings - rec_find_getcounts(h) : -1;
             if (h >= 0) rec_find_close(h);
-            ok = ok && recycled_files == kRecordings;
+            ok = ok && recycled_files == g_recordings;
             plug_out(disk);
             rec_exit();
         }
@@ -484,7 +496,7 @@ int run() {
     rig::unplug(disk);
     unlink(disk.image.c_str());
     unlink(db.c_str());
-    printf("\n%d recordings, %d channels, %d days; latencies in ms\n\n", kRecordings, kChannels,
+    printf("\n%d recordings, %d channels, %d days; latencies in ms\n\n", g_recordings, kChannels,
            kDays);
     printf("| query | how | results | runs | median ms | p99 ms |\n|---|---|---|---|---|---|\n");
     for (const Row &r : rows) {

@@ -290,6 +290,22 @@ TEST_F(RecFind, CalendarOfBothDisks) {
     EXPECT_EQ(days[14], fs_use_cache() ? 0 : 1);
 }
 
+TEST_F(RecFind, CalendarOfAThirtyOneDayMonth) {
+    make(0, 0, make_tm(2026, 10, 1, 0, 0, 0), 25, 1);
+    make(0, 63, make_tm(2026, 10, 17, 12, 0, 9), 25, 1);
+    make(1, 5, make_tm(2026, 10, 31, 23, 30, 0), 25, 1);
+    unsigned char days[31];
+    memset(days, 0xEE, sizeof days);
+    LogMask loud(kAllLevels);
+    StdoutCapture out;
+    ASSERT_EQ(rec_get_calendar(0xFFFFFFFFu, 0xFFFFFFFFu, 2026, 10, days), 0);
+    const std::string text = out.stop();
+    for (int d = 0; d < 31; d++) {
+        const bool want = d == 0 || d == 30 || (d == 16 && !fs_use_cache());
+        EXPECT_EQ(days[d], want ? 1 : 0) << "day " << d + 1 << "\n" << text;
+    }
+}
+
 // The same searches without the cache: the walks over the index partitions.
 class RecFindNoCache : public RecFind {
   protected:
