@@ -53,7 +53,10 @@ int cmd_find(int argc, char **argv) {
             "Searches the recordings of every disk that is up and prints one line per recording:\n"
             "channel, type, start, end, duration, size, disk (--json: a JSON array). LIST is\n"
             "e.g. 3, 0-7 or 1,4,9 (default all); TIME is \"YYYY-MM-DD HH:MM:SS\" (UTC); the\n"
-            "type defaults to 0. Without --disk every disk under /dev/hd is brought up.\n\n"
+            "type defaults to 0. Without --disk every disk under /dev/hd is brought up.\n"
+            "The search goes through the tmpfs cache, whose channel test covers channels 0-31:\n"
+            "recordings of channels 32-63 are not found this way (a recorder with more than 32\n"
+            "channels searches without the cache).\n\n"
             "exit status: 0 searched, 1 failure, 2 usage.\n");
         return kExitOk;
     }
