@@ -218,4 +218,42 @@ int run_command(const std::vector<std::string> &argv, std::string *output) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// "a,b" into words.
+std::vector<std::string> split(const std::string &text) {
+    std::vector<std::string> out;
+    size_t at = 0;
+    while (at <= text.size()) {
+        const size_t comma = text.find(',', at);
+        out.push_back(text.substr(at, comma == std::string::npos ? std::string::npos : comma - at));
+        if (comma == std::string::npos) break;
+        at = comma + 1;
+    }
+    return out;
+}
+
+// "3", "0-3" or "1,2,5" into channel numbers.
+bool channels_of(const std::string &text, std::vector<int> *out) {
+    for (const std::string &part : split(text)) {
+        const size_t dash = part.find('-');
+        long lo = 0, hi = 0;
+        if (dash == std::string::npos) {
+            if (!parse_long(part, 0, 63, &lo)) return false;
+            hi = lo;
+        } else if (!parse_long(part.substr(0, dash), 0, 63, &lo) ||
+                   !parse_long(part.substr(dash + 1), 0, 63, &hi) || hi < lo) {
+            return false;
+        }
+        for (long c = lo; c <= hi; c++) out->push_back(static_cast<int>(c));
+    }
+    return !out->empty();
+}
+
+bool channel_mask_of(const std::string &text, uint64_t *mask) {
+    std::vector<int> channels;
+    if (!channels_of(text, &channels)) return false;
+    *mask = 0;
+    for (int c : channels) *mask |= 1ull << c;
+    return true;
+}
+
 }  // namespace tool

@@ -52,6 +52,13 @@ std::string format_epoch(time_t seconds);   // the same, from seconds since the 
 std::string format_duration(long seconds);  // "1h02m03s", "2m05s", "7s"
 std::string human_size(uint64_t bytes);     // "1.5 GiB", "12.0 MiB", "3.5 KiB", "512 B"
 
+// "a,b" into words.
+std::vector<std::string> split(const std::string &text);
+// "3", "0-3" or "1,2,5" into channel numbers 0-63; false when malformed or empty.
+bool channels_of(const std::string &text, std::vector<int> *out);
+// The same as a 64-bit channel mask.
+bool channel_mask_of(const std::string &text, uint64_t *mask);
+
 // True for a whole-disk node "/dev/hd/sd" plus one letter a-h; its disk id then in *disk.
 bool disk_node(const std::string &dev, int *disk);
 

@@ -15,34 +15,6 @@
 
 namespace tool {
 
-namespace {
-
-// Parses "3", "0-7" or "1,4,9" into a channel mask.
-bool parse_channels(const std::string &text, uint64_t *mask) {
-    *mask = 0;
-    size_t at = 0;
-    while (at <= text.size()) {
-        const size_t comma = text.find(',', at);
-        const std::string part =
-            text.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
-        const size_t dash = part.find('-');
-        long lo = 0, hi = 0;
-        if (dash == std::string::npos) {
-            if (!parse_long(part, 0, 63, &lo)) return false;
-            hi = lo;
-        } else if (!parse_long(part.substr(0, dash), 0, 63, &lo) ||
-                   !parse_long(part.substr(dash + 1), 0, 63, &hi) || hi < lo) {
-            return false;
-        }
-        for (long c = lo; c <= hi; c++) *mask |= 1ull << c;
-        if (comma == std::string::npos) break;
-        at = comma + 1;
-    }
-    return *mask != 0;
-}
-
-}  // namespace
-
 int cmd_find(int argc, char **argv) {
     constexpr const char *kCmd = "find";
     if (wants_help(argc, argv)) {
@@ -67,7 +39,7 @@ int cmd_find(int argc, char **argv) {
         return usage_error(kCmd, error);
     }
     uint64_t mask = ~0ull;
-    if (args.values.count("--channels") && !parse_channels(args.value("--channels"), &mask)) {
+    if (args.values.count("--channels") && !channel_mask_of(args.value("--channels"), &mask)) {
         return usage_error(kCmd, "--channels takes channels 0-63: 3, 0-7 or 1,4,9");
     }
     struct tm from, to;
@@ -118,7 +90,7 @@ int cmd_calendar(int argc, char **argv) {
         return usage_error(kCmd, "give YEAR (1970-2099) and MONTH (1-12)");
     }
     uint64_t mask = ~0ull;
-    if (args.values.count("--channels") && !parse_channels(args.value("--channels"), &mask)) {
+    if (args.values.count("--channels") && !channel_mask_of(args.value("--channels"), &mask)) {
         return usage_error(kCmd, "--channels takes channels 0-63: 3, 0-7 or 1,4,9");
     }
     std::vector<std::string> disks;

@@ -16,27 +16,6 @@
 
 namespace tool {
 
-namespace {
-
-// "3", "0-3" or "1,2,5" into channel numbers.
-bool channels_of(const std::string &text, std::vector<int> *out) {
-    for (const std::string &part : split(text)) {
-        const size_t dash = part.find('-');
-        long lo = 0, hi = 0;
-        if (dash == std::string::npos) {
-            if (!parse_long(part, 0, 63, &lo)) return false;
-            hi = lo;
-        } else if (!parse_long(part.substr(0, dash), 0, 63, &lo) ||
-                   !parse_long(part.substr(dash + 1), 0, 63, &hi) || hi < lo) {
-            return false;
-        }
-        for (long c = lo; c <= hi; c++) out->push_back(static_cast<int>(c));
-    }
-    return !out->empty();
-}
-
-}  // namespace
-
 int cmd_record(int argc, char **argv) {
     constexpr const char *kCmd = "record";
     if (wants_help(argc, argv)) {

@@ -152,19 +152,6 @@ void Session::finish() {
     started_ = false;
 }
 
-// "a,b" into words.
-std::vector<std::string> split(const std::string &text) {
-    std::vector<std::string> out;
-    size_t at = 0;
-    while (at <= text.size()) {
-        const size_t comma = text.find(',', at);
-        out.push_back(text.substr(at, comma == std::string::npos ? std::string::npos : comma - at));
-        if (comma == std::string::npos) break;
-        at = comma + 1;
-    }
-    return out;
-}
-
 // The disks to bring up: --disk a,b or every disk node present.
 bool disks_of(const Args &args, std::vector<std::string> *out, std::string *error) {
     if (args.values.count("--disk")) {

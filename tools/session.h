@@ -50,8 +50,6 @@ class Session {
 
 struct Args;
 
-// "a,b" into words.
-std::vector<std::string> split(const std::string &text);
 // The disks a command brings up: --disk a,b or every disk node present. False with *error.
 bool disks_of(const Args &args, std::vector<std::string> *out, std::string *error);
 // True when every disk node exists; nothing is started (no cache mount) for a missing disk.
