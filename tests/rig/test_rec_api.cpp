@@ -25,6 +25,7 @@
 #include "rec.h"
 #include "recording.h"
 #include "recstore.h"
+#include "rec_daemon.h"
 #include "rig.h"
 
 namespace {
@@ -40,29 +41,6 @@ constexpr int kWrite = RECSTORE_REC_CREATE | O_RDWR;
 constexpr int kChannels = 16;
 constexpr uint32_t kClustersPerChannel = 12;
 constexpr int kWaitMs = 20000;
-constexpr int kPollMs = 10;
-
-// Polls pred every 10 ms for at most ms milliseconds.
-bool wait_for(const std::function<bool()> &pred, int ms = kWaitMs) {
-    for (int waited = 0; waited < ms; waited += kPollMs) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
-    }
-    return pred();
-}
-
-// Runs fn under the disk-table lock, as a host reads the disk table while the daemon runs.
-template <typename Fn>
-auto locked(Fn fn) -> decltype(fn()) {
-    rec_lockdisk();
-    auto result = fn();
-    rec_unlockdisk();
-    return result;
-}
-
-int current_disk() {
-    return __atomic_load_n(&g_recctx.curdiskid, __ATOMIC_SEQ_CST);
-}
 
 // What the host's callbacks saw, from the daemon's thread.
 struct CallbackLog {

@@ -29,6 +29,7 @@
 #include "formatted_disks.h"
 #include "recording.h"
 #include "recstore.h"
+#include "rec_daemon.h"
 #include "rig.h"
 
 namespace {
@@ -45,7 +46,6 @@ constexpr int kType = 0;
 constexpr uint32_t kMinClusters = 6;   // every channel has written this many before the kill
 constexpr uint32_t kMaxClusters = 40;  // a channel that gets this far waits for the kill
 constexpr int kWaitMs = 60000;
-constexpr int kPollMs = 5;
 
 // Progress of the child, in memory shared with the parent. A channel's `started` is raised before
 // each rec_write and its `done` after the write returned the payload length, so a kill leaves
@@ -79,14 +79,6 @@ int threads_of_this_process() {
     }
     closedir(d);
     return count;
-}
-
-bool poll_until(const std::function<bool()> &pred, int ms) {
-    for (int waited = 0; waited < ms; waited += kPollMs) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
-    }
-    return pred();
 }
 
 // One channel of the child: records until killed (or until kMaxClusters, then waits).
@@ -127,7 +119,7 @@ void child_channel(Progress *p, int ch) {
         p->error.store(2);
         _exit(1);
     }
-    const bool current = poll_until(
+    const bool current = wait_for(
         [] {
             const int d = __atomic_load_n(&g_recctx.curdiskid, __ATOMIC_SEQ_CST);
             return d >= 0 && fs_isblockfull(d) == 0;
@@ -193,7 +185,7 @@ class RecCrash : public ::testing::Test {
         child_ = fork();
         ASSERT_GE(child_, 0);
         if (child_ == 0) child_main(progress_);
-        const bool enough = poll_until(
+        const bool enough = wait_for(
             [this] {
                 return progress_->error.load() != 0 || least_done() >= kMinClusters ||
                        waitpid(child_, nullptr, WNOHANG) == child_;
@@ -285,7 +277,7 @@ TEST_F(RecCrash, KilledRecorderLeavesRepairableRecordings) {
     restart();
     for (int ch = 0; ch < kChannels; ch++) check_channel(ch);
     // Recording goes on after the restart, after the recordings of the killed recorder.
-    ASSERT_TRUE(poll_until(
+    ASSERT_TRUE(wait_for(
         [] {
             rec_lockdisk();
             const int d = g_recctx.curdiskid;

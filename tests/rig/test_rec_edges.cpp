@@ -23,6 +23,7 @@
 #include "formatted_disks.h"
 #include "recording.h"
 #include "recstore.h"
+#include "rec_daemon.h"
 #include "rig.h"
 
 namespace {
@@ -37,8 +38,6 @@ const bool g_disks_registered = (use_formatted_disks(2), true);
 constexpr int kWrite = RECSTORE_REC_CREATE | O_RDWR;
 constexpr int kChannel = 12;
 constexpr int kType = 0;
-constexpr int kWaitMs = 20000;
-constexpr int kPollMs = 10;
 constexpr int kWhenceEnd = 2;
 constexpr int kWhenceBad = 3;
 constexpr uint32_t kBlocksPerDisk = 3;  // blocks of a 200 GiB disk's data zone
@@ -57,14 +56,6 @@ kframe nav_frame(uint32_t n, uint32_t i, time_t base) {
 // Payload of cluster n when the lengths vary.
 uint32_t varied_length(uint32_t n) {
     return kCluster - (n % 4) * 5000;
-}
-
-bool wait_for(const std::function<bool()> &pred, int ms = kWaitMs) {
-    for (int waited = 0; waited < ms; waited += kPollMs) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
-    }
-    return pred();
 }
 
 template <typename Fn>

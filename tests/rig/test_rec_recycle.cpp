@@ -25,6 +25,7 @@
 #include "rec.h"
 #include "recording.h"
 #include "recstore.h"
+#include "rec_daemon.h"
 #include "rig.h"
 
 namespace {
@@ -37,36 +38,12 @@ using namespace recording_test;
 const bool g_disks_registered = (use_formatted_disks(2), true);
 
 constexpr int kWrite = RECSTORE_REC_CREATE | O_RDWR;
-constexpr int kWaitMs = 20000;
-constexpr int kPollMs = 10;
 constexpr uint32_t kOldStored = 400000000u;  // a block time in units of 4 seconds
 constexpr time_t kOldSeconds = 1600000000;   // the same time in seconds
 constexpr uint32_t kInUse = 0xC0000000u;
 constexpr uint64_t kBlockBytes = uint64_t{aging::kClustersPerBlock} * kCluster;
 constexpr int kDay = 86400;
 const char kLog[] = "/mnt/img/log.log";
-
-// Polls pred every 10 ms for at most ms milliseconds.
-bool wait_for(const std::function<bool()> &pred, int ms = kWaitMs) {
-    for (int waited = 0; waited < ms; waited += kPollMs) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
-    }
-    return pred();
-}
-
-// Runs fn under the disk-table lock, as a host reads the disk table while the daemon runs.
-template <typename Fn>
-auto locked(Fn fn) -> decltype(fn()) {
-    rec_lockdisk();
-    auto result = fn();
-    rec_unlockdisk();
-    return result;
-}
-
-int current_disk() {
-    return __atomic_load_n(&g_recctx.curdiskid, __ATOMIC_SEQ_CST);
-}
 
 // A block's state word, read under the disk's mutex as the daemon changes it under that mutex.
 uint32_t block_word(int disk, uint32_t block) {
