@@ -10,11 +10,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "recstore.h"
+#include "rig.h"
 
 namespace bench {
 
@@ -99,6 +104,56 @@ inline bool write_raw(const std::string &partition, const unsigned char *buf, ui
     fsync(fd);
     close(fd);
     return ok;
+}
+
+// ---- the recording layer on rig disk 0, for the benchmarks of the recording API ----
+
+constexpr int kBenchCacheInodes = 65536;
+constexpr unsigned kBenchCacheMib = 16;
+constexpr int kBenchWaitMs = 20000;
+
+inline bool wait_until(bool (*pred)()) {
+    for (int waited = 0; waited < kBenchWaitMs; waited += 5) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+inline bool cache_loaded() {
+    return cache_is_loaded(0) != 0;
+}
+
+inline bool current_block_ready() {
+    rec_lockdisk();
+    const int d = g_recctx.curdiskid;
+    const bool ok = d >= 0 && fs_isblockfull(d) == 0;
+    rec_unlockdisk();
+    return ok;
+}
+
+// rec_init (mode flags), disk 0 brought up in the plug-in order and cleared, the daemon with a
+// current block.
+inline bool rec_start(const rig::Disk &disk, int mode) {
+    if (rec_init(kBenchCacheInodes, kBenchCacheMib, mode) != 0) return false;
+    const char *dev = disk.node.c_str();
+    fs_umount(dev);
+    if (fs_mount(dev) != 0 || fs_opendisk(dev) != 0 || fs_cleardisk(0) != 0) return false;
+    cache_set_loaded(0, 0);
+    if (fs_datazone_init(0) != 0 || !wait_until(cache_loaded)) return false;
+    if (fs_chkdata(0, 1) != 0 || fs_adddisk(0, 0) != 0) return false;
+    if (rec_bringup_deamon() != 0) return false;
+    return wait_until(current_block_ready);
+}
+
+// The daemon stopped, disk 0 taken down in the plug-out order, rec_exit.
+inline void rec_stop(const rig::Disk &disk) {
+    rec_shutdown_deamon();
+    fs_removedisk(0, 0);
+    fs_datazone_exit(0);
+    fs_closedisk(0);
+    fs_umount(disk.node.c_str());
+    rec_exit();
 }
 
 }  // namespace bench

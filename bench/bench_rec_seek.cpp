@@ -32,53 +32,9 @@ constexpr uint32_t kSeconds = 7200;           // two hours
 constexpr uint32_t kClusters = static_cast<uint32_t>(kBytesPerSecond * kSeconds / kCluster);
 constexpr int kSeeksPerRound = 500;
 constexpr int kRounds = 3;
-constexpr int kCacheInodes = 65536;
-constexpr unsigned kCacheMib = 16;
 constexpr int kCreate = 0x40 | O_RDWR;
 constexpr int kChannel = 7;
-constexpr int kWaitMs = 20000;
 constexpr time_t kBase = 1735718400;  // 2025-01-01 08:00 UTC
-
-bool wait_until(bool (*pred)()) {
-    for (int waited = 0; waited < kWaitMs; waited += 5) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
-}
-
-bool cache_loaded() {
-    return cache_is_loaded(0) != 0;
-}
-
-bool current_block_ready() {
-    rec_lockdisk();
-    const int d = g_recctx.curdiskid;
-    const bool ok = d >= 0 && fs_isblockfull(d) == 0;
-    rec_unlockdisk();
-    return ok;
-}
-
-bool start(const rig::Disk &disk) {
-    if (rec_init(kCacheInodes, kCacheMib, 0) != 0) return false;
-    const char *dev = disk.node.c_str();
-    fs_umount(dev);
-    if (fs_mount(dev) != 0 || fs_opendisk(dev) != 0 || fs_cleardisk(0) != 0) return false;
-    cache_set_loaded(0, 0);
-    if (fs_datazone_init(0) != 0 || !wait_until(cache_loaded)) return false;
-    if (fs_chkdata(0, 1) != 0 || fs_adddisk(0, 0) != 0) return false;
-    if (rec_bringup_deamon() != 0) return false;
-    return wait_until(current_block_ready);
-}
-
-void stop(const rig::Disk &disk) {
-    rec_shutdown_deamon();
-    fs_removedisk(0, 0);
-    fs_datazone_exit(0);
-    fs_closedisk(0);
-    fs_umount(disk.node.c_str());
-    rec_exit();
-}
 
 // Key frames of cluster n: one at every whole second whose first byte falls in the cluster.
 uint32_t frames_of(uint32_t n, kframe *frames) {
@@ -139,7 +95,7 @@ int run() {
     double write_sec = 0;
     {
         recstore_test::StdoutCapture quiet;
-        if (fs_format(disk.node.c_str()) != 0 || !start(disk)) {
+        if (fs_format(disk.node.c_str()) != 0 || !rec_start(disk, 0)) {
             const std::string text = quiet.stop();
             fprintf(stderr, "cannot prepare the disk\n%s", text.c_str());
             rig::unplug(disk);
@@ -176,7 +132,7 @@ int run() {
             lseek.push_back(stats_of(l_us));
         }
         if (h >= 0) rec_close(h, nullptr);
-        stop(disk);
+        rec_stop(disk);
         quiet.stop();
     }
     rig::unplug(disk);

@@ -35,53 +35,8 @@ constexpr int kChannels = 64;
 constexpr uint32_t kClustersPerChannel = 32;
 constexpr uint32_t kClustersPerRun = kChannels * kClustersPerChannel;  // 1 GiB per run
 constexpr int kRuns = 5;
-constexpr int kCacheInodes = 65536;
-constexpr unsigned kCacheMib = 16;
 constexpr int kDirectIoMode = 2;
 constexpr int kCreate = 0x40 | O_RDWR;
-constexpr int kWaitMs = 20000;
-
-bool wait_until(bool (*pred)()) {
-    for (int waited = 0; waited < kWaitMs; waited += 5) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
-}
-
-bool cache_loaded() {
-    return cache_is_loaded(0) != 0;
-}
-
-bool current_block_ready() {
-    rec_lockdisk();
-    const int d = g_recctx.curdiskid;
-    const bool ok = d >= 0 && fs_isblockfull(d) == 0;
-    rec_unlockdisk();
-    return ok;
-}
-
-// rec_init, disk 0 brought up in the plug-in order and cleared, the daemon with a current block.
-bool start(const rig::Disk &disk, int mode) {
-    if (rec_init(kCacheInodes, kCacheMib, mode) != 0) return false;
-    const char *dev = disk.node.c_str();
-    fs_umount(dev);
-    if (fs_mount(dev) != 0 || fs_opendisk(dev) != 0 || fs_cleardisk(0) != 0) return false;
-    cache_set_loaded(0, 0);
-    if (fs_datazone_init(0) != 0 || !wait_until(cache_loaded)) return false;
-    if (fs_chkdata(0, 1) != 0 || fs_adddisk(0, 0) != 0) return false;
-    if (rec_bringup_deamon() != 0) return false;
-    return wait_until(current_block_ready);
-}
-
-void stop(const rig::Disk &disk) {
-    rec_shutdown_deamon();
-    fs_removedisk(0, 0);
-    fs_datazone_exit(0);
-    fs_closedisk(0);
-    fs_umount(disk.node.c_str());
-    rec_exit();
-}
 
 // 64 channels, one thread each; false when an open or a write failed.
 bool record_channels(int run) {
@@ -130,9 +85,9 @@ bool run_mode(const rig::Disk &disk, const char *name, int mode, std::vector<Row
     const double mib = gib * 1024;
     std::vector<double> rec_rate, raw_rate, rec_cpu, raw_cpu;
     for (int run = 0; run < kRuns; run++) {
-        if (!start(disk, mode)) {
+        if (!rec_start(disk, mode)) {
             fprintf(stderr, "cannot start the library (%s)\n", name);
-            stop(disk);
+            rec_stop(disk);
             return false;
         }
         bool ok = true;
@@ -149,7 +104,7 @@ bool run_mode(const rig::Disk &disk, const char *name, int mode, std::vector<Row
             raw_part();
             rec_part();
         }
-        stop(disk);
+        rec_stop(disk);
         if (!ok) {
             fprintf(stderr, "a write failed (%s, run %d)\n", name, run);
             return false;

@@ -21,77 +21,22 @@
 #include <thread>
 #include <vector>
 
+#include "bench_common.h"
 #include "capture.h"
 #include "recstore.h"
 #include "rig.h"
 
 namespace {
 
-constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
-constexpr uint32_t kCluster = 524288;
+using namespace bench;
+
 constexpr uint32_t kClustersPerRun = 1024;  // 512 MiB per run and configuration
 constexpr int kRuns = 3;
 constexpr int kStreamCounts[] = {1, 8, 64};
 constexpr int kCacheInodes = 65536;
 constexpr unsigned kCacheMib = 16;
 constexpr int kDirectIoFlag = 2;
-constexpr uint32_t kFirstDataCluster = 257;  // first data cluster of a 200 GiB disk
 constexpr int kLoadWaitMs = 10000;
-
-double now_sec() {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-
-// Busy CPU time of the whole machine so far, in seconds (user, nice, system, irq, softirq,
-// steal of the "cpu" line of /proc/stat).
-double machine_cpu_sec() {
-    FILE *f = fopen("/proc/stat", "r");
-    if (f == nullptr) return 0;
-    unsigned long long v[8] = {};
-    const int n = fscanf(f, "cpu %llu %llu %llu %llu %llu %llu %llu %llu", &v[0], &v[1], &v[2],
-                         &v[3], &v[4], &v[5], &v[6], &v[7]);
-    fclose(f);
-    if (n != 8) return 0;
-    const unsigned long long busy = v[0] + v[1] + v[2] + v[5] + v[6] + v[7];
-    return static_cast<double>(busy) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
-struct FreeDeleter {
-    void operator()(void *p) const { free(p); }
-};
-using Buffer = std::unique_ptr<unsigned char, FreeDeleter>;
-
-Buffer aligned_cluster(unsigned seed) {
-    void *p = nullptr;
-    if (posix_memalign(&p, 4096, kCluster) != 0) return Buffer();
-    auto *b = static_cast<unsigned char *>(p);
-    for (uint32_t i = 0; i < kCluster; i++) b[i] = static_cast<unsigned char>(i * 31 + seed);
-    return Buffer(b);
-}
-
-// One measured run: wall seconds and machine CPU seconds.
-struct Sample {
-    double wall = 0;
-    double cpu = 0;
-};
-
-template <typename Fn>
-Sample measure(Fn fn) {
-    const double c0 = machine_cpu_sec();
-    const double t0 = now_sec();
-    fn();
-    Sample s;
-    s.wall = now_sec() - t0;
-    s.cpu = machine_cpu_sec() - c0;
-    return s;
-}
 
 bool wait_loaded() {
     for (int waited = 0; waited < kLoadWaitMs; waited += 10) {
@@ -165,20 +110,6 @@ bool write_streams(int streams, int run) {
     return std::all_of(ok.begin(), ok.end(), [](int v) { return v != 0; });
 }
 
-// The plain writer: the same clusters, sequentially, O_DIRECT, on the data partition.
-bool write_raw(const std::string &partition, const unsigned char *buf) {
-    const int fd = open(partition.c_str(), O_WRONLY | O_DIRECT | O_LARGEFILE);
-    if (fd < 0) return false;
-    bool ok = true;
-    for (uint32_t n = 0; n < kClustersPerRun; n++) {
-        const off64_t at = static_cast<off64_t>(kFirstDataCluster + n) * kCluster;
-        if (pwrite64(fd, buf, kCluster, at) != static_cast<ssize_t>(kCluster)) ok = false;
-    }
-    fsync(fd);
-    close(fd);
-    return ok;
-}
-
 struct Row {
     const char *mode;
     int streams;
@@ -206,7 +137,8 @@ bool run_mode(const rig::Disk &disk, const char *mode, int flags, std::vector<Ro
             Sample f, r;
             auto fs_part = [&] { f = measure([&] { ok = write_streams(streams, run) && ok; }); };
             auto raw_part = [&] {
-                r = measure([&] { ok = write_raw(partition, raw_buf.get()) && ok; });
+                r = measure(
+                    [&] { ok = write_raw(partition, raw_buf.get(), kClustersPerRun) && ok; });
             };
             // Alternate the order so that neither side always follows the other.
             if (run % 2 == 0) {
