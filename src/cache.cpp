@@ -722,27 +722,54 @@ int do_cache_find_scan(const char *path, fs_find_req *req) {
 
 }  // namespace
 
+namespace {
+
+// The part of the walk over a cache tree that search and calendar share: directory levels get
+// their verdict from the channel, range and type tests. True with the day of a cache file; false
+// with the walk's verdict in *verdict otherwise.
+template <typename Request>
+bool cache_path_is_file(const char *path, const Request &req, bool calendar, int *verdict,
+                        struct tm *day) {
+    *verdict = kWalkSkip;
+    int disk_id = -1, channel = -1, type = -1;
+    const int level = cachefullname_to_record(path, &disk_id, &channel, day, &type);
+    if (level <= 0) {
+        FS_LOG_ERR("invalid level\n");
+        return false;
+    }
+    if (level == kLevelDisk) {
+        *verdict = kWalkContinue;
+        return false;
+    }
+    if (level == kLevelChannel) {
+        if (cache_channel_ok(req.chanbits, channel)) {
+            *verdict = kWalkContinue;
+        } else if (calendar) {
+            FS_LOG_INFO("chanbits :%lld found :%d\n", static_cast<long long>(req.chanbits),
+                        channel);
+        } else {
+            FS_LOG_INFO("chanbits :%lld finded :%d\n", static_cast<long long>(req.chanbits),
+                        channel);
+        }
+        return false;
+    }
+    if (level <= kLevelType) {
+        *verdict =
+            recstore::catalogue_dir_verdict(level, *day, type, req.start, req.end, req.substream);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 int cache_findaction(const char *path, struct stat *st, void *request) {
     if (!path || !request) return kWalkSkip;
     fs_find_req *req = static_cast<fs_find_req *>(request);
     if (recstore::find_reached_max(*req)) return kWalkStop;
-    int disk_id = -1, channel = -1, type = -1;
+    int verdict = kWalkSkip;
     struct tm day = {};
-    int level = cachefullname_to_record(path, &disk_id, &channel, &day, &type);
-    if (level <= 0) {
-        FS_LOG_ERR("invalid level\n");
-        return kWalkSkip;
-    }
-    if (level == kLevelDisk) return kWalkContinue;
-    if (level == kLevelChannel) {
-        if (cache_channel_ok(req->chanbits, channel)) return kWalkContinue;
-        FS_LOG_INFO("chanbits :%lld finded :%d\n", static_cast<long long>(req->chanbits), channel);
-        return kWalkSkip;
-    }
-    if (level <= kLevelType) {
-        return recstore::catalogue_dir_verdict(level, day, type, req->start, req->end,
-                                               req->substream);
-    }
+    if (!cache_path_is_file(path, *req, false, &verdict, &day)) return verdict;
     // Nothing of the cache lives below its files: a directory here is a stray, not entered.
     if (st && S_ISDIR(st->st_mode)) return kWalkSkip;
     return do_cache_find_scan(path, req);
@@ -752,23 +779,9 @@ int cache_calendar_action(const char *path, void *request) {
     if (!path || !request) return kWalkSkip;
     fs_calendar_req *req = static_cast<fs_calendar_req *>(request);
     if (recstore::calendar_day_found(*req)) return kWalkStop;
-    int disk_id = -1, channel = -1, type = -1;
+    int verdict = kWalkSkip;
     struct tm day = {};
-    int level = cachefullname_to_record(path, &disk_id, &channel, &day, &type);
-    if (level <= 0) {
-        FS_LOG_ERR("invalid level\n");
-        return kWalkSkip;
-    }
-    if (level == kLevelDisk) return kWalkContinue;
-    if (level == kLevelChannel) {
-        if (cache_channel_ok(req->chanbits, channel)) return kWalkContinue;
-        FS_LOG_INFO("chanbits :%lld found :%d\n", static_cast<long long>(req->chanbits), channel);
-        return kWalkSkip;
-    }
-    if (level <= kLevelType) {
-        return recstore::catalogue_dir_verdict(level, day, type, req->start, req->end,
-                                               req->substream);
-    }
+    if (!cache_path_is_file(path, *req, true, &verdict, &day)) return verdict;
     // Only the date of the cache file counts, at its midnight: the file is never read.
     day.tm_hour = day.tm_min = day.tm_sec = 0;
     if (tm_cmp(&req->start, &day) > 0 || tm_cmp(&day, &req->end) > 0) {

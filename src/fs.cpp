@@ -2345,6 +2345,45 @@ bool whole_index_name(int level, int channel, const struct tm &start) {
     return false;
 }
 
+// The part of the walk over an index partition that search and calendar share: link paths are
+// passed over, directory levels get their verdict from the channel, range and type tests, and an
+// index file's name is read into the recording it names. True with channel, start and type of
+// an index file to judge; false with the walk's verdict in *verdict otherwise.
+struct NamedRecording {
+    int channel = -1;
+    int type = -1;
+    struct tm start = {};
+};
+
+template <typename Request>
+bool index_path_names_recording(const char *path, const Request &req, Walk walk, int *verdict,
+                                NamedRecording *rec) {
+    *verdict = kWalkSkip;
+    if (strstr(path, "link") != nullptr) return false;
+    int disk_id = -1;
+    const int level = fullname_to_record(path, &disk_id, &rec->channel, &rec->start, &rec->type);
+    if (level <= 0) {
+        FS_LOG_ERR("invalid level\n");
+        return false;
+    }
+    if (level == recstore::kCatLevelDisk) {
+        *verdict = kWalkGo;
+        return false;
+    }
+    if (level == recstore::kCatLevelChannel) {
+        *verdict = file_channel_ok(req.chanbits, rec->channel, walk) ? kWalkGo : kWalkSkip;
+        return false;
+    }
+    if (level < recstore::kCatLevelFile) {
+        *verdict = recstore::catalogue_dir_verdict(level, rec->start, rec->type, req.start, req.end,
+                                                   req.substream);
+        return false;
+    }
+    if (!whole_index_name(level, rec->channel, rec->start)) return false;
+    tm_offset_sec(&rec->start, 0, &rec->start);  // the name gives no weekday: fill it for messages
+    return true;
+}
+
 // The calendar request of one day: its first and last second moved by the C library's timezone.
 void calendar_day(fs_calendar_req *req, int year, int month, int day) {
     struct tm first;
@@ -2541,28 +2580,10 @@ int file_findaction(const char *path, struct stat *st, void *request) {
     if (path == nullptr || request == nullptr) return kWalkSkip;
     fs_find_req *req = static_cast<fs_find_req *>(request);
     if (recstore::find_reached_max(*req)) return kWalkStop;
-    if (strstr(path, "link") != nullptr) return kWalkSkip;
-    int disk_id = -1;
-    int channel = -1;
-    int type = -1;
-    struct tm parsed;
-    memset(&parsed, 0, sizeof parsed);
-    const int level = fullname_to_record(path, &disk_id, &channel, &parsed, &type);
-    if (level <= 0) {
-        FS_LOG_ERR("invalid level\n");
-        return kWalkSkip;
-    }
-    if (level == recstore::kCatLevelDisk) return kWalkGo;
-    if (level == recstore::kCatLevelChannel) {
-        return file_channel_ok(req->chanbits, channel, Walk::search) ? kWalkGo : kWalkSkip;
-    }
-    if (level < recstore::kCatLevelFile) {
-        return recstore::catalogue_dir_verdict(level, parsed, type, req->start, req->end,
-                                               req->substream);
-    }
-    if (!whole_index_name(level, channel, parsed)) return kWalkSkip;
-    tm_offset_sec(&parsed, 0, &parsed);  // the name gives no weekday: fill it for the messages
-    return find_index_file(st, req, channel, parsed, type);
+    int verdict = kWalkSkip;
+    NamedRecording rec;
+    if (!index_path_names_recording(path, *req, Walk::search, &verdict, &rec)) return verdict;
+    return find_index_file(st, req, rec.channel, rec.start, rec.type);
 }
 
 int fs_get_calendar(int disk, int /*ignored*/, uint32_t chan_lo, uint32_t chan_hi, int year,
@@ -2602,30 +2623,12 @@ int file_calendar_action(const char *path, void *request) {
     if (path == nullptr || request == nullptr) return kWalkSkip;
     fs_calendar_req *req = static_cast<fs_calendar_req *>(request);
     if (recstore::calendar_day_found(*req)) return kWalkStop;
-    if (strstr(path, "link") != nullptr) return kWalkSkip;
-    int disk_id = -1;
-    int channel = -1;
-    int type = -1;
-    struct tm parsed;
-    memset(&parsed, 0, sizeof parsed);
-    const int level = fullname_to_record(path, &disk_id, &channel, &parsed, &type);
-    if (level <= 0) {
-        FS_LOG_ERR("invalid level\n");
-        return kWalkSkip;
-    }
-    if (level == recstore::kCatLevelDisk) return kWalkGo;
-    if (level == recstore::kCatLevelChannel) {
-        return file_channel_ok(req->chanbits, channel, Walk::calendar) ? kWalkGo : kWalkSkip;
-    }
-    if (level < recstore::kCatLevelFile) {
-        return recstore::catalogue_dir_verdict(level, parsed, type, req->start, req->end,
-                                               req->substream);
-    }
-    if (!whole_index_name(level, channel, parsed)) return kWalkSkip;
-    tm_offset_sec(&parsed, 0, &parsed);  // the name gives no weekday: fill it for the messages
-    if (tm_cmp(&req->start, &parsed) > 0 || tm_cmp(&parsed, &req->end) > 0) {
+    int verdict = kWalkSkip;
+    NamedRecording rec;
+    if (!index_path_names_recording(path, *req, Walk::calendar, &verdict, &rec)) return verdict;
+    if (tm_cmp(&req->start, &rec.start) > 0 || tm_cmp(&rec.start, &req->end) > 0) {
         char text[kTimeText];
-        FS_LOG_INFO("time out of range:%s", asc(parsed, text));
+        FS_LOG_INFO("time out of range:%s", asc(rec.start, text));
         return kWalkSkip;
     }
     return recstore::calendar_report(req, path);
