@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "capture.h"
+#include "recording.h"
 #include "recstore.h"
 
 using recstore_test::LogMask;
@@ -17,24 +18,12 @@ using recstore_test::StdoutCapture;
 
 namespace {
 
+using recording_test::make_tm;
+
 constexpr unsigned kLogAll = 0xB;
 
 bool contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
-}
-
-struct tm utc(int year, int mon, int day, int hour, int min, int sec) {
-    struct tm t;
-    memset(&t, 0, sizeof t);
-    t.tm_year = year - 1900;
-    t.tm_mon = mon - 1;
-    t.tm_mday = day;
-    t.tm_hour = hour;
-    t.tm_min = min;
-    t.tm_sec = sec;
-    time_t s = timegm(&t);
-    gmtime_r(&s, &t);
-    return t;
 }
 
 fs_find_req find_req(uint64_t chanbits) {
@@ -46,8 +35,8 @@ fs_find_req find_req(uint64_t chanbits) {
     r.modmask = 0xFF;
     r.matchflags = 15;
     r.maxcount = 100;
-    r.start = utc(2024, 2, 28, 10, 0, 0);
-    r.end = utc(2024, 2, 28, 12, 0, 0);
+    r.start = make_tm(2024, 2, 28, 10, 0, 0);
+    r.end = make_tm(2024, 2, 28, 12, 0, 0);
     return r;
 }
 
@@ -56,8 +45,8 @@ fs_calendar_req calendar_req(uint64_t chanbits) {
     memset(&r, 0, sizeof r);
     r.chanbits = chanbits;
     r.day = 27;
-    r.start = utc(2024, 2, 28, 0, 0, 0);
-    r.end = utc(2024, 2, 28, 23, 59, 59);
+    r.start = make_tm(2024, 2, 28, 0, 0, 0);
+    r.end = make_tm(2024, 2, 28, 23, 59, 59);
     return r;
 }
 
@@ -160,13 +149,13 @@ TEST(FindActions, DirectoryRangesAndTypeOfTheSearch) {
     }
     // The range reaches the last second of a day, month and year directory.
     fs_find_req r = find_req(1ull << 5);
-    r.start = utc(2023, 12, 31, 23, 59, 59);
+    r.start = make_tm(2023, 12, 31, 23, 59, 59);
     r.end = r.start;
     EXPECT_EQ(cache_find("/mnt/cache/sda/05/2023/12/31", &r), 1);
     EXPECT_EQ(cache_find("/mnt/cache/sda/05/2024", &r), 2);
     EXPECT_EQ(file_find("/mnt/sda/05/2023/12", &r), 1);
     // ... and the first second.
-    r.start = utc(2024, 1, 1, 0, 0, 0);
+    r.start = make_tm(2024, 1, 1, 0, 0, 0);
     r.end = r.start;
     EXPECT_EQ(cache_find("/mnt/cache/sda/05/2024/01/01", &r), 1);
     EXPECT_EQ(file_find("/mnt/sda/05/2023", &r), 2);
@@ -256,8 +245,8 @@ TEST(FindActions, CalendarReportsADayFromAnIndexFileStart) {
     fs_calendar_req r = calendar_req(1ull << 5);
     r.callback = on_day;
     r.context = &log;
-    r.start = utc(2024, 2, 28, 1, 0, 0);
-    r.end = utc(2024, 2, 29, 0, 59, 59);
+    r.start = make_tm(2024, 2, 28, 1, 0, 0);
+    r.end = make_tm(2024, 2, 29, 0, 59, 59);
     LogMask mask(kLogAll);
     StdoutCapture out;
     EXPECT_EQ(file_calendar_action("/mnt/sda/05/2024/02/28/00/0520240228003000_00", &r), 2);

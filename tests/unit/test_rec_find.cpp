@@ -11,6 +11,7 @@
 
 #include "capture.h"
 #include "rec.h"
+#include "recording.h"
 #include "recstore.h"
 
 // A refused allocation must come back as a null pointer under the sanitizers too: the failed
@@ -23,6 +24,8 @@ extern "C" const char *__tsan_default_options() {
 }
 
 namespace {
+
+using recording_test::make_tm;
 
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
@@ -52,30 +55,16 @@ std::string printed(Fn fn) {
     return out.stop();
 }
 
-struct tm tm_of(int year, int mon, int day, int hour, int min, int sec) {
-    struct tm t;
-    memset(&t, 0, sizeof t);
-    t.tm_year = year - 1900;
-    t.tm_mon = mon - 1;
-    t.tm_mday = day;
-    t.tm_hour = hour;
-    t.tm_min = min;
-    t.tm_sec = sec;
-    time_t s = timegm(&t);
-    gmtime_r(&s, &t);
-    return t;
-}
-
 // The found record of a recording of `channel` that starts `minute` minutes into 2024-05-17 08:00.
 fs_find_record found_of(uint32_t channel, int minute, uint32_t type = 0) {
     fs_find_record f;
     memset(&f, 0, sizeof f);
-    const struct tm start = tm_of(2024, 5, 17, 8, minute, 0);
+    const struct tm start = make_tm(2024, 5, 17, 8, minute, 0);
     to_fs_tm(&start, &f.start);
     f.channel = channel;
     f.type = type;
     f.disk_id = 3;
-    const struct tm end = tm_of(2024, 5, 17, 9, minute, 0);
+    const struct tm end = make_tm(2024, 5, 17, 9, minute, 0);
     to_fs_tm(&end, &f.end);
     return f;
 }
@@ -105,8 +94,8 @@ class RecFind : public ::testing::Test {
     void SetUp() override {
         LogMask quiet(0, 0);
         ASSERT_EQ(rec_init(0, 0, kNoCache), 0);
-        start_ = tm_of(2024, 5, 17, 0, 0, 0);
-        end_ = tm_of(2024, 5, 18, 0, 0, 0);
+        start_ = make_tm(2024, 5, 17, 0, 0, 0);
+        end_ = make_tm(2024, 5, 18, 0, 0, 0);
     }
     void TearDown() override {
         LogMask quiet(0, 0);
@@ -646,8 +635,8 @@ TEST_F(RecFind, Comparators) {
     EXPECT_EQ(rec_channel_compare(&a, &b), -1);
     EXPECT_EQ(rec_channel_compare(&b, &a), 1);
     EXPECT_EQ(rec_channel_compare(&a, &a), 0);
-    const struct tm early = tm_of(2023, 12, 31, 23, 59, 59);
-    const struct tm late = tm_of(2024, 1, 1, 0, 0, 0);
+    const struct tm early = make_tm(2023, 12, 31, 23, 59, 59);
+    const struct tm late = make_tm(2024, 1, 1, 0, 0, 0);
     to_fs_tm(&early, &a.record.start);
     to_fs_tm(&late, &b.record.start);
     EXPECT_LT(rec_time_compare(&a, &b), 0);
