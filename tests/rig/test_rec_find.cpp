@@ -67,7 +67,6 @@ class RecFind : public ::testing::Test {
     virtual int flags() const { return 0; }
 
   public:
-
     // A recording on a disk through the disk layer, with `clusters` clusters of payload.
     Made make(int disk, int channel, const struct tm &start, int minutes, int mode,
               uint32_t clusters = 0) {
