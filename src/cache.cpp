@@ -183,7 +183,35 @@ struct LoaderArg {
     char device[kPath];
 };
 
+// Loader threads still running. They are detached, so the library counts them: cache_exit waits
+// for the last one, so that no loader still walks a disk's index tree, writes into the cache or
+// logs through the host's masks once the disk layer has stopped.
+pthread_mutex_t g_loaders_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_loaders_done = PTHREAD_COND_INITIALIZER;
+int g_loaders = 0;
+
+void loader_started() {
+    MutexGuard guard(g_loaders_lock);
+    ++g_loaders;
+}
+
+void loader_finished() {
+    MutexGuard guard(g_loaders_lock);
+    if (--g_loaders == 0) pthread_cond_broadcast(&g_loaders_done);
+}
+
+void wait_for_loaders() {
+    MutexGuard guard(g_loaders_lock);
+    while (g_loaders > 0) pthread_cond_wait(&g_loaders_done, &g_loaders_lock);
+}
+
+// Counts a loader thread as finished when it leaves, after everything else it did.
+struct LoaderCount {
+    ~LoaderCount() { loader_finished(); }
+};
+
 void *cache_load_thread(void *arg) {
+    LoaderCount counted;
     std::unique_ptr<LoaderArg> owned(static_cast<LoaderArg *>(arg));
     return proc_cache_load(owned->device);
 }
@@ -452,6 +480,7 @@ int cache_init(int inodes, unsigned size_mib, int readonly) {
 }
 
 int cache_exit(void) {
+    wait_for_loaders();
     if (cache_rdonly()) return 0;
     if (!find_mount_point(recstore::kCacheRoot, nullptr)) {
         FS_LOG_INFO("cache had already unmounted\n");
@@ -480,9 +509,11 @@ int cache_load(const char *device) {
     pthread_attr_setscope(&attr, PTHREAD_SCOPE_SYSTEM);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
+    loader_started();
     int rc = pthread_create(&thread, &attr, cache_load_thread, arg.get());
     pthread_attr_destroy(&attr);
     if (rc != 0) {
+        loader_finished();
         FS_LOG_ERR("cache load thread err:%s\n", strerror(rc));
         return -1;
     }
