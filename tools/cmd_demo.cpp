@@ -2,8 +2,10 @@
 // sparse disks are formatted and brought up in the plug-in order, the daemon starts, N channels
 // of a synthetic camera stream are recorded for a set time with a live progress line, a few
 // recordings are played back by time seek and key frame with every byte verified, and the disks
-// are aged beforehand so that a block change and a disk change happen within the run. The
-// summary gives only figures measured in this run.
+// are aged beforehand so that a block change and a disk change happen within the run. At the end
+// sdb is taken down, aged full and brought up again, so that every disk is full and the daemon
+// recycles the earliest block while recording goes on. The summary gives only figures measured
+// in this run.
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -45,6 +47,7 @@ constexpr int kPlayBacks = 3;
 constexpr uint32_t kMinFree = 4;  // clusters left free in an aged block, at least
 constexpr uint32_t kBlock1 = 1, kBlock2 = 2, kBlock3 = 3;
 constexpr time_t kDay = 86400;
+constexpr int kRecycleSeconds = 2;     // recording after the recycling
 constexpr double kClusterFill = 0.97;  // payload share of a cluster, roughly
 
 using Clock = std::chrono::steady_clock;
@@ -158,6 +161,13 @@ struct Figures {
     double search_ms = 0;
     int calendar_days = 0;  // days marked in the month view
     double calendar_ms = 0;
+    bool recycled = false;           // the daemon freed a block with every disk full
+    int recycled_disk = -1;          // the disk of the block it freed
+    int recycled_block = -1;         // the block it freed
+    uint32_t recycled_clusters = 0;  // free clusters it gained
+    size_t recycled_gone = 0;        // recordings that vanished with the block
+    double recycled_at = 0;          // seconds into the extra recording
+    uint64_t after_clusters = 0;     // clusters written after the recycling began
 };
 
 void print_summary(FILE *out, const Figures &f, int channels) {
@@ -200,6 +210,15 @@ void print_summary(FILE *out, const Figures &f, int channels) {
             f.found, f.search_ms, f.found_made, f.rec.recordings.size());
     fprintf(out, "  calendar           %d day(s) marked in %.1f ms\n", f.calendar_days,
             f.calendar_ms);
+    if (f.recycled) {
+        fprintf(out,
+                "  recycling          sd%c block %d freed (%u clusters, %zu recordings gone) at "
+                "%.1f s after sdb's bring-up began; %llu clusters written on\n",
+                'a' + f.recycled_disk, f.recycled_block, f.recycled_clusters, f.recycled_gone,
+                f.recycled_at, static_cast<unsigned long long>(f.after_clusters));
+    } else {
+        fprintf(out, "  recycling          not seen\n");
+    }
     fprintf(
         out,
         "  read rate          %.1f MB/s (seek, key frame, read and verify; mostly from the page "
@@ -330,6 +349,149 @@ bool play_back(FILE *out, const std::vector<MadeRecording> &made, Figures *f) {
     return ok;
 }
 
+// Marks every free cluster of a block's cluster map busy with `stamp`; the run's clusters keep
+// their entries.
+bool fill_free_clusters(const std::string &part, uint32_t block, uint32_t stamp) {
+    std::vector<uint32_t> map(aging::kClustersPerBlock);
+    const int fd = open(part.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return false;
+    const off64_t at = static_cast<off64_t>(block) * aging::kClusterBytes;
+    bool ok = pread64(fd, map.data(), aging::kClusterBytes, at) == aging::kClusterBytes;
+    for (uint32_t &e : map) {
+        if ((e & aging::kError) == 0) e = aging::busy_entry(stamp);
+    }
+    ok = ok && pwrite64(fd, map.data(), aging::kClusterBytes, at) == aging::kClusterBytes;
+    close(fd);
+    return ok;
+}
+
+// Every recording on the disks over a wide span around now; false with a message on out.
+bool search_all(FILE *out, std::vector<FoundRecording> *found) {
+    const time_t now = time(nullptr);
+    const time_t a = now - 7 * kDay, b = now + kDay;
+    struct tm from, to;
+    gmtime_r(&a, &from);
+    gmtime_r(&b, &to);
+    std::string error;
+    if (search_recordings(from, to, ~0ull, 0, found, &error)) return true;
+    fprintf(out, "recstore demo: %s\n", error.c_str());
+    return false;
+}
+
+uint32_t free_clusters(int disk) {
+    const int n = datazone_free_count(disk);
+    return n > 0 ? static_cast<uint32_t>(n) : 0;
+}
+
+// The disk id the session gave to a device node, -1 when it is not up.
+int disk_of(const Session &s, const std::string &node) {
+    for (int d : s.disks()) {
+        if (node == g_disk[d].devname) return d;
+    }
+    return -1;
+}
+
+// Takes sdb down while the daemon runs, fills its remaining free blocks and the free clusters
+// of its current block (stamped now, so they stay the newest), and brings it up again: every
+// disk is full. The daemon must then free the earliest block of all disks, and recording must
+// go on into it. Everything printed is read back from the disks.
+bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int channels, Figures *f) {
+    fprintf(out,
+            "\nrecycling: sdb down in the plug-out order, its free blocks aged full, up again\n");
+    std::vector<FoundRecording> before;
+    if (!search_all(out, &before)) return false;
+    const std::string node = disks[1].node, part = node + "3";
+    const int sdb = disk_of(s, node);
+    if (sdb < 0) {
+        fprintf(out, "recstore demo: sdb is not up\n");
+        return false;
+    }
+    datazone_info info;
+    if (datazone_getinfo(sdb, &info) != 0) return false;
+    rec_lockdisk();
+    const int current = block_get_current(sdb);
+    s.take_down(sdb, true);
+    rec_unlockdisk();
+    const uint32_t stamp = static_cast<uint32_t>(time(nullptr) >> 2);
+    bool ok = true;
+    for (uint32_t b = 1; ok && b <= info.block_count; b++) {
+        const bool busy =
+            (aging::read_entry(part.c_str(), 0, b - 1) & aging::kError) == aging::kBusy;
+        if (static_cast<int>(b) == current) {
+            ok = fill_free_clusters(part, b, stamp);
+            if (ok && !busy) ok = aging::set_block_entry(part.c_str(), b, aging::busy_entry(stamp));
+        } else if (!busy) {
+            ok = aging::fill_block(part.c_str(), b, 0, stamp);
+        }
+    }
+    // The block map entries of every disk as they stand on disk before sdb comes back.
+    std::vector<std::vector<uint32_t>> entries(RECSTORE_MAX_DISKS);
+    auto read_block_map = [&](int d) {
+        std::vector<uint32_t> e;
+        datazone_info di;
+        const std::string p = std::string(g_disk[d].devname) + "3";
+        if (datazone_getinfo(d, &di) != 0) return e;
+        for (uint32_t b = 1; b <= di.block_count; b++)
+            e.push_back(aging::read_entry(p.c_str(), 0, b - 1));
+        return e;
+    };
+    for (int d : s.disks()) entries[d] = read_block_map(d);
+    std::string error;
+    const Clock::time_point t0 = Clock::now();
+    ok = ok && s.bring_up(node, true, &error);
+    if (!ok) {
+        fprintf(out, "recstore demo: sdb could not be aged and brought up again %s\n",
+                error.c_str());
+        return false;
+    }
+    int freed_disk = -1;
+    for (int i = 0; i < 2000 && freed_disk < 0; i++) {
+        for (size_t k = 0; k < s.disks().size() && freed_disk < 0; k++) {
+            if (free_clusters(s.disks()[k]) >= aging::kClustersPerBlock) freed_disk = s.disks()[k];
+        }
+        if (freed_disk < 0) usleep(10000);
+    }
+    if (freed_disk < 0) {
+        fprintf(out, "recstore demo: every disk full, but the daemon freed no block within 20 s\n");
+        return false;
+    }
+    f->recycled_at = since(t0);
+    f->recycled_disk = freed_disk;
+    f->recycled_clusters = free_clusters(freed_disk);
+    // The freed block: the one whose entry changed (freed, or taken again as the current block).
+    rec_lockdisk();
+    const std::vector<uint32_t> now_entries = read_block_map(freed_disk);
+    rec_unlockdisk();
+    const std::vector<uint32_t> &then = entries[freed_disk];
+    for (size_t b = 0; b < now_entries.size() && b < then.size() && f->recycled_block < 0; b++) {
+        if (now_entries[b] != then[b]) f->recycled_block = static_cast<int>(b + 1);
+    }
+    std::vector<FoundRecording> after;
+    if (!search_all(out, &after)) return false;
+    f->recycled_gone = before.size() > after.size() ? before.size() - after.size() : 0;
+    fprintf(out,
+            "recycling: every disk full; the daemon freed sd%c block %d (%zu recordings, %u "
+            "clusters) %.1f s after sdb's bring-up began\n",
+            'a' + freed_disk, f->recycled_block, f->recycled_gone, f->recycled_clusters,
+            f->recycled_at);
+    RecordOptions opt;
+    for (int c = 0; c < channels; c++) opt.channels.push_back(c);
+    opt.seconds = kRecycleSeconds;
+    RecordResult r;
+    ok = record_streams(opt, &r);
+    for (const std::string &e : r.events) fprintf(out, "  %s\n", e.c_str());
+    f->after_clusters = r.clusters;
+    f->recycled = ok && r.clusters > 0;
+    if (f->recycled) {
+        fprintf(out, "recycling: recording went on, %llu clusters in %.1f s\n",
+                static_cast<unsigned long long>(r.clusters), r.seconds);
+    } else {
+        fprintf(out, "recstore demo: recording did not go on after recycling: %s\n",
+                r.error.c_str());
+    }
+    return f->recycled;
+}
+
 void help() {
     printf(
         "usage: recstore demo [--channels N] [--seconds S]\n\n"
@@ -343,6 +505,9 @@ void help() {
         "    (default %d): a key frame every 1-2 s, 2-8 Mbit/s per channel, a cluster written\n"
         "    when the next frame would not fit; a progress line once a second;\n"
         "  - plays a few recordings back by time seek and key frame, verifying every byte;\n"
+        "  - searches them and prints the month view;\n"
+        "  - takes sdb down, ages its free blocks full and brings it up again: with every disk\n"
+        "    full the daemon frees the earliest block and recording goes on for 2 s more;\n"
         "  - prints a summary of the figures measured, takes everything down again.\n"
         "The library's own output goes to %s. Run it as:\n  %s\n\n"
         "exit status: 0 done, 1 a step failed, 2 usage or not in the rig.\n",
@@ -429,6 +594,7 @@ int run_demo(Terminal &term, int channels, int seconds) {
             ok &= play_back(out, f.rec.recordings, &f);
 
             ok &= search_and_calendar(out, f.rec.recordings, &f);
+            ok = ok && recycle(out, s, disks, channels, &f);
         } else {
             fprintf(out, "recstore demo: %s\n", error.c_str());
         }

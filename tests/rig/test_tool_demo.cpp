@@ -1,6 +1,7 @@
 // The recstore tool's demo, short: two disks formatted and brought up, four channels recorded
 // for five seconds with a disk change and a block change on the way, recordings played back and
-// verified, found again by the search and the month view, everything taken down again. Runs in its
+// verified, found again by the search and the month view, the earliest block recycled once
+// every disk is full, everything taken down again. Runs in its
 // own rig, since the demo attaches its disks.
 #include <gtest/gtest.h>
 
@@ -36,6 +37,19 @@ TEST(ToolDemo, RecordsChangesDiskAndBlockAndVerifiesThePlayBack) {
     EXPECT_TRUE(contains(out, "1 day with recordings (*): ") ||
                 contains(out, "2 days with recordings (*): "))
         << out;
+    // With every disk full the daemon recycles the earliest block, sda's aged block 1, which held
+    // none of the run's recordings, and the recording goes on into it.
+    EXPECT_TRUE(contains(out,
+                         "recycling: every disk full; the daemon freed sda block 1 (0 "
+                         "recordings, 131072 clusters) "))
+        << out;
+    EXPECT_TRUE(contains(out, "recording starts on sda block 1\n")) << out;
+    EXPECT_TRUE(contains(out, "recycling: recording went on, ")) << out;
+    EXPECT_TRUE(contains(out,
+                         "  recycling          sda block 1 freed (131072 clusters, 0 "
+                         "recordings gone) "))
+        << out;
+    EXPECT_FALSE(contains(out, "recycling: recording went on, 0 clusters")) << out;
     EXPECT_FALSE(contains(out, "FAILED")) << out;
     EXPECT_TRUE(contains(out, "\ndemo done")) << out;
     // The demo unplugged its disks: nothing of them is left attached or mounted.
