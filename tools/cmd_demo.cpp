@@ -213,7 +213,7 @@ void print_summary(FILE *out, const Figures &f, int channels) {
     if (f.recycled) {
         fprintf(out,
                 "  recycling          sd%c block %d freed (%u clusters, %zu recordings gone) at "
-                "%.1f s after sdb's bring-up began; %llu clusters written on\n",
+                "%.1f s after overwriting was on; %llu clusters written on\n",
                 'a' + f.recycled_disk, f.recycled_block, f.recycled_clusters, f.recycled_gone,
                 f.recycled_at, static_cast<unsigned long long>(f.after_clusters));
     } else {
@@ -408,6 +408,9 @@ bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int cha
     }
     datazone_info info;
     if (datazone_getinfo(sdb, &info) != 0) return false;
+    // Overwriting off while sdb is away: sda alone is full, and its blocks must wait until
+    // every disk is full again. The daemon reads the flag after the disk-table lock.
+    rec_setoverlap(0);
     rec_lockdisk();
     const int current = block_get_current(sdb);
     s.take_down(sdb, true);
@@ -424,30 +427,24 @@ bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int cha
             ok = aging::fill_block(part.c_str(), b, 0, stamp);
         }
     }
-    // The block map entries of every disk as they stand on disk before sdb comes back.
-    std::vector<std::vector<uint32_t>> entries(RECSTORE_MAX_DISKS);
-    auto read_block_map = [&](int d) {
-        std::vector<uint32_t> e;
-        datazone_info di;
-        const std::string p = std::string(g_disk[d].devname) + "3";
-        if (datazone_getinfo(d, &di) != 0) return e;
-        for (uint32_t b = 1; b <= di.block_count; b++)
-            e.push_back(aging::read_entry(p.c_str(), 0, b - 1));
-        return e;
-    };
-    for (int d : s.disks()) entries[d] = read_block_map(d);
+    uint32_t free_before[RECSTORE_MAX_DISKS] = {};
     std::string error;
-    const Clock::time_point t0 = Clock::now();
     ok = ok && s.bring_up(node, true, &error);
     if (!ok) {
         fprintf(out, "recstore demo: sdb could not be aged and brought up again %s\n",
                 error.c_str());
+        rec_setoverlap(1);
         return false;
     }
+    for (int d : s.disks()) free_before[d] = free_clusters(d);
+    fprintf(out, "every disk full: overwriting on again (rec_setoverlap(1))\n");
+    const Clock::time_point t0 = Clock::now();
+    rec_setoverlap(1);
     int freed_disk = -1;
     for (int i = 0; i < 2000 && freed_disk < 0; i++) {
         for (size_t k = 0; k < s.disks().size() && freed_disk < 0; k++) {
-            if (free_clusters(s.disks()[k]) >= aging::kClustersPerBlock) freed_disk = s.disks()[k];
+            const int d = s.disks()[k];
+            if (free_clusters(d) >= free_before[d] + aging::kClustersPerBlock) freed_disk = d;
         }
         if (freed_disk < 0) usleep(10000);
     }
@@ -457,21 +454,21 @@ bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int cha
     }
     f->recycled_at = since(t0);
     f->recycled_disk = freed_disk;
-    f->recycled_clusters = free_clusters(freed_disk);
-    // The freed block: the one whose entry changed (freed, or taken again as the current block).
-    rec_lockdisk();
-    const std::vector<uint32_t> now_entries = read_block_map(freed_disk);
-    rec_unlockdisk();
-    const std::vector<uint32_t> &then = entries[freed_disk];
-    for (size_t b = 0; b < now_entries.size() && b < then.size() && f->recycled_block < 0; b++) {
-        if (now_entries[b] != then[b]) f->recycled_block = static_cast<int>(b + 1);
+    f->recycled_clusters = free_clusters(freed_disk) - free_before[freed_disk];
+    // The freed block: the one the daemon takes up as the current block of that disk, the only
+    // one with room there.
+    for (int i = 0; i < 2000 && f->recycled_block < 0; i++) {
+        rec_lockdisk();
+        if (current_disk() == freed_disk) f->recycled_block = block_get_current(freed_disk);
+        rec_unlockdisk();
+        if (f->recycled_block < 0) usleep(10000);
     }
     std::vector<FoundRecording> after;
     if (!search_all(out, &after)) return false;
     f->recycled_gone = before.size() > after.size() ? before.size() - after.size() : 0;
     fprintf(out,
             "recycling: every disk full; the daemon freed sd%c block %d (%zu recordings, %u "
-            "clusters) %.1f s after sdb's bring-up began\n",
+            "clusters) %.1f s later\n",
             'a' + freed_disk, f->recycled_block, f->recycled_gone, f->recycled_clusters,
             f->recycled_at);
     RecordOptions opt;
