@@ -213,7 +213,7 @@ void print_summary(FILE *out, const Figures &f, int channels) {
     if (f.recycled) {
         fprintf(out,
                 "  recycling          sd%c block %d freed (%u clusters, %zu recordings gone) at "
-                "%.1f s after overwriting was on; %llu clusters written on\n",
+                "%.1f s after the daemon's start; %llu clusters written on\n",
                 'a' + f.recycled_disk, f.recycled_block, f.recycled_clusters, f.recycled_gone,
                 f.recycled_at, static_cast<unsigned long long>(f.after_clusters));
     } else {
@@ -408,9 +408,9 @@ bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int cha
     }
     datazone_info info;
     if (datazone_getinfo(sdb, &info) != 0) return false;
-    // Overwriting off while sdb is away: sda alone is full, and its blocks must wait until
-    // every disk is full again. The daemon reads the flag after the disk-table lock.
-    rec_setoverlap(0);
+    // The daemon rests while sdb is away: sda alone is full and must not be recycled before every
+    // disk is full again, and the disk table changes only while nobody reads it.
+    rec_shutdown_deamon();
     rec_lockdisk();
     const int current = block_get_current(sdb);
     s.take_down(sdb, true);
@@ -433,13 +433,15 @@ bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int cha
     if (!ok) {
         fprintf(out, "recstore demo: sdb could not be aged and brought up again %s\n",
                 error.c_str());
-        rec_setoverlap(1);
         return false;
     }
     for (int d : s.disks()) free_before[d] = free_clusters(d);
-    fprintf(out, "every disk full: overwriting on again (rec_setoverlap(1))\n");
+    fprintf(out, "every disk full: the daemon starts again (rec_bringup_deamon)\n");
     const Clock::time_point t0 = Clock::now();
-    rec_setoverlap(1);
+    if (rec_bringup_deamon() != 0) {
+        fprintf(out, "recstore demo: the daemon could not be started again\n");
+        return false;
+    }
     int freed_disk = -1;
     for (int i = 0; i < 2000 && freed_disk < 0; i++) {
         for (size_t k = 0; k < s.disks().size() && freed_disk < 0; k++) {

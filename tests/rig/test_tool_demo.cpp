@@ -43,7 +43,7 @@ TEST(ToolDemo, RecordsChangesDiskAndBlockAndVerifiesThePlayBack) {
                          "recycling: every disk full; the daemon freed sda block 1 (0 "
                          "recordings, 131072 clusters) "))
         << out;
-    EXPECT_TRUE(contains(out, "every disk full: overwriting on again (rec_setoverlap(1))\n"))
+    EXPECT_TRUE(contains(out, "every disk full: the daemon starts again (rec_bringup_deamon)\n"))
         << out;
     EXPECT_TRUE(contains(out, "recording starts on sda block 1\n")) << out;
     EXPECT_TRUE(contains(out, "recycling: recording went on, ")) << out;
