@@ -7,6 +7,7 @@
 // recycles the earliest block while recording goes on. The summary gives only figures measured
 // in this run.
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -378,8 +379,11 @@ bool search_all(FILE *out, std::vector<FoundRecording> *found) {
     return false;
 }
 
+// Free clusters of a disk's data zone, read under the disk's lock the daemon frees blocks under.
 uint32_t free_clusters(int disk) {
+    pthread_mutex_lock(&g_disk[disk].lock);
     const int n = datazone_free_count(disk);
+    pthread_mutex_unlock(&g_disk[disk].lock);
     return n > 0 ? static_cast<uint32_t>(n) : 0;
 }
 
