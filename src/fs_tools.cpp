@@ -148,23 +148,25 @@ void fs_assert_fail(const char *expr, const char *file, int line) {
 // Host utilities and the event log
 // ---------------------------------------------------------------------------------------------
 
+// Set by a mount of the system partition (on any thread) while the daemon logs: read and written
+// atomically.
 uint32_t g_plog_inited = 0;
 
 int fs_log_init(const char * /*path: the log is always kLogFile*/) {
-    g_plog_inited = 1;
+    __atomic_store_n(&g_plog_inited, 1u, __ATOMIC_RELEASE);
     return 0;
 }
 
 int fs_log_is_inited(void) {
-    return static_cast<int>(g_plog_inited);
+    return static_cast<int>(__atomic_load_n(&g_plog_inited, __ATOMIC_ACQUIRE));
 }
 
 void fs_log_exit(void) {
-    g_plog_inited = 0;
+    __atomic_store_n(&g_plog_inited, 0u, __ATOMIC_RELEASE);
 }
 
 int fs_log_file(const char *format, ...) {
-    if (!g_plog_inited) return -1;
+    if (!fs_log_is_inited()) return -1;
     recstore::FdGuard file(open(kLogFile, O_RDWR | O_CREAT | O_APPEND | O_LARGEFILE, 0777));
     if (file.get() < 0) perror("open log");
     if (file.get() >= 0) {

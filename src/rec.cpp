@@ -367,14 +367,16 @@ void *rec_daemon(void *context) {
 }
 
 int do_disk_loop(void) {
+    bool all_full = false;
     {
         DiskTableLock lock;
         rec_diskhotplug();
         if (load(g_recctx.curdiskid) < 0) store(g_recctx.curdiskid, rec_diskcurrent());
         rotate_if_full();
+        // The group table is read while the host may be adding a disk under the same lock.
+        all_full = fs_isalldiskfull(load(g_recctx.curdiskid), recstore::kRecFullRemain) != 0;
     }
-    if (fs_isalldiskfull(load(g_recctx.curdiskid), recstore::kRecFullRemain) &&
-        load(g_recctx.overlap) != 0) {
+    if (all_full && load(g_recctx.overlap) != 0) {
         fs_log_file("all disk full remain:%d\n", recstore::kRecFullRemain);
         rec_overlap();
     }
