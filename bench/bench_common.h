@@ -126,7 +126,7 @@ inline bool cache_loaded() {
 
 inline bool current_block_ready() {
     rec_lockdisk();
-    const int d = g_recctx.curdiskid;
+    const int d = __atomic_load_n(&g_recctx.curdiskid, __ATOMIC_ACQUIRE);
     const bool ok = d >= 0 && fs_isblockfull(d) == 0;
     rec_unlockdisk();
     return ok;

@@ -50,7 +50,10 @@ int main(int argc, char **argv) {
         return 1;
     }
     rec_bringup_deamon(); /* chooses the current disk and block, follows hot-plug */
-    for (int i = 0; i < 500 && g_recctx.curdiskid < 0; i++) usleep(10000);
+    /* The daemon sets the current disk on its own thread: read it atomically. */
+    for (int i = 0; i < 500 && __atomic_load_n(&g_recctx.curdiskid, __ATOMIC_ACQUIRE) < 0; i++) {
+        usleep(10000);
+    }
 
     /* Record channel 3 from 17 May 2024 08:00:00 (UTC with the reference host). */
     struct tm start;
