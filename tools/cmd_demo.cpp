@@ -124,7 +124,7 @@ class Terminal {
 // Clusters the run is expected to fill: the channels' bitrates over the time.
 uint64_t expected_clusters(int channels, int seconds) {
     uint64_t bits = 0;
-    for (int c = 0; c < channels; c++) bits += spec_for_channel(c, 1, 0).bits_per_second;
+    for (int c = 0; c < channels; c++) bits += profile_for_channel(c, 1, 0).bits_per_second;
     const double bytes = static_cast<double>(bits) / 8 * seconds;
     return static_cast<uint64_t>(bytes / (RECSTORE_CLUSTER_SIZE * kClusterFill)) + 1;
 }

@@ -31,7 +31,7 @@ double since(Clock::time_point t0) {
 }
 
 struct Channel {
-    explicit Channel(const StreamSpec &spec, time_t start) : writer(spec, start) {}
+    explicit Channel(const StreamProfile &profile, time_t start) : writer(profile, start) {}
     StreamWriter writer;
     int handle = -1;
     int recording = -1;       // index into the result's recordings
@@ -68,12 +68,12 @@ bool Recorder::open_recording(Channel &c, const unsigned char *buf, uint32_t len
     if (read_frame_header(buf, len, &h)) t = static_cast<time_t>(h.time);
     struct tm start;
     gmtime_r(&t, &start);
-    const int handle = rec_open_v2(c.writer.spec().channel, &start, 0, 0, 0, 0,
+    const int handle = rec_open_v2(c.writer.profile().channel, &start, 0, 0, 0, 0,
                                    RECSTORE_REC_CREATE | O_RDWR, kContinuousMode, 0, nullptr);
     if (handle < 0) return false;
     c.handle = handle;
     MadeRecording m;
-    m.channel = c.writer.spec().channel;
+    m.channel = c.writer.profile().channel;
     m.start = start;
     m.disk = g_recctx.streams[handle].disk_id;
     res_->recordings.push_back(m);
@@ -142,7 +142,7 @@ bool Recorder::tick(double elapsed, bool last) {
         ch.writer.produce_until(elapsed, sink);
         if (last) ch.writer.flush(sink);
         if (ch.stuck_since >= 0 && now_ - ch.stuck_since > kGiveUpSeconds) {
-            res_->error = "channel " + std::to_string(ch.writer.spec().channel) +
+            res_->error = "channel " + std::to_string(ch.writer.profile().channel) +
                           ": no cluster could be stored for " +
                           std::to_string(static_cast<int>(kGiveUpSeconds)) +
                           " s (are all disks full and recycling off?)";
@@ -156,7 +156,7 @@ bool Recorder::run() {
     const time_t start = time(nullptr);
     for (int ch : opt_.channels) {
         channels_.push_back(
-            std::make_unique<Channel>(spec_for_channel(ch, opt_.seed, opt_.mbps), start));
+            std::make_unique<Channel>(profile_for_channel(ch, opt_.seed, opt_.mbps), start));
     }
     const Clock::time_point t0 = Clock::now();
     double stream_time = 0, next_report = 0;

@@ -66,9 +66,9 @@ bool body_matches(const unsigned char *p, uint32_t n, uint32_t channel, uint32_t
 
 }  // namespace
 
-StreamSpec spec_for_channel(int channel, uint32_t seed, int mbps) {
+StreamProfile profile_for_channel(int channel, uint32_t seed, int mbps) {
     const uint32_t h = mix(static_cast<uint32_t>(channel) * 2654435761u ^ seed);
-    StreamSpec s;
+    StreamProfile s;
     s.channel = channel;
     const int chosen = kMinMbps + static_cast<int>(h % (kMaxMbps - kMinMbps + 1));
     s.bits_per_second = static_cast<uint32_t>(mbps > 0 ? mbps : chosen) * 1000000u;
@@ -88,12 +88,13 @@ void AlignedCluster::Free::operator()(unsigned char *p) const {
     free(p);
 }
 
-StreamWriter::StreamWriter(const StreamSpec &spec, time_t start) : spec_(spec), start_(start) {}
+StreamWriter::StreamWriter(const StreamProfile &profile, time_t start)
+    : profile_(profile), start_(start) {}
 
 uint32_t StreamWriter::frame_bytes(uint64_t number) const {
-    const uint32_t gop = static_cast<uint32_t>(spec_.key_every_seconds * kFramesPerSecond);
-    const uint64_t gop_bytes = static_cast<uint64_t>(spec_.bits_per_second / 8) *
-                               static_cast<uint32_t>(spec_.key_every_seconds);
+    const uint32_t gop = static_cast<uint32_t>(profile_.key_every_seconds * kFramesPerSecond);
+    const uint64_t gop_bytes = static_cast<uint64_t>(profile_.bits_per_second / 8) *
+                               static_cast<uint32_t>(profile_.key_every_seconds);
     const uint32_t delta = static_cast<uint32_t>(gop_bytes / (gop - 1 + kKeyFrameWeight));
     const uint32_t bytes = number % gop == 0 ? delta * kKeyFrameWeight : delta;
     return std::max(bytes, kFrameHeaderBytes);
@@ -111,7 +112,7 @@ bool StreamWriter::hand_over(const ClusterSink &sink) {
 }
 
 bool StreamWriter::produce_until(double elapsed, const ClusterSink &sink) {
-    const uint32_t gop = static_cast<uint32_t>(spec_.key_every_seconds * kFramesPerSecond);
+    const uint32_t gop = static_cast<uint32_t>(profile_.key_every_seconds * kFramesPerSecond);
     while (static_cast<double>(next_frame_) / kFramesPerSecond <= elapsed) {
         const uint64_t n = next_frame_;
         const uint32_t size = frame_bytes(n);
@@ -123,12 +124,12 @@ bool StreamWriter::produce_until(double elapsed, const ClusterSink &sink) {
             static_cast<uint32_t>(start_ + static_cast<time_t>(n / kFramesPerSecond));
         unsigned char *p = cluster_.data() + used_;
         put32(p, key ? kKeyFrameMagic : kDeltaFrameMagic);
-        put32(p + 4, static_cast<uint32_t>(spec_.channel));
+        put32(p + 4, static_cast<uint32_t>(profile_.channel));
         put32(p + 8, static_cast<uint32_t>(n));
         put32(p + 12, size);
         put32(p + 16, t);
         fill_body(p + kFrameHeaderBytes, size - kFrameHeaderBytes,
-                  static_cast<uint32_t>(spec_.channel), static_cast<uint32_t>(n));
+                  static_cast<uint32_t>(profile_.channel), static_cast<uint32_t>(n));
         if (key) {
             frames_[frame_count_].frame_offset = used_;
             frames_[frame_count_].frame_time = t;

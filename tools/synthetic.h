@@ -32,7 +32,7 @@ struct FrameHeader {
 };
 
 // How one channel's camera behaves.
-struct StreamSpec {
+struct StreamProfile {
     int channel = 0;
     uint32_t bits_per_second = 4000000;
     int key_every_seconds = 1;
@@ -40,7 +40,7 @@ struct StreamSpec {
 
 // How a channel behaves: bitrate 2-8 Mbit/s and key frames every 1-2 s, chosen from the channel
 // (and seed) so that runs are repeatable; mbps > 0 forces the bitrate.
-StreamSpec spec_for_channel(int channel, uint32_t seed, int mbps);
+StreamProfile profile_for_channel(int channel, uint32_t seed, int mbps);
 
 // A page-aligned cluster buffer.
 struct AlignedCluster {
@@ -59,7 +59,7 @@ using ClusterSink = std::function<bool(const unsigned char *, uint32_t, const kf
 // Produces one channel's frames in time order and packs them into clusters.
 class StreamWriter {
   public:
-    StreamWriter(const StreamSpec &spec, time_t start);
+    StreamWriter(const StreamProfile &profile, time_t start);
     // Produces every frame due up to `elapsed` seconds after the start; hands each full cluster
     // to sink. False when sink refused a cluster (the cluster is kept for the next call).
     bool produce_until(double elapsed, const ClusterSink &sink);
@@ -69,13 +69,13 @@ class StreamWriter {
     uint64_t clusters() const { return clusters_; }
     uint64_t bytes() const { return bytes_; }
     uint64_t key_frames() const { return key_frames_; }
-    const StreamSpec &spec() const { return spec_; }
+    const StreamProfile &profile() const { return profile_; }
 
   private:
     uint32_t frame_bytes(uint64_t number) const;
     bool hand_over(const ClusterSink &sink);
 
-    StreamSpec spec_;
+    StreamProfile profile_;
     time_t start_;
     uint64_t next_frame_ = 0;
     AlignedCluster cluster_;

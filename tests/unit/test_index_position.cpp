@@ -32,13 +32,13 @@ struct tm utc(uint32_t secs) {
     return out;
 }
 
-struct EntrySpec {
+struct EntryPlan {
     uint32_t length;
     std::vector<std::pair<uint32_t, uint32_t>> frames;  // offset, time
 };
 
 // The recording used by most tests: lengths 1000, 2000, 3000, 4000 (no key frame), 500.
-const std::vector<EntrySpec> kEntries = {
+const std::vector<EntryPlan> kEntries = {
     {1000, {{100, T + 0}, {500, T + 1}}},
     {2000, {{0, T + 2}, {800, T + 3}, {1500, T + 4}}},
     {3000, {{200, T + 5}}},
@@ -73,12 +73,12 @@ class IndexPosition : public ::testing::Test {
         return a;
     }
     // Writes the recording, closes it with its end time and opens it for reading.
-    int recording(const std::vector<EntrySpec> &entries, uint32_t end,
+    int recording(const std::vector<EntryPlan> &entries, uint32_t end,
                   const ext_desc *ext = nullptr) {
         const int w = do_index_attach(open(path_.c_str(), O_RDWR), args(O_CREAT | O_RDWR, ext));
         EXPECT_GE(w, 0);
         uint32_t cluster = 100;
-        for (const EntrySpec &e : entries) {
+        for (const EntryPlan &e : entries) {
             kframe fr[kMaxKframes] = {};
             for (size_t i = 0; i < e.frames.size(); ++i)
                 fr[i] = kframe{e.frames[i].first, e.frames[i].second};
@@ -229,7 +229,7 @@ TEST_F(IndexPosition, BackwardWalkStopsAtTheFirstEntry) {
 }
 
 TEST_F(IndexPosition, BackwardStepOfAWholeCluster) {
-    std::vector<EntrySpec> full = {{524288, {{0, T}}}, {524288, {{0, T + 1}}}, {524288, {}}};
+    std::vector<EntryPlan> full = {{524288, {{0, T}}}, {524288, {{0, T + 1}}}, {524288, {}}};
     const int h = recording(full, T + 20);
     ASSERT_GE(h, 0);
     ASSERT_EQ(index_lseek(h, 2 * kCluster, SEEK_SET, nullptr), 2 * kCluster);
