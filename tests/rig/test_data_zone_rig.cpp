@@ -1,6 +1,8 @@
 // The data zone on partition 3 of a real loop-backed 200 GiB disk inside the rig: start-up on a
 // block device, allocation, direct-I/O writes and reads of whole clusters, the event log, and
-// the stop/start scenario (a partly used block is resumed).
+// the stop/start scenario (a partly used block is resumed), the choice between partly used
+// blocks, clearing a busy block, and refusals that must not reach the device.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -19,7 +21,32 @@
 #include "recstore.h"
 #include "rig.h"
 
+// Every cluster transfer of the library goes through read_cluster/write_cluster, which this
+// program interposes (it exports its symbols) to count the calls that reach the device.
 namespace {
+int g_cluster_reads = 0;
+int g_cluster_writes = 0;
+}  // namespace
+
+extern "C" ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n) {
+    using Fn = ssize_t (*)(int, int, int, void *, size_t);
+    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "read_cluster"));
+    if (real == nullptr) return -1;
+    ++g_cluster_reads;
+    return real(fd, cluster, offset, buf, n);
+}
+
+extern "C" ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n) {
+    using Fn = ssize_t (*)(int, int, int, const void *, size_t);
+    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write_cluster"));
+    if (real == nullptr) return -1;
+    ++g_cluster_writes;
+    return real(fd, cluster, offset, buf, n);
+}
+
+namespace {
+
+using recstore_test::StdoutCapture;
 
 using recstore_test::LogMask;
 
@@ -188,6 +215,152 @@ TEST_F(DataZoneRig, ClearFormatsTheMapsOfTheDevice) {
     EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 1), 0u);
     EXPECT_EQ(aging::read_entry(part_.c_str(), 2, 0), 0u);
     ASSERT_EQ(init(0), 0);
+    EXPECT_EQ(datazone_busy_count(0), 0);
+}
+
+TEST_F(DataZoneRig, FreedClusterIsAllocatedAgainFirst) {
+    ASSERT_EQ(init(1), 0);
+    LogMask quiet(0, 0);
+    ASSERT_EQ(block_alloc(0), 1);
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(datazone_alloc(0), 257 + i);
+    const uint32_t stamped = datazone_val(0, 259);
+    ASSERT_EQ(stamped >> 30, 2u);
+    g_cluster_writes = 0;
+    g_cluster_reads = 0;
+    ASSERT_EQ(datazone_free(0, 259), 0);
+    EXPECT_EQ(g_cluster_writes, 1);  // one 4-byte map write
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 1, 2), stamped & 0x3FFFFFFFu);  // free, kept
+    EXPECT_EQ(datazone_busy_count(0), 4);
+    g_cluster_writes = 0;
+    g_cluster_reads = 0;
+    EXPECT_EQ(datazone_alloc(0), 259);
+    EXPECT_EQ(g_cluster_writes, 1);  // allocation: one map write and no read
+    EXPECT_EQ(g_cluster_reads, 0);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 1, 2) >> 30, 2u);
+    EXPECT_EQ(datazone_alloc(0), 262);
+    EXPECT_EQ(datazone_busy_count(0), 6);
+}
+
+// Two blocks left partly used (aged straight into their maps): the later one is resumed, the
+// earlier one stays the first to recycle.
+TEST_F(DataZoneRig, LaterOfTwoPartlyUsedBlocksIsResumed) {
+    ASSERT_TRUE(aging::fill_block(part_.c_str(), 1, 50, 3000));
+    ASSERT_TRUE(aging::fill_block(part_.c_str(), 2, 70, 4000));
+    ASSERT_EQ(init(1), 0);
+    LogMask quiet(0, 0);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 0), 3000u);  // turned free by the check
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 1), 4000u);
+    EXPECT_EQ(block_current(0), 2);
+    uint32_t seq = 0;
+    EXPECT_EQ(block_earliest(0, &seq), 1);
+    EXPECT_EQ(seq, 3000u);
+    ASSERT_EQ(block_alloc(0), 2);
+    const int first_free = 257 + static_cast<int>(kPerBlock) + static_cast<int>(kPerBlock - 70);
+    EXPECT_EQ(datazone_alloc(0), first_free);
+    AlignedCluster buf;
+    ASSERT_NE(buf.p, nullptr);
+    std::memset(buf.p, 0x3C, kCluster);
+    EXPECT_EQ(datazone_write(0, first_free, buf.p), static_cast<int>(kCluster));
+    // The resumed block carries a new sequence; block 1 is still the earliest.
+    EXPECT_EQ(block_earliest(0, &seq), 1);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 1) >> 30, 2u);
+}
+
+TEST_F(DataZoneRig, BlockClearOfABusyBlock) {
+    ASSERT_TRUE(aging::fill_block(part_.c_str(), 2, 0, 900));  // full, busy
+    ASSERT_TRUE(aging::set_cluster_entry(part_.c_str(), 2, 17, aging::err_entry(3)));
+    ASSERT_EQ(init(1), 0);
+    ASSERT_EQ(fs_log_init("/mnt/img/fs.log"), 0);
+    EXPECT_EQ(datazone_busy_count(0), static_cast<int>(kPerBlock - 1));
+    EXPECT_EQ(g_dz_ctx[0].err_count, 1u);
+    const int free_before = datazone_free_count(0);
+    LogMask quiet(0, 0);
+    block_clear(0, 2);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 1), 900u);  // free, old sequence kept
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 2, 0), 900u);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 2, 17), 3u);
+    EXPECT_EQ(datazone_free_count(0), free_before + static_cast<int>(kPerBlock));
+    EXPECT_EQ(datazone_busy_count(0), 0);
+    EXPECT_EQ(g_dz_ctx[0].err_count, 0u);
+    const std::string log = slurp("/mnt/img/log.log");
+    EXPECT_TRUE(contains(log, "]block_clear disk:0 block:2 busy val:0x80000384 b:0 f:3 e:0\n"))
+        << log;
+    // After a restart the zone is all free again, and the cleared block keeps its sequence.
+    datazone_exit(0);
+    ASSERT_EQ(datazone_init(0, 1), 0);
+    EXPECT_EQ(datazone_free_count(0), static_cast<int>(3 * kPerBlock));
+    block_entry list[3];
+    ASSERT_EQ(block_before(0, 900 * 4 + 1, list, 3), 1);
+    EXPECT_EQ(list[0].block_id, 2u);
+}
+
+TEST_F(DataZoneRig, DirectReadIsRefusedWithoutDirectIo) {
+    ASSERT_EQ(init(0), 0);
+    EXPECT_EQ(g_dz_ctx[0].fd_rd_direct, -1);
+    AlignedCluster buf;
+    ASSERT_NE(buf.p, nullptr);
+    std::memset(buf.p, 0x77, kCluster);
+    g_cluster_reads = 0;
+    LogMask errors(0x1);
+    StdoutCapture cap;
+    EXPECT_EQ(datazone_read_direct(0, 257, buf.p), -1);
+    const std::string out = cap.stop();
+    EXPECT_TRUE(contains(out, "\x1b[0;31m[data_zone.cpp:")) << out;
+    EXPECT_TRUE(contains(out, "]:\x1b[0mnot inited to directio:0\n")) << out;
+    EXPECT_EQ(g_cluster_reads, 0);
+    EXPECT_EQ(buf.bytes()[0], 0x77);
+    EXPECT_EQ(datazone_read(0, 257, buf.p), static_cast<int>(kCluster));  // buffered still reads
+}
+
+TEST_F(DataZoneRig, OutOfRangeClustersAreRefusedWithoutTouchingTheDevice) {
+    ASSERT_EQ(init(1), 0);
+    const datazone_info &info = g_dz_ctx[0].info;
+    const int below = static_cast<int>(info.data_start) - 1;
+    const int above = static_cast<int>(info.data_start + info.data_count);
+    char line[96];
+    std::snprintf(line, sizeof(line), "fatal error,cluster:%%d,start :%u count:%u\n",
+                  info.data_start, info.data_count);
+    char expect_below[96], expect_above[96];
+    std::snprintf(expect_below, sizeof(expect_below), line, below);
+    std::snprintf(expect_above, sizeof(expect_above), line, above);
+    AlignedCluster buf;
+    ASSERT_NE(buf.p, nullptr);
+    std::memset(buf.p, 0xA5, kCluster);
+    g_cluster_reads = 0;
+    g_cluster_writes = 0;
+    {
+        LogMask quiet(0, 0);  // printed without the gate
+        StdoutCapture cap;
+        EXPECT_EQ(datazone_read(0, below, buf.p), -1);
+        EXPECT_EQ(datazone_read(0, above, buf.p), -1);
+        EXPECT_EQ(datazone_read_direct(0, below, buf.p), -1);
+        EXPECT_EQ(datazone_read_direct(0, above, buf.p), -1);
+        EXPECT_EQ(datazone_write(0, below, buf.p), -1);
+        EXPECT_EQ(datazone_write(0, above, buf.p), -1);
+        EXPECT_EQ(cap.stop(), std::string(expect_below) + expect_above + expect_below +
+                                  expect_above + expect_below + expect_above);
+    }
+    EXPECT_EQ(g_cluster_reads, 0);
+    EXPECT_EQ(g_cluster_writes, 0);
+    for (uint32_t i = 0; i < kCluster; ++i) ASSERT_EQ(buf.bytes()[i], 0xA5) << i;
+    // The last reserved slot (a block map position) was not written.
+    EXPECT_EQ(aging::read_entry(part_.c_str(), static_cast<uint32_t>(below), 0), 0u);
+
+    // Freeing and reading the map entry of such a cluster is refused too.
+    {
+        LogMask quiet(0, 0);
+        ASSERT_EQ(block_alloc(0), 1);
+    }
+    g_cluster_writes = 0;
+    LogMask errors(0x1);
+    StdoutCapture cap;
+    EXPECT_EQ(datazone_free(0, below), -1);
+    EXPECT_EQ(datazone_free(0, above), -1);
+    EXPECT_EQ(datazone_val(0, above), 0xFFFFFFFFu);
+    const std::string out = cap.stop();
+    EXPECT_TRUE(contains(out, "]:\x1b[0mivalid clusterid:" + std::to_string(below) + "\n")) << out;
+    EXPECT_TRUE(contains(out, "]:\x1b[0mivalid clusterid:" + std::to_string(above) + "\n")) << out;
+    EXPECT_EQ(g_cluster_writes, 0);
     EXPECT_EQ(datazone_busy_count(0), 0);
 }
 

@@ -943,6 +943,118 @@ TEST_F(DataZone, UninitialisedDisksAreRefused) {
     EXPECT_FALSE(contains(out, "invalid disk id")) << out;
 }
 
+// Every operation that takes a disk id, each called on its own: the id check is made by each of
+// them, not just by one of a sequence.
+struct DiskOp {
+    const char *name;
+    void (*call)(int disk);
+};
+
+unsigned char g_io_buf[524288];
+
+const DiskOp kDiskOps[] = {
+    {"datazone_exit", [](int d) { datazone_exit(d); }},
+    {"datazone_is_inited", [](int d) { EXPECT_EQ(datazone_is_inited(d), 0); }},
+    {"datazone_getinfo",
+     [](int d) {
+         datazone_info out;
+         EXPECT_EQ(datazone_getinfo(d, &out), -1);
+     }},
+    {"block_load", [](int d) { EXPECT_EQ(block_load(d, 1), nullptr); }},
+    {"block_alloc", [](int d) { EXPECT_EQ(block_alloc(d), -1); }},
+    {"block_free", [](int d) { EXPECT_EQ(block_free(d), -1); }},
+    {"block_current", [](int d) { EXPECT_EQ(block_current(d), -1); }},
+    {"block_get_current", [](int d) { EXPECT_EQ(block_get_current(d), -1); }},
+    {"block_is_free_empty", [](int d) { EXPECT_EQ(block_is_free_empty(d), 1); }},
+    {"block_is_busy_empty", [](int d) { EXPECT_EQ(block_is_busy_empty(d), 1); }},
+    {"block_val", [](int d) { EXPECT_EQ(block_val(d, 1), 0xFFFFFFFFu); }},
+    {"block_earliest",
+     [](int d) {
+         uint32_t seq = 77;
+         EXPECT_EQ(block_earliest(d, &seq), -1);
+         EXPECT_EQ(seq, 77u);
+     }},
+    {"block_before",
+     [](int d) {
+         block_entry list[1];
+         EXPECT_EQ(block_before(d, 100, list, 1), 0);
+     }},
+    {"block_clear", [](int d) { block_clear(d, 1); }},
+    {"datazone_alloc", [](int d) { EXPECT_EQ(datazone_alloc(d), -1); }},
+    {"datazone_free", [](int d) { EXPECT_EQ(datazone_free(d, 300), -1); }},
+    {"datazone_val", [](int d) { EXPECT_EQ(datazone_val(d, 300), 0xFFFFFFFFu); }},
+    {"datazone_read", [](int d) { EXPECT_EQ(datazone_read(d, 300, g_io_buf), -1); }},
+    {"datazone_read_direct", [](int d) { EXPECT_EQ(datazone_read_direct(d, 300, g_io_buf), -1); }},
+    {"datazone_write", [](int d) { EXPECT_EQ(datazone_write(d, 300, g_io_buf), -1); }},
+    {"datazone_sync", [](int d) { EXPECT_EQ(datazone_sync(d), -1); }},
+    {"datazone_sync_bm", [](int d) { EXPECT_EQ(datazone_sync_bm(d), -1); }},
+    {"datazone_busy_count", [](int d) { EXPECT_EQ(datazone_busy_count(d), -1); }},
+    {"datazone_free_count", [](int d) { EXPECT_EQ(datazone_free_count(d), -1); }},
+    {"datazone_is_full_prepare", [](int d) { EXPECT_EQ(datazone_is_full_prepare(d, 0), 1); }},
+};
+
+TEST_F(DataZone, EachOperationReportsABadDiskIdItself) {
+    for (int disk : {8, 9, -1, 1000}) {
+        const std::string line =
+            "]:\x1b[0minvalid disk id:" + std::to_string(disk) + "\n";  // after the red prefix
+        for (const DiskOp &op : kDiskOps) {
+            SCOPED_TRACE(std::string(op.name) + " disk " + std::to_string(disk));
+            LogMask errors(0x1);
+            StdoutCapture cap;
+            op.call(disk);
+            const std::string out = cap.stop();
+            EXPECT_TRUE(contains(out, "\x1b[0;31m[data_zone.cpp:")) << out;
+            EXPECT_TRUE(contains(out, line)) << out;
+            EXPECT_FALSE(contains(out, "not initialized")) << out;
+        }
+        // The exceptions of their own: answers without -1, or a shorter message.
+        LogMask errors(0x1);
+        StdoutCapture cap;
+        EXPECT_EQ(datazone_is_free_empty(disk), 0);
+        EXPECT_EQ(datazone_init(disk, 0), -1);
+        EXPECT_EQ(datazone_clear(disk), -1);
+        const std::string out = cap.stop();
+        size_t n = 0;
+        for (size_t at = out.find(line); at != std::string::npos; at = out.find(line, at + 1)) ++n;
+        EXPECT_EQ(n, 3u) << out;
+        StdoutCapture cap2;
+        EXPECT_EQ(datazone_chk(disk, 1), -1);
+        const std::string chk = cap2.stop();
+        ASSERT_NE(chk.find("]:"), std::string::npos) << chk;
+        EXPECT_EQ(chk.substr(chk.find("]:")), "]:\x1b[0minvalid disk id\n");
+    }
+}
+
+// Error messages pass the host's level gate: with the error bit off, or this library's module bit
+// off, a refusal prints nothing.
+TEST_F(DataZone, RefusalsAreGatedByTheHostsLogMasks) {
+    for (const auto &mask : {std::pair<unsigned, unsigned>{0x8, 0x200}, {0xF, 0x100}}) {
+        LogMask gate(mask.first, mask.second);
+        StdoutCapture cap;
+        EXPECT_EQ(datazone_alloc(8), -1);
+        EXPECT_EQ(datazone_free_count(1), -1);
+        EXPECT_EQ(cap.stop(), "");
+    }
+}
+
+TEST_F(DataZone, EachOperationReportsAnUninitialisedDiskItself) {
+    for (const DiskOp &op : kDiskOps) {
+        SCOPED_TRACE(op.name);
+        LogMask errors(0x1);
+        StdoutCapture cap;
+        op.call(1);
+        const std::string out = cap.stop();
+        EXPECT_TRUE(contains(out, "]:\x1b[0mnot initialized:1 -1 -1 -1\n")) << out;
+        EXPECT_FALSE(contains(out, "invalid disk id")) << out;
+    }
+    LogMask errors(0x1);
+    StdoutCapture cap;
+    EXPECT_EQ(datazone_is_free_empty(1), 1);  // full when in doubt
+    EXPECT_EQ(datazone_chk(1, 1), -1);
+    EXPECT_TRUE(contains(cap.stop(), "]:\x1b[0mnot initialized:1 -1 -1 -1\n"));
+    EXPECT_EQ(g_dz_ctx[1].fd_rw, -1);  // nothing was opened on its behalf
+}
+
 TEST_F(DataZone, GarbageMapsLoadAndAreRepaired) {
     std::mt19937 rng(2026);
     std::vector<unsigned char> junk(524288);
@@ -963,12 +1075,37 @@ TEST_F(DataZone, GarbageMapsLoadAndAreRepaired) {
               3u);
     // Every block still has free clusters, so no block entry is left busy.
     for (uint32_t b = 0; b < 3; ++b) EXPECT_NE(aging::read_entry(img(), 0, b) >> 30, 2u);
-    LogMask quiet(0, 0);
-    const int id = block_alloc(0);
-    EXPECT_GE(id, -1);
-    if (id > 0) {
-        EXPECT_GE(datazone_alloc(0), static_cast<int>(info().data_start));
+    // The repairs reached the disk: a second start finds nothing left to fix.
+    {
+        EventLog log;
+        LogMask quiet(0, 0);
+        StdoutCapture cap;
+        restart();
+        const std::string out = cap.stop();
+        EXPECT_FALSE(contains(out, "fixed\n")) << out;
+        EXPECT_TRUE(contains(out, "]total busycount:")) << out;
     }
+    // The next block is the free one with the latest sequence (all hold used clusters), and its
+    // first free cluster is handed out.
+    int expect_block = -1;
+    uint32_t best_seq = 0;
+    for (uint32_t b = 0; b < 3; ++b) {
+        const uint32_t e = aging::read_entry(img(), 0, b);
+        if (e >> 30 != 0) continue;
+        if (expect_block < 0 || (e & 0x3FFFFFFFu) > best_seq) {
+            expect_block = static_cast<int>(b + 1);
+            best_seq = e & 0x3FFFFFFFu;
+        }
+    }
+    LogMask quiet(0, 0);
+    ASSERT_EQ(block_alloc(0), expect_block);
+    ASSERT_GT(expect_block, 0) << "the garbage left no free block";
+    uint32_t k = 0;
+    while (aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> 30 != 0) ++k;
+    const int cluster = datazone_alloc(0);
+    EXPECT_EQ(cluster, static_cast<int>(info().data_start +
+                                        static_cast<uint32_t>(expect_block - 1) * kPerBlock + k));
+    EXPECT_EQ(aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> 30, 2u);
 }
 
 TEST_F(DataZone, ShortReadOfABlockMapFailsCleanly) {
