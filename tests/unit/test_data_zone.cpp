@@ -574,6 +574,78 @@ TEST_F(DataZone, BlockClearOfABusyBlock) {
     EXPECT_EQ(block_current(0), 1);  // free and empty: the first free block
 }
 
+// A block whose entry is in error, and one whose entry is free but whose clusters are partly used,
+// are both cleared: the entry ends free with its value, and each case has its event line.
+TEST_F(DataZone, BlockClearOfBlocksInErrorOrFree) {
+    ASSERT_TRUE(aging::fill_block(img(), 1, 100, 300));
+    ASSERT_TRUE(aging::set_block_entry(img(), 1, aging::err_entry(300)));  // stays in error
+    ASSERT_TRUE(aging::fill_block(img(), 2, 100, 400));  // turned free by the start-up check
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(aging::read_entry(img(), 0, 0), 0xC000012Cu);
+    ASSERT_EQ(aging::read_entry(img(), 0, 1), 0x190u);
+    EXPECT_EQ(datazone_busy_count(0), 2 * 130972);
+    EventLog log;
+    LogMask info(0x8);
+    StdoutCapture cap;
+    block_clear(0, 1);
+    block_clear(0, 2);
+    const std::string out = cap.stop();
+    EXPECT_TRUE(contains(out, "]block_clear disk:0 block:1 err val:0xc000012c b:0 f:3 e:0\n"))
+        << out;
+    // Putting the free entry free again says so, unprefixed, and goes on.
+    EXPECT_TRUE(contains(out, "\nbitmap_free_put id:1,val:0x190\n")) << out;
+    EXPECT_TRUE(contains(out, "]block_clear disk:0 block:2 free val:0x190 b:0 f:3 e:0\n")) << out;
+    EXPECT_TRUE(contains(out,
+                         "]bitmap_clear disk:0 block:2 e:0=>0 b:130972=>0 f:100=>131072 "
+                         "[e:0=>0 b:130972=>0 f:262244=>393216]\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "]:\x1b[0munload:2 start:131329 count:131072\n")) << out;
+    EXPECT_FALSE(contains(out, "fatal error")) << out;
+    EXPECT_EQ(aging::read_entry(img(), 0, 0), 0x12Cu);
+    EXPECT_EQ(aging::read_entry(img(), 0, 1), 0x190u);
+    EXPECT_EQ(aging::read_entry(img(), 1, 0), 300u);
+    EXPECT_EQ(datazone_free_count(0), 3 * 131072);
+    EXPECT_EQ(bitmap_free_bits(&g_dz_ctx[0].block_map), 3u);
+    EXPECT_EQ(bitmap_err_bits(&g_dz_ctx[0].block_map), 0u);
+}
+
+// Counters that disagree with the maps (less than one block free after a clear) are reported
+// unprefixed whatever the masks, with a dump of every block to the event log.
+TEST_F(DataZone, BlockClearReportsLessThanABlockFree) {
+    ASSERT_TRUE(aging::fill_block(img(), 1, 100, 300));
+    ASSERT_EQ(init(), 0);
+    g_dz_ctx[0].free_count = 0;
+    EventLog log;
+    LogMask quiet(0, 0);
+    StdoutCapture cap;
+    block_clear(0, 1);
+    const std::string out = cap.stop();
+    EXPECT_TRUE(contains(out, "\nfatal error disk:0 free count:130972\n")) << out;
+    EXPECT_TRUE(contains(out, "]disk:0 block:1 val:0x12c [b:0 f:131072 e:0] full free\n")) << out;
+    EXPECT_TRUE(contains(out, "]disk:0 block:2 val:0x0 [b:0 f:131072 e:0] full free\n")) << out;
+    EXPECT_TRUE(contains(out, "]disk:0 block:3 val:0x0 [b:0 f:131072 e:0] full free\n")) << out;
+    EXPECT_EQ(datazone_free_count(0), 130972);
+}
+
+// The earliest search traces each candidate and logs what it found.
+TEST_F(DataZone, BlockEarliestWritesItsEventLines) {
+    ASSERT_TRUE(aging::fill_block(img(), 2, 0, 0x300));
+    ASSERT_TRUE(aging::fill_block(img(), 3, 0, 0x200));
+    ASSERT_EQ(init(), 0);
+    EventLog log;
+    LogMask info(0x8);
+    StdoutCapture cap;
+    uint32_t seq = 0;
+    ASSERT_EQ(block_earliest(0, &seq), 3);
+    EXPECT_EQ(seq, 0x200u);
+    const std::string out = cap.stop();
+    EXPECT_TRUE(contains(out, "]:\x1b[0mseq:0 diskid:0,id:1,time:c00\n")) << out;
+    EXPECT_TRUE(contains(out, "]:\x1b[0mseq:1 diskid:0,id:2,time:800\n")) << out;
+    EXPECT_TRUE(contains(out, "]find earliest disk:0 block:3 time:200 count:1\n")) << out;
+    EXPECT_TRUE(contains(out, "]->disk:0 block:3 time:200\n")) << out;
+    EXPECT_FALSE(contains(out, "->disk:0 block:2")) << out;
+}
+
 TEST_F(DataZone, BlockClearRefusesTheCurrentBlock) {
     ASSERT_EQ(init(), 0);
     LogMask quiet(0, 0);
