@@ -39,6 +39,19 @@ extern "C" ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size
     return real(fd, cluster, offset, buf, n);
 }
 
+// Map writes go through write_cluster; when armed, a write to the chosen cluster fails.
+namespace {
+int g_fail_write_cluster = -1;
+}  // namespace
+
+extern "C" ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n) {
+    using Fn = ssize_t (*)(int, int, int, const void *, size_t);
+    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write_cluster"));
+    if (real == nullptr) return -1;
+    if (cluster == g_fail_write_cluster) return -1;
+    return real(fd, cluster, offset, buf, n);
+}
+
 namespace {
 
 using recstore_test::LogMask;
@@ -85,6 +98,7 @@ class DataZone : public ::testing::Test {
         g_magic[0] = kMagic16T;
         g_fs_rdonly = 0;
         g_short_read_cluster = -1;
+        g_fail_write_cluster = -1;
         ASSERT_TRUE(aging::make_image(image_, 200 * kGiB));
     }
     void TearDown() override {
@@ -93,6 +107,7 @@ class DataZone : public ::testing::Test {
         g_fs_rdonly = 0;
         g_magic[0] = saved_magic_;
         g_short_read_cluster = -1;
+        g_fail_write_cluster = -1;
         unlink(image_.c_str());
         rmdir(dir_.c_str());
         g_disk[0].devname[0] = '\0';
@@ -1202,6 +1217,46 @@ TEST_F(DataZone, ShortReadOfABlockMapFailsCleanly) {
     EXPECT_EQ(datazone_is_inited(0), 0);
     g_short_read_cluster = -1;
     EXPECT_EQ(init(), 0);
+}
+
+// The chosen block's map cannot be read: no block becomes current and the block map is left as
+// it was.
+TEST_F(DataZone, BlockAllocFailsWhenTheBlockCannotBeLoaded) {
+    ASSERT_EQ(init(), 0);
+    g_short_read_cluster = 1;
+    LogMask errors(0x1);
+    StdoutCapture cap;
+    EXPECT_EQ(block_alloc(0), -1);
+    const std::string out = cap.stop();
+    EXPECT_TRUE(contains(out, "]:\x1b[0mpcurblock err\n")) << out;
+    EXPECT_EQ(g_dz_ctx[0].cur_block, nullptr);
+    EXPECT_EQ(aging::read_entry(img(), 0, 0), 0u);
+    EXPECT_EQ(bitmap_free_bits(&g_dz_ctx[0].block_map), 3u);
+    g_short_read_cluster = -1;
+    LogMask quiet(0, 0);
+    EXPECT_EQ(block_alloc(0), 1);
+}
+
+// Stamping the block busy fails (the block map cannot be written): -1, no current block, and the
+// entry is on no list until the next start, so that it is not taken again meanwhile.
+TEST_F(DataZone, BlockAllocFailsWhenTheStampCannotBeWritten) {
+    ASSERT_EQ(init(), 0);
+    g_fail_write_cluster = 0;
+    LogMask errors(0x1);
+    StdoutCapture cap;
+    EXPECT_EQ(block_alloc(0), -1);
+    const std::string out = cap.stop();
+    EXPECT_TRUE(contains(out, "]:\x1b[0mput busy disk:0 block:1 err\n")) << out;
+    EXPECT_EQ(g_dz_ctx[0].cur_block, nullptr);
+    EXPECT_EQ(aging::read_entry(img(), 0, 0), 0u);
+    cluster_bitmap *bm = &g_dz_ctx[0].block_map;
+    EXPECT_EQ(bitmap_free_bits(bm) + bitmap_busy_bits(bm) + bitmap_err_bits(bm), 2u);
+    g_fail_write_cluster = -1;
+    LogMask quiet(0, 0);
+    EXPECT_EQ(block_alloc(0), 2);
+    restart();  // the next start sees block 1 free again (and block 2, never written to)
+    EXPECT_EQ(bitmap_free_bits(&g_dz_ctx[0].block_map), 3u);
+    EXPECT_EQ(block_current(0), 1);
 }
 
 TEST_F(DataZone, ShortReadOfTheBlockMapFailsCleanly) {
