@@ -223,7 +223,9 @@ ssize_t read_recordinfo(int disk_id, int fd, recordinfo *out, handle_slot *slot)
     if (n <= 0) return n;
     inner_to_rec_info(buf, out);
     const int len = do_ext_get_len(out);
-    if (len >= 0) {
+    // The magic alone says whether the extension area is there (and so where the entries
+    // start); a garbage length that reads as negative is no reason to treat the area as entries.
+    if (len >= 0 || out->ext_magic == kExtMagic) {
         do_index_copy_ext(buf + kRecordInfoSize, len, slot);
     } else if (lseek64(fd, kRecordInfoSize, SEEK_SET) < 0) {
         report_errno("leek64");

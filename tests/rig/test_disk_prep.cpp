@@ -316,9 +316,12 @@ TEST_F(DiskPrep, RunningSystemDiskKeepsTableAndSystemPartition) {
     EXPECT_EQ(is_running_on_hd(disk.node.c_str()), 0);
 }
 
-// Only whole disks sda..sdh are listed, sorted by disk id; other nodes are never used.
+// Only whole disks sda..sdh are listed, sorted by disk id; other nodes are never used. The disks
+// appear in the order g, h, f, which is out of order whether the directory lists its entries in
+// the order they were made or in the reverse.
 TEST_F(DiskPrep, ProbeListsWholeDisksOnly) {
     rig::Disk &g = attach('g', 16 * kGiB);
+    rig::Disk &h = attach('h', 16 * kGiB);
     rig::Disk &f = attach('f', 16 * kGiB);
     rig::partition_simple(f);
     struct stat st;
@@ -337,10 +340,11 @@ TEST_F(DiskPrep, ProbeListsWholeDisksOnly) {
     memset(list, 'x', sizeof list);
     int count = -1;
     EXPECT_EQ(fs_probe(list, &count), 0);
-    ASSERT_EQ(count, 2);
+    ASSERT_EQ(count, 3);
     EXPECT_STREQ(list[0], f.node.c_str());
     EXPECT_STREQ(list[1], g.node.c_str());
-    EXPECT_EQ(list[2][0], '\0');
+    EXPECT_STREQ(list[2], h.node.c_str());
+    EXPECT_EQ(list[3][0], '\0');
     EXPECT_EQ(is_img_mounted(), 0);
 
     StdoutCapture out;

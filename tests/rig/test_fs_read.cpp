@@ -266,6 +266,64 @@ TEST_F(Read, RefusesDamagedEntries) {
     fs_close(h, nullptr);
 }
 
+// An entry of a damaged index file that names a cluster outside the disk's data area (one of
+// the map clusters before it, one past its end, all ones) is refused by the data zone; the sound
+// entries around it are still read, forward and backward, and the disk still records.
+TEST_F(Read, RefusesClustersOutsideTheDataZone) {
+    start(0);
+    const struct tm start_tm = make_tm(2024, 6, 1, 12, 30, 0);
+    const std::vector<Entry> entries = record(start_tm, {1, 2, 1, 3}, whole_clusters(4));
+    ASSERT_EQ(entries.size(), 4u);
+    const uint32_t past_end = g_dz_ctx[0].info.data_start + g_dz_ctx[0].info.data_count;
+    const uint32_t bad[3] = {0, past_end, 0xFFFFFFFFu};
+    {
+        const std::string name = index_name(0, kChannel, start_tm, kType);
+        const int fd = open(name.c_str(), O_RDWR);
+        ASSERT_GE(fd, 0);
+        struct stat st;
+        ASSERT_EQ(fstat(fd, &st), 0);
+        const off_t first = st.st_size - 4 * index_size();
+        for (int i = 0; i < 3; i++) {
+            EXPECT_EQ(pwrite(fd, &bad[i], 4, first + i * index_size()), 4);
+        }
+        close(fd);
+    }
+    const int h = open_reader(start_tm);
+    ASSERT_GE(h, 0);
+    uint32_t length = 0, count = 0;
+    kframe frames[RECSTORE_MAX_KFRAMES];
+    for (int i = 0; i < 3; i++) {
+        const std::string text =
+            printed([&] { EXPECT_EQ(fs_read(h, rbuf_.data(), &length, frames, &count), -1); });
+        EXPECT_TRUE(contains(
+            text, "fatal error,cluster:" + std::to_string(static_cast<int>(bad[i])) + ",start :"))
+            << i << "\n"
+            << text;
+    }
+    int r = fs_read(h, rbuf_.data(), &length, frames, &count);
+    expect_entry(entries[3], 3, r, length, count, frames, rbuf_.data());
+    r = fs_read_r(h, rbuf_.data(), &length, frames, &count);
+    expect_entry(entries[3], 3, r, length, count, frames, rbuf_.data());
+    const std::string text =
+        printed([&] { EXPECT_EQ(fs_read_r(h, rbuf_.data(), &length, frames, &count), -1); });
+    EXPECT_TRUE(contains(text, "fatal error,cluster:-1,start :")) << text;
+    fs_close(h, nullptr);
+
+    // The disk goes on recording and reading.
+    const struct tm next_tm = make_tm(2024, 6, 1, 12, 40, 0);
+    const std::vector<Entry> more = record(next_tm, {1, 1}, whole_clusters(2));
+    ASSERT_EQ(more.size(), 2u);
+    const int h2 = open_reader(next_tm);
+    ASSERT_GE(h2, 0);
+    for (uint32_t n = 0; n < 2; n++) {
+        r = fs_read(h2, rbuf_.data(), &length, frames, &count);
+        EXPECT_EQ(r, static_cast<int>(kCluster)) << n;
+        EXPECT_EQ(count, 1u) << n;
+        expect_payload(n, rbuf_.data(), kCluster);
+    }
+    fs_close(h2, nullptr);
+}
+
 // ---- preload ---------------------------------------------------------------------------------
 
 TEST_F(Read, PreloadWithoutDirectIoIsRefused) {

@@ -882,18 +882,33 @@ TEST_F(IndexFormat, ShortOrEmptyFilesAreRefused) {
 }
 
 TEST_F(IndexFormat, GarbageExtensionLengthDoesNotOverrun) {
-    for (uint32_t len : {0u, 6u, 4096u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+    // Start and end times are equal (all 0xA5), so the file counts as sound and opens; only a
+    // length of 1 to 2048 gives the handle a copy of the extension, never more than 2048 bytes.
+    const struct {
+        uint32_t len;
+        int copied;
+    } cases[] = {{0u, -1},    {6u, 6},           {2048u, 2048},     {2049u, -1},
+                 {4096u, -1}, {0x7FFFFFFFu, -1}, {0x80000000u, -1}, {0xFFFFFFFFu, -1}};
+    for (const auto &c : cases) {
         TempFile f;
         std::vector<uint8_t> hdr(10384 + 204, 0xA5);
         put_u32(hdr.data() + 8304, RECSTORE_EXT_MAGIC);
-        put_u32(hdr.data() + 8312, len);
+        put_u32(hdr.data() + 8312, c.len);
         put_u32(hdr.data() + 108, 0);
         f.write_at(0, hdr.data(), hdr.size());
         const int r = reopen(f);
-        if (r < 0) continue;
-        uint8_t buf[4096];
-        const int n = index_get_ext(r, buf, sizeof buf);
-        EXPECT_LE(n, 2048);
+        ASSERT_GE(r, 0) << c.len;
+        EXPECT_EQ(pos(r), 10384) << "entries follow the extension area, len " << c.len;
+        std::vector<uint8_t> buf(4096, 0);
+        LogMask quiet(0);
+        EXPECT_EQ(index_get_ext(r, buf.data(), static_cast<int>(buf.size())), c.copied) << c.len;
+        for (int i = 0; i < c.copied; ++i) ASSERT_EQ(buf[static_cast<size_t>(i)], 0xA5) << i;
+        for (size_t i = c.copied > 0 ? static_cast<size_t>(c.copied) : 0; i < buf.size(); ++i)
+            ASSERT_EQ(buf[i], 0) << "nothing copied past the extension, byte " << i;
+        uint32_t cid = 0, len = 0, cnt = 0;
+        kframe got[kMaxKframes];
+        EXPECT_EQ(index_get(r, &cid, &len, got, &cnt), 204) << "the entry after the area";
+        EXPECT_EQ(cid, 0xA5A5A5A5u);
         index_close(r, nullptr);
     }
 }
