@@ -3,6 +3,7 @@
 // (index file, link, cache tag, payload), the stream table's limits, the cache refresh, block
 // changes with the host's callbacks, the cache off, read-only and direct-I/O modes, and 64
 // streams writing while the block changes.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -37,6 +38,34 @@ using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
 
 using namespace recording_test;
+
+// ---- bitmap syncs ----------------------------------------------------------------------------
+
+// The library's bitmap syncs per disk. Every call the library makes goes through this function,
+// which counts it and hands it on to the library's own.
+std::atomic<int> g_bitmap_syncs[RECSTORE_MAX_DISKS];
+
+void reset_bitmap_syncs() {
+    for (auto &n : g_bitmap_syncs) n = 0;
+}
+
+// Bitmap syncs per disk since the last reset, as "d0 d1 ... d7".
+std::string bitmap_syncs() {
+    std::string text;
+    for (const auto &n : g_bitmap_syncs) text += (text.empty() ? "" : " ") + std::to_string(n);
+    return text;
+}
+
+}  // namespace
+
+extern "C" int datazone_sync_bm(int disk_id) {
+    using Fn = int (*)(int);
+    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "datazone_sync_bm"));
+    if (disk_id >= 0 && disk_id < RECSTORE_MAX_DISKS) g_bitmap_syncs[disk_id]++;
+    return real(disk_id);
+}
+
+namespace {
 
 // ---- the disks -----------------------------------------------------------------------------
 
@@ -325,6 +354,21 @@ TEST_F(Stream, CacheTagIsRefreshedOnEverySeventeenthWrite) {
     EXPECT_EQ((tags[0] >> 44) & 0xFFFF, (19u * kCluster) >> 16);
 }
 
+TEST_F(Stream, ADayAndStreamWithoutRecordingsHasNoCacheFile) {
+    start(0);
+    const struct tm t = make_tm(2024, 6, 6, 9, 0, 0);
+    const int h = create(15, t, 0);
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(write_cluster_n(h, 6, 0, secs(t)), int(kCluster));
+    fs_close(h, nullptr);
+    ASSERT_EQ(tags_in(cache_file(0, 15, t, 0)).size(), 1u);
+    // Same channel and day, other streams; the next day; another channel: no file at all.
+    for (int type = 1; type < 4; type++)
+        EXPECT_FALSE(exists(cache_file(0, 15, t, type))) << "stream " << type;
+    EXPECT_FALSE(exists(cache_file(0, 15, make_tm(2024, 6, 7, 9, 0, 0), 0)));
+    EXPECT_FALSE(exists(cache_file(0, 16, t, 0)));
+}
+
 TEST_F(Stream, CloseWithoutEndTimeKeepsTheLastFrameTime) {
     start(0);
     const struct tm t = make_tm(2024, 6, 5, 23, 0, 0);
@@ -541,9 +585,11 @@ TEST_F(Stream, BlockChangeOnTheSameDiskWhenTheBlockFills) {
 
     log.calls.clear();
     LogMask mask(kAllLevels);
+    reset_bitmap_syncs();
     StdoutCapture out;
     EXPECT_EQ(fs_changeblock(0, 0, 3), 0);
     const std::string text = out.stop();
+    EXPECT_EQ(bitmap_syncs(), "1 0 0 0 0 0 0 0") << "the disk's bitmaps are synced once";
     EXPECT_TRUE(contains(text, "change blk olddisk:[0 1] => newdisk:[0 2] cb:3 ok\n")) << text;
     EXPECT_TRUE(
         contains(slurp("/mnt/img/log.log"), "change blk olddisk:[0 1] => newdisk:[0 2] cb:3 ok\n"));
@@ -579,18 +625,22 @@ TEST_F(Stream, BlockChangeToASecondDiskAndWithoutOldBlock) {
 
     // Disk 0 has no current block yet: nothing is freed, the old block shows as all ones.
     LogMask mask(kAllLevels);
+    reset_bitmap_syncs();
     StdoutCapture out;
     EXPECT_EQ(fs_changeblock(0, 1, 5), 0);
     std::string text = out.stop();
+    EXPECT_EQ(bitmap_syncs(), "1 1 0 0 0 0 0 0") << "old and new disk, once each";
     EXPECT_TRUE(contains(text, "change blk olddisk:[0 4294967295] => newdisk:[1 1] cb:5 ok\n"))
         << text;
     EXPECT_EQ(log.calls, (std::vector<std::string>{"simple", "simple"}));
     EXPECT_EQ(fs_getblockid(1), kBlock1);
     EXPECT_EQ(fs_isblockfull(1), 0);
     // Back from disk 1 to disk 0: disk 1's block is ended, disk 0 gets block 1.
+    reset_bitmap_syncs();
     StdoutCapture out2;
     EXPECT_EQ(fs_changeblock(1, 0, 6), 0);
     text = out2.stop();
+    EXPECT_EQ(bitmap_syncs(), "1 1 0 0 0 0 0 0") << "old and new disk, once each";
     EXPECT_TRUE(contains(text, "change blk olddisk:[1 1] => newdisk:[0 1] cb:6 ok\n")) << text;
     EXPECT_EQ(fs_isblockfull(1), 1);
     EXPECT_EQ(block_get_current(1), -1);
@@ -635,9 +685,11 @@ TEST_F(Stream, FailedAllocationStillCallsTheAfterCallback) {
     fs_set_exphandle_ex(&ex);
     const uint32_t block_map_before = aging::read_entry(part.c_str(), 0, 0);
     LogMask mask(kAllLevels);
+    reset_bitmap_syncs();
     StdoutCapture out;
     EXPECT_EQ(fs_changeblock(0, 0, 9), 0);
     const std::string text = out.stop();
+    EXPECT_EQ(bitmap_syncs(), "0 0 0 0 0 0 0 0") << "a failed change syncs nothing";
     EXPECT_TRUE(contains(text,
                          "change blk olddisk:[0 4294967295] => newdisk:[0 4294967295] cb:9 "
                          "alloc failed\n"))
