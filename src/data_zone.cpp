@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "bitmap.h"
+#include "fs.h"  // mode flags and the stream table read by fs_datazone_read
 #include "fs_tools.h"
 
 using namespace recstore;

@@ -23,7 +23,10 @@
 #include <cstdarg>
 #include <memory>
 
+#include "cache.h"
+#include "data_zone.h"
 #include "fs_tools.h"
+#include "index.h"
 
 fs_disk_info g_disk[RECSTORE_MAX_DISKS];
 fs_group g_grp[RECSTORE_MAX_GROUPS];

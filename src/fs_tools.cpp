@@ -18,6 +18,9 @@
 
 #include <string>
 
+#include "fs.h"     // g_disk: the device names every disk path is built from
+#include "index.h"  // g_magic: the disk format that bounds the supported size
+
 using recstore::valid_disk_id;
 
 static_assert(sizeof(fs_tm) == 44, "fs_tm is eleven 32-bit words");

@@ -10,6 +10,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "fs_tools.h"  // from_fs_tm, the broken-down time conversion
 #include "recstore.h"
 
 namespace recstore {

@@ -19,6 +19,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "fs.h"  // fs_version, which tells a version-1 disk
 #include "fs_tools.h"
 #include "fstype_old.h"
 

@@ -16,6 +16,9 @@
 
 #include <vector>
 
+#include "cache.h"
+#include "data_zone.h"
+#include "fs.h"
 #include "fs_tools.h"
 
 using recstore::MutexGuard;
