@@ -1,6 +1,15 @@
 // Cluster bitmaps: one on-disk map cluster held in memory as raw entries plus a node per entry
 // on one of three circular lists (busy, free, error). Taking or deleting a node is memory-only;
 // every state change (a put) is written through to the map at once, 4 bytes at a time.
+//
+// File map, in order:
+//   List primitives and the helpers shared by the three lists: circular-list operations, the
+//     node of an entry, the generic take, put, delete, emptiness test and count per list.
+//   Loading, releasing and unlinking a map: bitmap_init reads the map cluster and sorts every
+//     entry onto its list, bitmap_exit frees it, bitmap_unlink_keep_count and list_del.
+//   Entries: bitmap_val and the get, test, put and del operations of each list.
+//   Clearing, state tests and counts: bitmap_clear, bitmap_is_*, bitmap_*_bits.
+// No lock is taken here; the data zone calls in with the disk's mutex held.
 #include "bitmap.h"
 
 #include <cstdlib>
@@ -9,6 +18,10 @@
 #include "fs_tools.h"
 
 using namespace recstore;
+
+// ---------------------------------------------------------------------------------------------
+// List primitives and the helpers shared by the three lists
+// ---------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -220,6 +233,10 @@ bool clear_list(cluster_bitmap *bm, ListKind kind) {
 
 }  // namespace
 
+// ---------------------------------------------------------------------------------------------
+// Loading, releasing and unlinking a map
+// ---------------------------------------------------------------------------------------------
+
 bool recstore::bitmap_unlink_keep_count(cluster_bitmap *bm, uint32_t id) {
     if (!loaded(bm)) return false;
     bitmap_node *pnode = node_at(bm, id);
@@ -292,6 +309,10 @@ void bitmap_exit(cluster_bitmap *bm) {
     release(bm);
 }
 
+// ---------------------------------------------------------------------------------------------
+// Entries: value, take, test, put and delete
+// ---------------------------------------------------------------------------------------------
+
 uint32_t bitmap_val(cluster_bitmap *bm, uint32_t id) {
     if (!loaded(bm)) {
         FS_LOG_ERR("null ptr\n");
@@ -342,6 +363,10 @@ int bitmap_busy_del(cluster_bitmap *bm, uint32_t id) {
 int bitmap_err_del(cluster_bitmap *bm, uint32_t id) {
     return del(bm, id, ListKind::Err);
 }
+
+// ---------------------------------------------------------------------------------------------
+// Clearing, state tests and counts
+// ---------------------------------------------------------------------------------------------
 
 int bitmap_clear(cluster_bitmap *bm) {
     if (!loaded(bm)) return -1;

@@ -3,6 +3,21 @@
 // deletion need not open every index file on disk. This module mounts and unmounts the tmpfs,
 // runs the per-disk loader thread that rebuilds a disk's cache from its index tree, appends tags,
 // rewrites cache files to drop tags, and removes the cache files that lie before a time.
+//
+// File map, in order:
+//   Helpers: leaf paths, tag appends, the mount command, the loader-thread count
+//     (g_loaders_lock), the loader's per-file work, pruning before a time, the rewrite copy and
+//     the tag byte codec.
+//   Tag I/O and rewriting: do_cache_read_tag, do_cache_write_tag, do_cache_rewrite,
+//     do_cache_prune_dirs.
+//   Mounting: cache_init, cache_exit (which waits for the loaders).
+//   Loading a disk's cache: cache_load (starts the detached loader), proc_cache_load,
+//     buildcache, cache_unload, cache_clear.
+//   Tags: cache_create and the loaded, full and read-only queries.
+//   Removing tags and cache files: do_cache_delete_cond, cache_delete, cache_del_before_action.
+//   Search and calendar over a channel's cache tree: cache_findaction (scans under
+//     g_cachelock), cache_calendar_action.
+// g_cachelock guards every read, append, rewrite and removal of cache files.
 #include "cache.h"
 
 #include <errno.h>
@@ -30,6 +45,10 @@ using recstore::valid_disk_id;
 int g_cache_rdonly = 0;
 int g_cache_loaded[RECSTORE_MAX_DISKS] = {0};
 pthread_mutex_t g_cachelock = PTHREAD_MUTEX_INITIALIZER;
+
+// ---------------------------------------------------------------------------------------------
+// Helpers: paths, tag appends, mounting, the loader-thread count, pruning and the rewrite copy
+// ---------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -4,6 +4,20 @@
 // blocks for recycling, clears blocks, allocates and frees clusters, moves whole clusters in and
 // out and keeps the zone-wide busy, free and error counts. No lock is taken here: the disk layer
 // serialises the calls per disk.
+//
+// File map, in order:
+//   The zone table and the payload I/O lock: g_io_lock (one read-write lock per disk, shared by
+//     payload I/O, exclusive in datazone_exit), its guard and g_dz_ctx.
+//   Small helpers: id and range checks, descriptor handling, the start-up block scan, logging.
+//   Geometry: dz_compute_geometry.
+//   Layout and initialisation: datazone_init/exit, do_block_chk, datazone_chk, datazone_getinfo,
+//     datazone_dump and datazone_clear.
+//   Block manager: block_load/unload, the current block (block_current, block_alloc, block_free,
+//     block_get_current), the block filters, block_ultimate, block_earliest/before, the sequence
+//     helpers, block_clear and do_block_dump.
+//   Cluster I/O and accounting: datazone_alloc/free/val, whole-cluster reads and writes, sync,
+//     the zone-wide counts and fullness tests, and fs_datazone_read (a stream's read through
+//     its preload buffer).
 #include "data_zone.h"
 
 #include <fcntl.h>
@@ -24,6 +38,9 @@
 #include "fs_tools.h"
 
 using namespace recstore;
+
+// ---------------------------------------------------------------------------------------------
+// The zone table and the payload I/O lock.
 
 namespace {
 

@@ -3,6 +3,21 @@
 // mounting through the external tools), bringing a disk's data zone up and the fullness tests;
 // the stream table with opening, writing and closing recordings, block changes with the host's
 // callbacks, and the deletion of recordings and of whole blocks.
+//
+// File map, in order:
+//   (head) The disk table g_disk and group table g_grp with the mode flags, and fs_version.
+//   Disk preparation: external tools, partitioning, formatting, checking, mounting, probing and
+//     the system-partition tests (fs_format, fs_chk, fs_mount, fs_umount, fs_probe).
+//   The disk table, groups and fullness: g_diskrwlock, the stream table g_file_ctx with g_fslock,
+//     the exception-handler words, fs_init/exit, opening and closing disks, bringing a data zone
+//     up and down, fullness tests, groups, fs_lockdisk/fs_unlockdisk.
+//   Streams: fs_open (current block, index file, block link, cache tag), fs_write, fs_close and
+//     the small per-stream operations.
+//   Reading: fs_read, fs_read_r, preload, tell and seek, key-frame navigation.
+//   Block change and the host's exception callbacks: fs_changeblock and the handler setters.
+//   Deletion: fs_delete, fs_delete_index_before, fs_clear and the block tests of recycling
+//     (fs_block_timeout, fs_earliest, fs_before).
+//   Search and calendar of one disk: fs_find, fs_get_calendar and their index-tree actions.
 #include "fs.h"
 
 #include <dirent.h>

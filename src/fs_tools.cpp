@@ -2,6 +2,21 @@
 // wrapper, broken-down time conversion, walk statistics, the naming of every device, partition,
 // directory, file, link and cache entry (with the cache tag codec), directory walking and
 // removal, mount-table lookups, block-device sizes and raw cluster I/O.
+//
+// File map, in order:
+//   (head) Layout checks of the shared records, constants, small helpers and the block-device
+//     ioctl pointer that tests replace.
+//   Messages: fs_log_msg, fs_log_plain, fs_assert_fail.
+//   Host utilities and the event log: fs_log_init/exit/file, fs_system, fs_tm conversion, walk
+//     statistics text.
+//   Device, partition and index-tree names: disk_root, *_partion, mount_point, idx_root, the
+//     mk_idx_* builders, todiskid, tocachename.
+//   Name parsers: filename_to_record, fullname_to_record, linkname_to_record and the cache forms.
+//   Cache tags: the 8-byte tag codec and its match predicates.
+//   Path helpers: mk_parent, mkdir_recursive, path joins, empty-directory removal.
+//   Directory walking: the timed walk helpers, find_recursive(_nostat), remove_file.
+//   Mount table, block devices, clusters: mount lookups, blockdev_size, the supported disk size,
+//     read_cluster and write_cluster.
 #include "fs_tools.h"
 
 #include <errno.h>

@@ -6,6 +6,21 @@
 // an extension area) followed by one 204-byte entry per data cluster written. The header on disk
 // is complete only once its writer closed it; a file whose end time is still unset is repaired
 // from its entries by the next opener.
+//
+// File map, in order:
+//   (head) g_magic, the handle table g_idx_ctx and small helpers.
+//   Record-info format: header sizes per disk, the extension area, reading and writing headers.
+//   Entries: index_write/read/get and their backward forms.
+//   Handle table: index_init/exit, index_size, slot taking and release.
+//   Opening, repairing and closing: index_open (with do_index_setup and the repair of a header
+//     that was never finalised) and index_close.
+//   Header fields of an open recording: extension, flags, stat, header flushes, mode, alarms,
+//     index_isopen, index_chk.
+//   Deleting and clearing: index_del, index_clear.
+//   Magic file and fullness: index_write/check/erase_magic, index_isfull.
+//   Positioning: offsets, ltell/lseek and ttell/tseek by key-frame time.
+// No lock is taken here: the disk layer opens and closes handles under g_fslock, and a handle is
+// used by one thread at a time.
 #include "index.h"
 
 #include <errno.h>
@@ -549,6 +564,10 @@ void do_index_release(int handle) {
 
 }  // namespace recstore
 
+// ============================================================================================
+// Opening, repairing and closing
+// ============================================================================================
+
 namespace {
 
 // Creating: fills the record from the arguments and writes the new header.
@@ -819,6 +838,10 @@ void index_close(int handle, const struct tm *end) {
     }
     do_index_release(handle);
 }
+
+// ============================================================================================
+// Header fields of an open recording
+// ============================================================================================
 
 int index_get_ext(int handle, void *buffer, int size) {
     if (!valid_handle(handle)) {

@@ -4,6 +4,23 @@
 // the disk recordings go to, changes block and disk when they fill, recycles the oldest block
 // when every disk is full and runs the forced periodic deletion. Every stream operation is
 // forwarded to the stream of the disk layer that the handle maps to.
+//
+// File map, in order (banners "/* ---- name ---- */"):
+//   (head) g_recctx, the device list g_devname/g_diskcount and the clock hook g_rec_pfn_time.
+//   internal helpers: atomic word access, the disk-table guard, probing, plug-in and plug-out of
+//     one disk, the daemon's rotation step, stream-slot and open helpers.
+//   lifecycle: rec_init, rec_exit, rec_is_inited.
+//   daemon: rec_bringup_deamon/rec_shutdown_deamon, rec_daemon, do_disk_loop, hot-plug.
+//   settings: period, force, overlap, clock hook, rec_lockdisk/rec_unlockdisk, rec_dump.
+//   opening and closing: rec_open_v2 (and its older forms), rec_close.
+//   operations on a handle: write, read, stat, alarms, key frames, tell and seek.
+//   whole-library operations: preload step, cache queries, exception handlers.
+//   disk rotation: rec_diskcurrent, rec_changedisk.
+//   recycling, as the daemon's pass runs it: rec_earliest, rec_overlap, rec_before and the
+//     age deletion.
+//   deleting one recording: rec_delete.
+//   search over all disks: find slots, rec_find_open and paging.
+//   calendar over all disks: rec_get_calendar.
 #include "rec.h"
 
 #include <stddef.h>
@@ -36,6 +53,8 @@ static_assert(offsetof(rec_find_info, total_bytes_lo) == 104, "result words 42-4
 static_assert(offsetof(rec_find_info, has_ext) == 120, "result word 46");
 static_assert(sizeof(rec_find_result) == 192, "a result is 48 words");
 static_assert(offsetof(rec_find_result, info) == 64, "second piece from byte 64");
+
+/* ---- internal helpers ---- */
 
 namespace {
 
