@@ -382,33 +382,81 @@ typedef struct cluster_bitmap {
     uint32_t err_bits;     /* nodes on err_list */
 } cluster_bitmap;
 
+/* Zeroes *bm and loads the count entries (1 to 131072) of the map in cluster through fd, putting
+ * each entry's node on the list of its state; bm keeps fd for later writes. 0, or -1 for a null
+ * bm, a bad count, no memory or a short read (nothing left allocated). Reads the map, writes
+ * nothing; no lock (callers hold the disk's mutex). */
 int bitmap_init(cluster_bitmap *bm, int count, int fd, uint32_t cluster);
+/* Frees the entries and nodes and zeroes *bm; nothing for null. No I/O. */
 void bitmap_exit(cluster_bitmap *bm);
-/* Raw entry, or 0xFFFFFFFF. */
+/* Raw entry id from memory, or 0xFFFFFFFF when the bitmap is not loaded or id is beyond it
+ * (reported). No I/O. */
 uint32_t bitmap_val(cluster_bitmap *bm, uint32_t id);
+/* Takes the first node off the free list and lowers the free count (memory only, the map is not
+ * written): its id, or -1 when the list is empty or the bitmap is not loaded. */
 int bitmap_free_get(cluster_bitmap *bm);
+/* Takes the first node off the busy list and lowers the busy count (memory only): its id, or -1
+ * when the list is empty or the bitmap is not loaded. */
 int bitmap_busy_get(cluster_bitmap *bm);
+/* Takes the first node off the error list and lowers the error count (memory only): its id, or
+ * -1 when the list is empty or the bitmap is not loaded. */
 int bitmap_err_get(cluster_bitmap *bm);
+/* Id of the first node on the free list, left there; -1 when the list is empty or the bitmap is
+ * not loaded. No I/O. */
 int bitmap_free_test(cluster_bitmap *bm);
+/* Id of the first node on the busy list, left there; -1 when the list is empty or the bitmap is
+ * not loaded. No I/O. */
 int bitmap_busy_test(cluster_bitmap *bm);
+/* Id of the first node on the error list, left there; -1 when the list is empty or the bitmap is
+ * not loaded. No I/O. */
 int bitmap_err_test(cluster_bitmap *bm);
+/* Makes entry id free with value (bits 29-0), writes the 4-byte entry to the map at once (not
+ * synced) and puts the node at the head of the free list, counted. The node must be off every
+ * list (a get or del first). 0, or -1 when the bitmap is not loaded, id has no node or the write
+ * fails (the entry in memory is then changed, the node not listed). */
 int bitmap_free_put(cluster_bitmap *bm, uint32_t id, uint32_t value);
+/* Makes entry id busy (state 10) with value, writes it to the map at once (not synced) and puts
+ * the node at the head of the busy list, counted. The node must be off every list. 0, or -1 as
+ * bitmap_free_put. */
 int bitmap_busy_put(cluster_bitmap *bm, uint32_t id, uint32_t value);
+/* Makes entry id in error (state 11) with value, writes it to the map at once (not synced) and
+ * puts the node at the head of the error list, counted. The node must be off every list. 0, or
+ * -1 as bitmap_free_put. */
 int bitmap_err_put(cluster_bitmap *bm, uint32_t id, uint32_t value);
+/* Unlinks node id from the list it is on and lowers the free count (name the list the node is
+ * on). Memory only. 0, or -1 when not loaded, id has no node or the node is on no list. */
 int bitmap_free_del(cluster_bitmap *bm, uint32_t id);
+/* Unlinks node id from its list and lowers the busy count. Memory only. 0, or -1 when not
+ * loaded, id has no node or the node is on no list. */
 int bitmap_busy_del(cluster_bitmap *bm, uint32_t id);
+/* Unlinks node id from its list and lowers the error count. Memory only. 0, or -1 when not
+ * loaded, id has no node or the node is on no list. */
 int bitmap_err_del(cluster_bitmap *bm, uint32_t id);
+/* Makes every busy and error entry free, keeping its value: each is written to the map (not
+ * synced) and moved to the free list. 0, or -1 when not loaded or a write failed. */
 int bitmap_clear(cluster_bitmap *bm);
+/* 1 when entry id is free (state 00) in memory, else 0 (also not loaded or id beyond the map). */
 int bitmap_is_free(cluster_bitmap *bm, uint32_t id);
+/* 1 when entry id is busy (state 10) in memory, else 0. */
 int bitmap_is_busy(cluster_bitmap *bm, uint32_t id);
+/* 1 when entry id is in error (state 01 or 11) in memory, else 0. */
 int bitmap_is_err(cluster_bitmap *bm, uint32_t id);
+/* 1 when the free list is empty (also when not loaded, reported), else 0; an empty list with a
+ * non-zero count is reported. */
 int bitmap_is_free_empty(cluster_bitmap *bm);
+/* 1 when the busy list is empty (also when not loaded, reported), else 0; an empty list with a
+ * non-zero count is reported. */
 int bitmap_is_busy_empty(cluster_bitmap *bm);
+/* 1 when the error list is empty (also when not loaded, reported), else 0; an empty list with a
+ * non-zero count is reported. */
 int bitmap_is_err_empty(cluster_bitmap *bm);
+/* Nodes counted on the free list; 0 when not loaded (reported). */
 uint32_t bitmap_free_bits(cluster_bitmap *bm);
+/* Nodes counted on the busy list; 0 when not loaded (reported). */
 uint32_t bitmap_busy_bits(cluster_bitmap *bm);
+/* Nodes counted on the error list; 0 when not loaded (reported). */
 uint32_t bitmap_err_bits(cluster_bitmap *bm);
-/* Unlinks a node and poisons its links (next 0x100100, prev 0x200200). */
+/* Unlinks a node that is on a list and poisons its links (next 0x100100, prev 0x200200). */
 void list_del(bitmap_list *entry);
 
 /* A loaded block (80 bytes on the 32-bit target). */
@@ -443,62 +491,180 @@ typedef struct datazone_ctx {
     uint32_t err_count;       /* clusters in error */
 } datazone_ctx;
 
+/* Per-disk data-zone records, indexed by disk id, guarded by the disk's mutex (g_disk[].lock);
+ * payload reads and writes use the descriptors under an internal per-disk I/O lock instead. */
 extern datazone_ctx g_dz_ctx[RECSTORE_MAX_DISKS];
 
 /* Block filters of block_ultimate: (disk, block index, argument, block count) -> 1 keep, 0 drop. */
 typedef int (*block_filter)(int disk, uint32_t index, void *arg, uint32_t count);
 
+/* Opens the disk's data partition (read-write, read-only and payload descriptors; O_DIRECT ones
+ * with directio), computes the geometry and, unless read-only, loads the block map and every
+ * block's cluster map, sums the counts and repairs block-map entries that disagree with their
+ * cluster map (written and fsynced). 0, also when already open; -1 for a bad id, an open
+ * failure, a partition too small or a map that cannot be read (descriptors closed again). Caller
+ * holds the disk's mutex. Writes the event log. */
 int datazone_init(int disk_id, int directio);
+/* Unloads the current block, frees the block map, closes the descriptors and zeroes the record;
+ * waits for running payload reads and writes (takes the I/O lock exclusively). Nothing for a bad
+ * id or a zone not open. Caller holds the disk's mutex. Writes nothing. */
 void datazone_exit(int disk_id);
+/* 1 when the zone's read-write, read-only and write descriptors are open, else 0 (reported; also
+ * for a bad id). No lock, no I/O. */
 int datazone_is_inited(int disk_id);
+/* Loads every block's cluster map and checks its block-map entry (do_block_chk with fix). 0, or
+ * -1 for a bad id, a zone not open or a block that cannot be loaded (the check stops there).
+ * Caller holds the disk's mutex. */
 int datazone_chk(int disk_id, int fix);
+/* Checks the block's block-map entry against its cluster map: a block without free cluster must
+ * be busy, one with free clusters free. A mismatch goes to the event log and, with fix, is
+ * corrected in the block map (written). Always fsyncs the map descriptor. Nothing for a null
+ * block or a block map not loaded. Caller holds the disk's mutex. */
 void do_block_chk(dz_block *block, int fix);
+/* Copies the zone's geometry to out, with totalsize re-read from the device and freesize = free
+ * clusters x 524288 (both also stored in the zone). 0, or -1 for a bad id, a zone not open or
+ * null out. Caller holds the disk's mutex. */
 int datazone_getinfo(int disk_id, datazone_info *out);
+/* Writes one line on the zone's current block, earliest block and counts to fd: dprintf's
+ * result, or -1 for a negative fd or a bad id. Caller holds the disk's mutex (the maps are read;
+ * the earliest-block search writes the event log). */
 int datazone_dump(int fd, int disk_id);
+/* Zeroes every map cluster of the disk's data partition, each block's cluster map first and the
+ * block map last, through a descriptor of its own (geometry from the device size and g_magic).
+ * 0, or -1 for a bad id, an open failure, a partition too small or a short write. Not synced. An
+ * open zone keeps its old maps in memory. */
 int datazone_clear(int disk_id);
 
+/* Reads the cluster map of block block_id (the cluster number of its map) into a new dz_block
+ * owned by the caller (block_unload). NULL for a bad id, a zone not open, a block id outside the
+ * zone, no memory or a failed read. Caller holds the disk's mutex; writes nothing. */
 dz_block *block_load(int disk_id, uint32_t block_id);
+/* Frees a block from block_load; nothing (reported) for null. No I/O. */
 void block_unload(dz_block *block);
+/* Makes a current block: loads the block that block_current chooses and stamps it busy with the
+ * clock's sequence in the block map (written, not synced). Its block id; the loaded current
+ * block's id when there is one already; -1 in read-only mode, for a bad id or a zone not open,
+ * when no block is free, or the block cannot be loaded or stamped. Caller holds the disk's
+ * mutex. */
 int block_alloc(int disk_id);
+/* Unloads the current block: its map in memory is dropped, the map on disk stays as written. 0,
+ * or -1 for a bad id, a zone not open or no current block. Caller holds the disk's mutex; no
+ * I/O. */
 int block_free(int disk_id);
+/* Chooses, without loading or changing anything, the block block_alloc would make current: the
+ * latest-stamped non-current block that is free in the block map but holds used clusters, else
+ * the first free block. Its block id, or -1 in read-only mode, for a bad id, a zone not open or
+ * no free block. Unlike block_get_current it does not return the loaded current block. Caller
+ * holds the disk's mutex; reads candidate cluster maps; writes the event log. */
 int block_current(int disk_id);
+/* Block id of the loaded current block, or -1 (reported) when none is loaded, for a bad id or a
+ * zone not open. Caller holds the disk's mutex; no I/O. */
 int block_get_current(int disk_id);
+/* 1 when the current block has no free cluster, also when none is loaded, for a bad id or a zone
+ * not open; else 0. Caller holds the disk's mutex; no I/O. */
 int block_is_free_empty(int disk_id);
+/* 1 when the current block has no busy cluster on its list, also when none is loaded, for a bad
+ * id or a zone not open; else 0. Caller holds the disk's mutex; no I/O. */
 int block_is_busy_empty(int disk_id);
-/* Raw block map entry, or 0xFFFFFFFF. */
+/* Raw block-map entry of block block_id, or 0xFFFFFFFF for a bad id, a zone not open, read-only
+ * mode (reported) or a block id outside the zone. Caller holds the disk's mutex; no I/O. */
 uint32_t block_val(int disk_id, uint32_t block_id);
+/* Block id of the earliest-stamped block in use (busy or in error, or free with used clusters)
+ * that is not current; its sequence into *seq when seq is given. -1 when there is none or
+ * block_ultimate fails. Caller holds the disk's mutex; loads the cluster maps of free blocks;
+ * writes the event log. */
 int block_earliest(int disk_id, uint32_t *seq);
-/* time: seconds since the epoch; blocks taken before it (and after 0) are listed. */
+/* Stamped non-current blocks taken before time (seconds since the epoch; sequence x 4, after 0),
+ * earliest first, up to max into out: their number, 0 also on failure. Caller holds the disk's
+ * mutex; writes the event log. */
 int block_before(int disk_id, int32_t time, block_entry *out, int max);
+/* Lists the blocks that filter keeps (all without filter) sorted by sequence, earliest first
+ * (latest first with latest), and copies up to max into out. The number copied (0 for null out),
+ * or -1 for a bad id, a zone not open or no block map loaded (read-only). Caller holds the
+ * disk's mutex; writes the result to the event log. */
 int block_ultimate(int disk_id, block_filter filter, void *arg, int latest, block_entry *out,
                    int max);
+/* The non-empty entry with the lowest sequence (the first of equals), or NULL for a null or
+ * empty list. No lock. */
 block_entry *blk_seq_earliest(block_entry *list, int count);
+/* The non-empty entry with the highest sequence (the first of equals), or NULL for a null or
+ * empty list. No lock. */
 block_entry *blk_seq_latest(block_entry *list, int count);
+/* Frees every cluster of a block that is not current: its busy and error entries become free
+ * keeping their stamps, its block-map entry becomes free keeping its sequence (all written, not
+ * synced) and the zone counts move them to free. Nothing (reported) in read-only mode, for a bad
+ * id, a zone not open, the current block or a block that cannot be loaded. Caller holds the
+ * disk's mutex; writes the event log. */
 void block_clear(int disk_id, uint32_t block_id);
+/* Writes one line on the block's state to the event log; nothing in read-only mode or for a null
+ * block. Caller holds the disk's mutex. */
 void do_block_dump(dz_block *block);
+/* qsort comparator of block_entry by sequence, earliest first (the signed difference of the
+ * sequences). */
 int compareblock(const void *a, const void *b);
+/* qsort comparator of block_entry by sequence, latest first. */
 int compareblock_r(const void *a, const void *b);
+/* Filter of block_earliest: 1 for a stamped non-current block that is busy or in error, or free
+ * with busy or error clusters (its cluster map is loaded to tell); else 0. index counts blocks
+ * from 0; arg and count are not used. */
 int block_filter_not_allfree_and_not_current(int disk, uint32_t index, void *arg, uint32_t count);
+/* Filter of block_current: 1 for a stamped non-current block that is free in the block map but
+ * has busy or error clusters (its cluster map is loaded); else 0. */
 int block_filter_halffree_and_not_current(int disk, uint32_t index, void *arg, uint32_t count);
-/* arg: pointer to an int32_t time in seconds. */
+/* Filter of block_before; arg: pointer to an int32_t time in seconds. 1 for a non-current block
+ * stamped after 0 and before that time, else 0 (also for null arg). */
 int block_filter_before_and_not_current(int disk, uint32_t index, void *arg, uint32_t count);
 
+/* Takes a free cluster of the current block and stamps it busy with the clock's sequence (map
+ * entry written, not synced; a failed write still hands it out); the zone's counts move it from
+ * free to busy. The absolute cluster id, or -1 for a bad id, a zone not open, no current block
+ * or no free cluster in it. Caller holds the disk's mutex. */
 int datazone_alloc(int disk_id);
+/* Frees a cluster of the current block: its entry becomes free keeping its stamp (written, not
+ * synced) and the zone's counts move it; the block's own busy count keeps it until the block is
+ * loaded again. 0, or -1 for a bad id, a zone not open, no current block, a cluster outside the
+ * current block, a cluster already free or a failed write. Clusters of other blocks are freed
+ * only by block_clear. Caller holds the disk's mutex. */
 int datazone_free(int disk_id, int cluster_id);
-/* Raw cluster map entry of a cluster of the current block, or 0xFFFFFFFF. */
+/* Raw cluster-map entry of a cluster of the current block, or 0xFFFFFFFF for a bad id, a zone
+ * not open, no current block or a cluster outside it (reported). Caller holds the disk's mutex;
+ * no I/O. */
 uint32_t datazone_val(int disk_id, int cluster_id);
+/* Reads one whole cluster (524288 bytes) into buf through the buffered read-only descriptor: the
+ * bytes read (short at the partition's end), or -1 for a bad id, a zone not open, a cluster
+ * outside the data area ("fatal error" printed) or a read error. Needs no disk mutex: takes the
+ * disk's I/O lock shared. */
 int datazone_read(int disk_id, int cluster_id, void *buf);
+/* As datazone_read through the O_DIRECT descriptor (buf page-aligned); -1 also when the zone was
+ * opened without direct I/O. */
 int datazone_read_direct(int disk_id, int cluster_id, void *buf);
+/* Writes one whole cluster from buf through the payload descriptor (O_DIRECT with direct I/O:
+ * buf page-aligned): the bytes written, or -1 for a bad id, a zone not open, a cluster outside
+ * the data area or a write error. Not synced. Needs no disk mutex: takes the I/O lock shared. */
 int datazone_write(int disk_id, int cluster_id, const void *buf);
+/* fsyncs the zone's payload, read-only and map descriptors (fsync failures are not reported). 0,
+ * or -1 for a bad id or a zone not open. Takes no lock. */
 int datazone_sync(int disk_id);
+/* fsyncs the map descriptor (block and cluster maps). 0, or -1 for a bad id or a zone not open.
+ * Takes no lock; the fs_* callers hold the disk's mutex. */
 int datazone_sync_bm(int disk_id);
+/* Busy clusters of the zone as counted in memory, or -1 for a bad id or a zone not open. Caller
+ * holds the disk's mutex for a consistent value; no I/O. */
 int datazone_busy_count(int disk_id);
+/* Free clusters of the zone as counted in memory, or -1 for a bad id or a zone not open. Caller
+ * holds the disk's mutex for a consistent value; no I/O. */
 int datazone_free_count(int disk_id);
+/* 1 when nothing can be allocated without a new block and no block is free: the current block
+ * (if any) has no free cluster and the block map has no free block; also 1 for a zone not open.
+ * 0 otherwise, and 0 (reported) for a bad id. Caller holds the disk's mutex; no I/O. */
 int datazone_is_free_empty(int disk_id);
+/* 1 when the zone has threshold free clusters or fewer (a bad id or a zone not open counts as -1
+ * free) or datazone_is_free_empty answers 1; else 0. Caller holds the disk's mutex; no I/O. */
 int datazone_is_full_prepare(int disk_id, int threshold);
 /* A stream's read of one cluster: through the stream's page-aligned preload buffer with O_DIRECT
  * when the stream has one and direct I/O is on (the buffer then holds that cluster), otherwise
- * datazone_read. Bytes read, or a negative value. */
+ * datazone_read. Bytes read, or a negative value (-1 for a bad handle or null buf). Touches the
+ * stream's preload fields: callers hold g_fslock or own the stream. */
 int fs_datazone_read(int handle, int disk_id, int cluster_id, void *buf);
 
 /* ---- end of data zone ---- */
