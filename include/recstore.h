@@ -749,69 +749,191 @@ typedef struct handle_slot {
 /* Called after a header with extension is written, so the slot keeps its own copy. */
 typedef void (*ext_callback)(const void *data, int len, handle_slot *slot, void *scratch);
 
+/* g_magic: each disk's magic value, set by index_check_magic (under the disk's mutex in the fs_*
+ * callers) and read without a lock. g_idx_ctx: no lock of its own; index handles are opened and
+ * closed under g_fslock and each open handle is used by one thread at a time. */
 extern uint32_t g_magic[RECSTORE_MAX_DISKS];          /* magic value of each disk's magic file */
 extern handle_slot g_idx_ctx[RECSTORE_INDEX_HANDLES]; /* the index handles */
 
 /* -- record-info format: header sizes, header codecs and entry I/O -- */
+/* Header bytes of an index file on the disk: 896 on a version-1 disk (by its magic value), else
+ * 8336; 8336 for a bad id (reported). No I/O. */
 int sizeof_recordinfo_disk(int disk_id);
+/* Header bytes of the record's file: 10384 when it carries an extension area (ext_magic), else
+ * as sizeof_recordinfo_disk of its disk; 8336 for null. No I/O. */
 int sizeof_recordinfo(const recordinfo *info);
+/* Reads a header at fd's position into out in the disk's layout. With an extension area its data
+ * is copied into slot (when given) and the position stays after it; without one the position is
+ * moved back to the end of the 8336-byte header. The bytes read, 0 at end of file, or -1 (bad
+ * id, null out, read error). No lock. */
 ssize_t read_recordinfo(int disk_id, int fd, recordinfo *out, handle_slot *slot);
+/* Writes info as a header at fd's position: the version-1 layout on such disks; else the
+ * 8336-byte header, or, when ext gives usable data (1-2048 bytes, a multiple of 4), info's
+ * extension fields set from it and header plus 2048-byte extension area, then cb(data, len,
+ * slot, scratch) when given. write(2)'s result, or -1 for a bad id or null info. Not synced; no
+ * lock. */
 ssize_t write_recordinfo(int disk_id, int fd, recordinfo *info, const ext_desc *ext,
                          ext_callback cb, handle_slot *slot);
+/* Rewrites the header at offset 0 from info (version-1 layout, or the 8336-byte header; an
+ * extension area is left as it is): pwrite's result, or -1 for a bad id or null info. Not
+ * synced; no lock. */
 ssize_t pwrite_recordinfo(int disk_id, int fd, const recordinfo *info);
+/* Marks info as carrying an extension of ext_len bytes (1-2048) of type ext_type; nothing
+ * (reported) for null info or a bad length. */
 void do_ext_fill(recordinfo *info, uint32_t ext_type, int ext_len);
+/* The extension length recorded in info (one that is not a multiple of 4 is reported but
+ * returned), or -1 when info is null or carries no extension. */
 int do_ext_get_len(const recordinfo *info);
+/* Replaces the slot's copy of the extension data with len bytes of data (malloc; left null when
+ * that fails); nothing for null arguments or len outside 1-2048. */
 void do_index_copy_ext(const void *data, int len, handle_slot *slot);
+/* Reads the entry at the index file's position into the arguments (frames: a table of 24); with
+ * advance the position moves past it. next_cluster_id, when given, gets the cluster of the entry
+ * at the position after the read (0xFFFFFFFF at the end). 204, 0 at end of file, a short count,
+ * or -1 (bad handle, null argument, handle not open, read error). No lock: one thread per
+ * handle. */
 int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
                   uint32_t *frame_count, uint32_t *next_cluster_id, int advance);
+/* Writes one entry (cluster, payload length, count and the whole 24-descriptor table) at the
+ * position, moving past it with advance, and adds it to the record in memory (entries, bytes,
+ * frames; end time from the last frame when that is 0-180 s after the old one). 204, a short
+ * count, or -1 (bad handle, null frames, handle not open, count above 24, write error). Not
+ * synced; the header on disk is not rewritten. */
 int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
                    uint32_t frame_count, int advance);
 
 /* -- index files -- */
+/* Marks every index handle free (fd -1) without closing or freeing anything. Always 0. Call
+ * before handles are used and after index_exit (fs_init does). */
 int index_init(void);
+/* Closes every index file and frees every handle's record without finalising a writer (no header
+ * rewrite), then zeroes the table: index_init must run before handles are used again. Call when
+ * no handle is in use. */
 void index_exit(void);
+/* Bytes of one index entry: 204. */
 int index_size(void);
+/* Writes the current format's magic value (version 7) at the start of the disk's magic file
+ * "<index root>/magic", creating it. 0, or -1 for a bad id, a disk without index root, or an
+ * open or write failure. Not synced; g_magic is not changed. */
 int index_write_magic(int disk_id);
+/* Reads the disk's magic file and stores a known value (versions 7, 6, 5, 1) in
+ * g_magic[disk_id]. 0, or -1 for a bad id, no index root, a missing or short file or an unknown
+ * value (g_magic unchanged). No lock. */
 int index_check_magic(int disk_id);
+/* Removes the disk's magic file, trying up to 12 times with a sync after each attempt (reported
+ * when it stays). Nothing for a bad id or no index root. g_magic is not changed. */
 void index_erase_magic(int disk_id);
-/* Opens (flags with O_CREAT: creates) a recording's index file; flags 0 means O_RDWR.
- * Returns the handle 0-127 or -1. */
+/* Opens (flags with O_CREAT: creates) a recording's index file; flags 0 means O_RDWR. Creating
+ * makes the missing directories and writes the header from the arguments (with ext, also the
+ * extension area). Opening reads the header, refuses one cut short, and repairs one whose end
+ * time lies before its start from the entries (written back only when no open handle, this one
+ * with the flags its header records included, holds the recording with O_CREAT); the position is
+ * then at the first entry. The handle 0-127, or -1 (bad id, null start, no free handle, open,
+ * read or write failure). Not synced. No lock: callers serialise opens and closes with g_fslock. */
 int index_open(int disk_id, uint32_t block_id, const struct tm *start, int channel, int type,
                uint16_t attr_a, uint16_t attr_b, uint32_t attr_c, int flags, uint32_t mode,
                uint32_t attr_d, const ext_desc *ext);
+/* Frees the handle. For a writer (O_CREAT) it first sets the end time to end when given (else
+ * keeps the last frame's), rewrites the header at offset 0 (not synced) and sets the file's
+ * access and modification times to start and end. Only a report for a bad or free handle. No
+ * lock: callers hold g_fslock. */
 void index_close(int handle, const struct tm *end);
+/* Copies the handle's extension data into buffer, at most size and 2048 bytes: the count, or -1
+ * for a bad handle, null buffer, size 0 or less, a handle not open or no extension. No I/O. */
 int index_get_ext(int handle, void *buffer, int size);
+/* The open flags recorded for the handle (O_CREAT marks a writer), or -1 for a bad or free
+ * handle. No I/O. */
 int index_getflag(int handle);
+/* Removes the disk's 64 channel trees and its link tree from the index partition. 0, or -1 for a
+ * bad id; removal failures are only reported. Not synced. */
 int index_clear(int disk_id);
+/* Checks nothing: 0, or -1 for a bad disk id. */
 int index_chk(int disk_id, int unused);
+/* Reads the entry at the position and moves past it; next_cluster_id (optional) gets the
+ * following entry's cluster, 0xFFFFFFFF after the last. 204, 0 at the end, a short count or -1
+ * (see do_index_read). */
 int index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
                uint32_t *frame_count, uint32_t *next_cluster_id);
+/* Reads the entry at the position without moving: 204, 0 at the end, a short count or -1 (see
+ * do_index_read). */
 int index_get(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
               uint32_t *frame_count);
+/* Steps back one entry and reads it, leaving the position at its start, so that repeated calls
+ * walk backwards. 204, a short count, or -1 (also at the first entry, position unchanged). */
 int index_read_r(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
                  uint32_t *frame_count);
+/* Writes an entry at the position and moves past it (do_index_write): 204, a short count or -1.
+ * Not synced. */
 int index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
                 uint32_t frame_count);
+/* Steps back one entry and overwrites it, leaving the position at its start; the record's counts
+ * grow as for a new entry. 204, a short count, or -1 (also at the first entry). Not synced. */
 int index_write_r(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
                   uint32_t frame_count);
+/* Removes the recording's index file, then the directories it leaves empty up to the index root.
+ * 0, or -1 for a bad id, null start or a failed remove (reported). Links, cache tags and
+ * clusters are not touched; not synced. */
 int index_del(int disk_id, const struct tm *start, int channel, int type);
+/* Copies the handle's record info as held in memory (with this session's writes) to out. 0, or
+ * -1 for a bad handle, null out or a handle not open. No I/O. */
 int index_stat(int handle, recordinfo *out);
+/* Rewrites the header at offset 0 from the record in memory (pwrite_recordinfo): its result, or
+ * -1 for a bad or free handle. Not synced. */
 int index_write_info(int handle);
+/* Rewrites the header (index_write_info) and fsyncs the index file: 0, or -1 (reported with
+ * perror) when the rewrite failed. */
 int index_flush_info(int handle);
+/* Sets the record's mode and flushes the header (rewritten and fsynced). 0, or -1 for a bad or
+ * free handle or a failed rewrite. */
 int index_chmod(int handle, uint32_t mode);
+/* Appends an alarm record (60 at most) and flushes the header (rewritten and fsynced). 0, or -1
+ * for a bad handle, null alarm, a handle not open, no room (or a damaged count) or a failed
+ * rewrite. */
 int index_insertalarm(int handle, const record_alarm *alarm);
+/* 1 when an open handle holds a recording of this disk and channel starting at start (any type),
+ * else 0 (also for a bad id or null start). Scans the handles without a lock. */
 int index_isopen(int disk_id, const struct tm *start, int channel);
+/* 1 when the index partition has 512 MiB or less free or 128 free inodes or fewer (written to
+ * the event log), and for a bad id; 0 otherwise, also when statfs of the index root fails. No
+ * lock. */
 int index_isfull(int disk_id);
 
 /* -- positioning inside an open recording -- */
+/* Position as payload bytes: entries before the position x 524288; *offset (when given) gets the
+ * offset inside the current cluster. -1 for a bad or free handle or a position inside the
+ * header. No lock. */
 int64_t index_ltell(int handle, uint32_t *offset);
+/* Moves by payload bytes, entry by entry by their lengths: whence SEEK_SET from the first entry,
+ * SEEK_CUR forward or (negative offset) backward; lands on the entry holding the target with the
+ * in-cluster offset and key frame set. The new index_ltell position (offset_out as its *offset),
+ * or -1 for a bad or free handle, an offset beyond the record's bytes, SEEK_END or another
+ * whence, a negative SEEK_SET offset or running off either end (the position may have moved). */
 int64_t index_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out);
+/* Time (seconds since the epoch) of the current key frame of the entry at the position (its
+ * first frame when the recorded index lies beyond the table); *seq (when given) gets the frame
+ * index. An entry without key frames is read again up to 4 times. -1 for a bad or free handle,
+ * at the end or on a read failure. No lock. */
 int64_t index_ttell(int handle, uint32_t *seq);
+/* Moves by time. SEEK_SET: to the first key frame at or after sec (seconds since the epoch),
+ * which must lie between the record's start and end; sec before every frame returns the first
+ * frame's time without moving. SEEK_CUR: sec seconds forward (first frame at or after) or
+ * backward (last frame at or before) from the current entry's first frame. Sets position, key
+ * frame and offset and *seq (when given). The key frame's time, the end (forward) or start
+ * (backward) time when the entries run out, or -1 for a bad or free handle, a bad or SEEK_END
+ * whence, a time out of range or a read failure. */
 int64_t index_tseek(int handle, int32_t sec, int whence, int32_t *seq);
+/* Sets the handle's in-cluster offset and key frame index: the number of frames (count 1-24) at
+ * or before offset, 0 without frames. Nothing for a bad handle or an offset of a cluster or
+ * more. Memory only. */
 void index_set_offset(int handle, uint32_t offset, const kframe *frames, int count);
+/* *offset = the handle's in-cluster offset; nothing for a bad handle or null offset. */
 void index_get_offset(int handle, uint32_t *offset);
+/* Zeroes the handle's key frame index and in-cluster offset; nothing for a bad handle. */
 void index_clear_offset(int handle);
+/* Sets key frame index seq (below 24) and the in-cluster offset to frames[seq]'s; count is not
+ * used. Nothing for a bad handle, null frames or seq of 24 or more. */
 void index_set_seqoffset(int handle, uint32_t seq, const kframe *frames, int count);
+/* *seq = the handle's key frame index; nothing for a bad handle or null seq. */
 void index_get_seqoffset(int handle, uint32_t *seq);
 
 /* ---- end of index ---- */
