@@ -218,34 +218,67 @@ int rm_empty_dir(const char *path);
 typedef int (*find_action)(const char *path, struct stat *st, void *user);
 typedef int (*find_action_nostat)(const char *path, void *user);
 
+/* Walks path (lstat, or stat with follow_links). A file, or a link not followed, goes to
+ * file_action and its result is returned. A directory goes to dir_action (before its entries, or
+ * after them with depth_first) and, with recurse, each entry is walked in listing order; then 0
+ * when an action stopped the walk, else 1. 1 for a null path or one that cannot be stat'ed or
+ * opened. Entries whose path exceeds 255 bytes are reported and passed over. stats, when given,
+ * gets the timing of each step. No lock; the actions run on the caller's thread. */
 int find_recursive(char *path, int recurse, int follow_links, int depth_first,
                    find_action file_action, find_action dir_action, void *user, find_debug *stats);
+/* As find_recursive without stat calls: entry_type is the listing type of path (DT_DIR for a top
+ * directory). A type with bit 2 (a directory) and, unless follow_links, without bits 1 and 3 is
+ * walked as a directory; any other type goes to file_action. The actions get no status record. */
 int find_recursive_nostat(const char *path, unsigned char entry_type, int recurse, int follow_links,
                           int depth_first, find_action_nostat file_action,
                           find_action_nostat dir_action, void *user, find_debug *stats);
-/* flags: 1 or 2 remove directories with their contents; 4 a missing path is a success. */
+/* Removes path (a link itself, not its target). flags: 1 or 2 remove directories with their
+ * contents; 4 a missing path is a success. 0, or -1 (reported) when something could not be
+ * removed, a directory without flag 1 or 2 included; the other entries of a directory are still
+ * tried. No lock; not synced. */
 int remove_file(const char *path, int flags);
 
 /* ============================================================================================
  * Mounts, block devices and raw cluster I/O.
  * ========================================================================================== */
-/* 1 when a mount's directory or device equals path (table null: "/proc/mounts"), else 0. */
+/* 1 when a mount's directory or device equals path (one trailing '/' of path ignored) in table
+ * ("/proc/mounts" when null), else 0; also 0 for a null path or a table that cannot be read. No
+ * lock. */
 int find_mount_point(const char *path, const char *table);
-/* 1 when a mount has exactly this device on this directory, else 0. */
+/* 1 when the mount table (null: "/proc/mounts") has exactly this device on this directory (one
+ * trailing '/' of each ignored), else 0; also 0 for a null argument or an unreadable table. No
+ * lock. */
 int find_mount_pair(const char *device, const char *dir, const char *table);
-/* Size in bytes of an open block device (or of a regular file, such as a disk image). */
+/* Size in bytes of an open block device (BLKGETSIZE64, else BLKSSZGET x BLKGETSIZE, failures
+ * reported with perror) or of a regular file such as a disk image; 0 when every request fails.
+ * disk_id is not used. No lock. */
 int64_t blockdev_size(int disk_id, int fd);
+/* Largest disk the disk's format supports, from g_magic (read without a lock): 16 TiB for
+ * version 7, 8 TiB for version 6, 4 TiB for older formats; 16 TiB, reported, for a bad id or a
+ * magic value of 0. No I/O. */
 uint64_t get_max_supported_disk_size(int disk_id);
+/* pread64 of n bytes at byte cluster x 524288 + offset into buf: the bytes read (short at the
+ * end of the device) or -1 with errno set. No lock. */
 ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n);
+/* pwrite64 of n bytes from buf at byte cluster x 524288 + offset: the bytes written (possibly
+ * short) or -1, reported with perror. Not synced; no lock. */
 ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n);
-/* Number of consecutive 1 bits at the bottom of word (index of the lowest clear bit). */
+/* Number of consecutive 1 bits at the bottom of word (index of the lowest clear bit; 32 for
+ * 0xFFFFFFFF). */
 int find_first_bit(uint32_t word);
 
 /* ============================================================================================
  * Disk table, groups and mode flags.
  * ========================================================================================== */
+/* The disk table, indexed by disk id. Each entry is guarded by its own mutex `lock`, which the
+ * fs_* functions take; the inited flag and device path are also read without it. */
 extern fs_disk_info g_disk[RECSTORE_MAX_DISKS];
+/* The disk groups. fs_adddisk and fs_removedisk change them under the disk's mutex, readers take
+ * no lock: while the daemon runs, the host changes them under g_diskrwlock. */
 extern fs_group g_grp[RECSTORE_MAX_GROUPS];
+/* Mode flags, set by fs_init before other threads use the library and only read afterwards,
+ * without a lock. g_max_duration_in_sec is written by fs_set_max_record_duration, also without a
+ * lock. */
 extern int g_fs_rdonly;           /* mode flag 1: read-only */
 extern int g_fs_directio;         /* mode flag 2: payload I/O with O_DIRECT */
 extern int g_fs_usecache;         /* 1 unless mode flag 4 (no cache) */
@@ -257,47 +290,106 @@ extern int g_max_duration_in_sec; /* longest duration of one recording file, def
 #define RECSTORE_FS_DIRECTIO 2
 #define RECSTORE_FS_NOCACHE 4
 
-/* Starts the disk layer: zeroes the disk table, the groups and the stream table, starts the index
- * layer, takes the mode flags (RECSTORE_FS_*) and, unless the cache is off, mounts the tmpfs cache
- * with cache_inodes inodes and cache_mib MiB per disk. 0, or -1 when the cache cannot be set up. */
+/* Starts the disk layer: zeroes the disk table (re-creating every disk mutex), the groups and
+ * the stream table (under g_fslock), marks every index handle free, takes the mode flags
+ * (RECSTORE_FS_*) and, unless the cache is off, mounts the tmpfs cache with cache_inodes inodes
+ * and cache_mib MiB per disk (an external command). 0, or -1 when the cache cannot be set up.
+ * Call when no other thread uses the library. */
 int fs_init(int cache_inodes, unsigned cache_mib, int flags);
+/* Ends the disk layer: unmounts the cache (after the cache loaders finished), closes every index
+ * file without finalising it and empties the disk, group and stream tables. Data zones are not
+ * closed here: call fs_datazone_exit for each disk first. Call when no other thread uses the
+ * library. */
 void fs_exit(void);
-/* Enters a disk into the table: its disk id, or -1 for a bad name. */
+/* Enters a disk into the table (device path and id; the entry is kept when the same path was
+ * entered before): its disk id, or -1 for a bad name. Takes the disk's mutex; no I/O. */
 int fs_opendisk(const char *dev);
+/* Removes the disk from the table: device path, inited and opened flags cleared. Nothing for a
+ * bad id. Takes the disk's mutex; no I/O. The data zone stays open: fs_datazone_exit first. */
 void fs_closedisk(int disk_id);
-/* Brings a mounted disk's data zone up (valid magic file, index mounted) and starts the cache
- * load. 0 or -1. */
+/* Brings a mounted disk's data zone up: checks the magic file (g_magic set), that the index
+ * partition is mounted, opens and checks the data zone (datazone_init, which repairs and fsyncs
+ * the block map), sets inited and starts the cache loader thread. 0, or -1 for a bad id, a disk
+ * not open, an invalid magic file, an unmounted index partition or a data zone that cannot be
+ * opened. Takes the disk's mutex (must not be held). */
 int fs_datazone_init(int disk_id);
+/* Takes a disk's data zone down: removes its cache tree (when the cache is used), closes the
+ * data zone (waiting for running payload I/O) and clears inited. Nothing for a bad id. Takes the
+ * disk's mutex; writes nothing to the disk. */
 void fs_datazone_exit(int disk_id);
+/* 1 when the disk's data zone is open, else 0 (also a bad id; reported). Takes the disk's mutex;
+ * no I/O. */
 int fs_datazone_is_inited(int disk_id);
+/* The disk's inited flag: 1 after fs_datazone_init succeeded, else 0 (also for a bad id). No
+ * lock; no I/O. */
 int fs_disk_is_inited(int disk_id);
-/* Erases every recording of a disk and gives it a fresh magic file and fresh maps. 0 or -1. */
+/* Erases every recording of a disk and gives it a fresh magic file and fresh maps: syncs, then
+ * under the disk's mutex removes the index and link trees, zeroes every map cluster of the data
+ * partition, rewrites the magic file (version 7) and removes the cache tree, and syncs again. 0,
+ * or -1 for a bad id, a disk not open or a failed step. A data zone that is open keeps its old
+ * maps in memory: use it on a disk that is not initialised. */
 int fs_cleardisk(int disk_id);
+/* Checks the block map of the disk against every block's cluster map and, with fix, corrects the
+ * block map (written; each block's check fsyncs the maps). 0, or -1 in read-only mode, for a bad
+ * id, a data zone not open or a block that cannot be loaded. Takes the disk's mutex. */
 int fs_chkdata(int disk_id, int fix);
-/* Copies the disk's table entry (with data-zone, index-root and magic information) to out. */
+/* Refreshes the disk's entry (data-zone sizes, index root and its statfs, magic file check) and
+ * copies it to out. 0, or -1 for a bad id or null out; also 0, with out left untouched, when the
+ * disk is not initialised or a step fails. Takes the disk's mutex; reads the device size and the
+ * magic file. */
 int fs_getdiskinfo(int disk_id, fs_disk_info *out);
-/* Fullness tests: 1 full (or doubtful), 0 not full. */
+/* 1 when the disk's data zone has no free cluster, or its current block has none (or none is
+ * loaded) and no block is free; also 1 for a bad id or a disk not initialised. 0 otherwise. The
+ * index partition is not looked at. Takes the disk's mutex; no I/O. */
 int fs_isdiskfull(int disk_id);
+/* 1 when the index partition is full (index_isfull) or the data zone has threshold free clusters
+ * or fewer or nothing left to allocate; also 1, reported, for a bad id or a disk not
+ * initialised. 0 otherwise. Takes the disk's mutex; statfs of the index root. */
 int do_fs_isdiskfull(int disk_id, int threshold);
+/* 0 when disk_id (if 0-7) or any disk of group 0 is not full by do_fs_isdiskfull with threshold,
+ * else 1; 1 at once when the cache is used and full. A negative disk_id asks about group 0 only.
+ * Takes each disk's mutex in turn; reads the groups without a lock. */
 int fs_isalldiskfull(int disk_id, int threshold);
+/* 1 when the disk's current block has no free cluster, none is loaded or the id is bad; else 0.
+ * Takes the disk's mutex; no I/O. */
 int fs_isblockfull(int disk_id);
+/* Does nothing: 0, or -1 for a bad disk id. */
 int fs_timenotify(int disk_id);
+/* Puts the disk into the first free slot of group grp (a disk already there is added again) and
+ * records the group in its entry. 0, or -1 for a bad group or id or a full group. Takes the
+ * disk's mutex; while the daemon runs, hold g_diskrwlock (rec_lockdisk) around it. */
 int fs_adddisk(int grp, int disk_id);
+/* Empties the slot of group grp that holds the disk and sets its group to 3 (none). 0, or -1 for
+ * a bad group or id or a disk not in the group. Takes the disk's mutex; while the daemon runs,
+ * hold g_diskrwlock around it. */
 int fs_removedisk(int grp, int disk_id);
+/* The group recorded in the disk's entry: 0-2, 3 after fs_removedisk (an entry never added reads
+ * 0, as fs_init zeroes the table); 3 for a bad id. No lock. */
 int fs_getgrp(int disk_id);
-/* Disk ids of the group's occupied slots, in slot order, into ids (8 entries) and their number. */
+/* Disk ids of the group's occupied slots, in slot order, into ids (8 entries) and their number
+ * into count. 0, or -1 for a bad group or a null argument. No lock (see g_grp). */
 int fs_getdisk(int grp, int *ids, int *count);
+/* Held for writing by the daemon during each disk pass and by the host through fs_lockdisk or
+ * rec_lockdisk; no other library function takes it. */
 extern pthread_rwlock_t g_diskrwlock; /* the disk table as a whole, always taken for writing */
+/* Takes g_diskrwlock for writing: pthread_rwlock_wrlock's result (0). Not recursive: never call
+ * it from a callback the daemon runs during its pass. */
 int fs_lockdisk(void);
+/* Releases g_diskrwlock: pthread_rwlock_unlock's result (0). */
 int fs_unlockdisk(void);
+/* g_fs_rdonly: 1 in read-only mode, else 0. */
 int fs_is_readonly(void);
+/* g_fs_usecache: 1 unless the cache is off. */
 int fs_use_cache(void);
+/* Sets g_max_duration_in_sec, the longest span the fast file search trusts; a value of 0 or less
+ * is refused (reported). No lock. */
 void fs_set_max_record_duration(int seconds);
+/* g_max_duration_in_sec (default 7200). */
 int fs_get_max_record_duration(void);
 
 /* ---- disk preparation ---- */
-/* Version string of a disk's format, from its magic value: "7.0.0.0", "6.0.0.0", "5.0.0.0",
- * "1.0.0.2", or "" for an unknown magic or a bad disk id. */
+/* Version string of a disk's format, from its magic value (g_magic, read without a lock):
+ * "7.0.0.0", "6.0.0.0", "5.0.0.0", "1.0.0.2", or "" for an unknown magic or a bad disk id. */
 const char *fs_version(int disk_id);
 
 /* A disk is a whole-disk node "/dev/hd/sd" followed by one letter a-h (disk ids 0-7); its
@@ -305,37 +397,46 @@ const char *fs_version(int disk_id);
  * refused (-1, or 0 for the yes/no tests) before it reaches a command line. */
 #define RECSTORE_PROBE_MAX 8 /* entries of a probe list, RECSTORE_PATH_LEN bytes each */
 
-/* Partitions the disk (unless the system runs from it), builds the file systems of partitions 1
- * and 2 (only 2 when the system runs from it). 0, or -1 when the device cannot be opened or a
- * tool is missing. */
+/* Partitions the disk with parted (unless the system runs from it) and builds the ext4 file
+ * systems of partitions 1 and 2 (only 2 when the system runs from it), syncing after each step.
+ * 0, also when the partition nodes never appear (file systems not built); -1 for a bad name,
+ * when the device cannot be opened or a tool is missing. Takes the disk's mutex (must not be
+ * held) for the partitioning and formatting. */
 int fs_format(const char *dev);
-/* Checks the index partition's file system with fsck.ext4; 0 when it is clean, was repaired, is
- * mounted (nothing done) or its nodes never appeared; -1 otherwise or in read-only mode. */
+/* Checks the index partition's file system with fsck.ext4 under the disk's mutex; 0 when it is
+ * clean, was repaired, is mounted (nothing done) or its nodes never appeared; -1 for a bad name,
+ * another fsck result or in read-only mode. Syncs after a success. */
 int fs_chk(const char *dev);
-/* Mounts partition 1 on "/mnt/img" when no disk's is there, enables the log file and mounts the
- * index partition on the disk's mount point. 0, or -1 when the index partition cannot be mounted.
- */
+/* Under the disk's mutex, mounts partition 1 on "/mnt/img" when no disk's is there, enables the
+ * log file and mounts the index partition on the disk's mount point (mount, then remount);
+ * syncs. 0, or -1 for a bad name or when the index partition cannot be mounted. */
 int fs_mount(const char *dev);
-/* Disables the log file, unmounts "/mnt/img" when this disk's partition 1 is there (and the
- * system does not run from it) and unmounts the index partition. 0, or -1 for a bad name. */
+/* Under the disk's mutex, disables the log file, unmounts "/mnt/img" when this disk's partition
+ * 1 is there (and the system does not run from it) and unmounts the index partition (failures
+ * only reported); syncs. 0, or -1 for a bad name. */
 int fs_umount(const char *dev);
 /* Finds an external tool in "/mnt/app", ".", "/usr/local/bin", "/usr/local/sbin", "/usr/bin",
- * "/usr/sbin", "/bin", "/sbin" and writes its command into out ("parted" gets " -f" when it
- * supports it). 0 found, -1 not found (or a bad name, or out too small). */
+ * "/usr/sbin", "/bin", "/sbin" and writes its command into out ("parted" gets " -f" when its
+ * help text, got by running it, mentions "fix"). 0 found, -1 not found, a bad name or out too
+ * small. No lock. */
 int fs_get_cmd(const char *tool, char *out, size_t size);
 /* Lists the whole-disk nodes under "/dev/hd/", sorted by disk id, into list (at most
- * RECSTORE_PROBE_MAX entries) and their number into count. 0 (-1 only for null arguments). */
+ * RECSTORE_PROBE_MAX entries, the rest zeroed) and their number into count. 0 (-1 only for null
+ * arguments). No lock. */
 int fs_probe(char (*list)[RECSTORE_PATH_LEN], int *count);
 /* 1 when the system runs from this disk: its partition 1 on "/mnt/img" and "/dev/loop0" on
- * "/mnt/app"; else 0. */
+ * "/mnt/app" in "/proc/mounts"; else 0 (also for a bad name). */
 int is_running_on_hd(const char *dev);
-/* 1 when this disk's partition 1 is mounted on "/mnt/img"; else 0. */
+/* 1 when this disk's partition 1 is mounted on "/mnt/img"; else 0 (also for a bad name). Reads
+ * "/proc/mounts". */
 int is_img_mounted_on_hd(const char *dev);
-/* 1 when some disk's partition 1 is mounted on "/mnt/img", 0 when none, -1 when probing fails. */
+/* 1 when some probed disk's partition 1 is mounted on "/mnt/img", 0 when none, -1 when probing
+ * fails. */
 int is_img_mounted(void);
-/* 1 when the disk's index mount point is mounted; else 0. */
+/* 1 when the disk's index mount point is in "/proc/mounts"; else 0 (also for a bad name). */
 int fs_ismounted(const char *dev);
-/* Device path held in the disk table for this disk, or NULL for a bad id or an empty entry. */
+/* Device path held in the disk table for this disk, or NULL for a bad id or an empty entry. Read
+ * without the disk's mutex. */
 const char *fs_devname(int disk_id);
 /* Disk id of a device path (the letter after "/dev/hd/sd" minus 'a'); -1 for a null path. The
  * result may be outside 0-7 for a bad name: callers refuse it. */
