@@ -1045,6 +1045,9 @@ void index_get_seqoffset(int handle, uint32_t *seq);
  * (channel, day, type) has a file "cache" holding one 8-byte tag per recording (layout in
  * filename_to_cachetag), stored as eight little-endian bytes, low word first.
  * ========================================================================================== */
+/* g_cache_rdonly is set by cache_init and g_cache_loaded by cache_set_loaded, both read and
+ * written atomically without a lock. g_cachelock: lock order g_fslock before g_cachelock; the
+ * cache search runs its callback under it. */
 extern int g_cache_rdonly;                     /* 1 when the cache was initialised read-only */
 extern int g_cache_loaded[RECSTORE_MAX_DISKS]; /* 1 once a disk's cache has been built */
 extern pthread_mutex_t g_cachelock;            /* guards every read, append, rewrite and clear */
@@ -1054,49 +1057,66 @@ extern pthread_mutex_t g_cachelock;            /* guards every read, append, rew
 typedef int (*cache_tag_pred)(uint32_t lo, uint32_t hi, const struct tm *t);
 
 /* Mounts the tmpfs: size = disks found by fs_probe (1 when none or more than 8) x size_mib MiB,
- * nr_inodes = inodes. Read-only mode mounts nothing. 0, or -1 when neither mount nor remount
- * succeeded (or inodes <= 0, size_mib 0 or a size that does not fit an int: refused). */
+ * nr_inodes = inodes, through fs_system (mount, then remount). Read-only mode and a tmpfs
+ * already mounted mount nothing (0). 0, or -1 when neither mount nor remount succeeded (or
+ * inodes <= 0, size_mib 0 or a size that does not fit an int: refused). Sets g_cache_rdonly. */
 int cache_init(int inodes, unsigned size_mib, int readonly);
-/* Unmounts the tmpfs ("umount -f"); the command's result, else 0. */
+/* Waits for every cache loader thread to finish, then unmounts the tmpfs ("umount -f"): the
+ * command's result; 0 in read-only mode or when it is not mounted. */
 int cache_exit(void);
 /* Starts a detached thread rebuilding the cache of device ("/dev/hd/sd" plus a letter a-h) from
- * its index tree. 0 when started (or read-only), -1 when refused or not started. */
+ * its index tree (proc_cache_load). 0 when started (or read-only), -1 when refused or not
+ * started. The caller may hold the disk's mutex; the thread takes g_fslock and g_cachelock. */
 int cache_load(const char *device);
 /* The loader's body: clears the disk's cache, walks its index tree with buildcache, then marks
- * the disk loaded. Returns NULL. */
+ * the disk loaded. Returns NULL. Runs on the loader thread; takes no lock of its own. */
 void *proc_cache_load(void *device);
-/* Walk action of the loader: mirrors directories, appends one tag per index file; 2 for paths
- * holding "link" (not descended), else 1. */
+/* Walk action of the loader: mirrors directories into the cache and appends one tag per index
+ * file (opened for reading through fs_open, so under g_fslock; appended with cache_create under
+ * g_cachelock); 2 for paths holding "link" (not descended), else 1, also when a file fails. */
 int buildcache(const char *path, struct stat *st, void *user);
-/* As cache_clear (nothing in read-only mode); the loaded flag stays as it is. */
+/* As cache_clear (nothing, 0, in read-only mode); the loaded flag stays as it is. Takes
+ * g_cachelock. */
 int cache_unload(const char *device);
-/* Removes the disk's cache tree /mnt/cache/sdX. 0, or -1 for a device name that is refused. */
+/* Removes the disk's cache tree /mnt/cache/sdX under g_cachelock. 0 (also without doing anything
+ * in read-only mode), or -1 for a device name that is refused. */
 int cache_clear(const char *device);
-/* Appends the tag of one recording to its cache file. -1 when start is later than end (even in
- * read-only mode), for bad arguments or when the file cannot be opened; else 0. Only the low 8
- * bits of mode and bits 16-31 of total_bytes are kept. */
+/* Appends the tag of one recording to its cache file, creating the leaf directory and file when
+ * missing (a short write is cut off again). -1 when start is later than end (even in read-only
+ * mode), for bad arguments or when the file cannot be opened; else 0 (read-only: nothing
+ * written). Only the low 8 bits of mode and bits 16-31 of total_bytes are kept. Takes
+ * g_cachelock. */
 int cache_create(int disk_id, int channel, const struct tm *start, const struct tm *end, int type,
                  unsigned mode, uint32_t total_bytes);
-/* Stores the loaded flag of a disk (nothing for an index above 7). Always -1. */
+/* Stores the loaded flag of a disk atomically (nothing, reported, for an index above 7). Always
+ * -1. */
 int cache_set_loaded(unsigned disk_id, int value);
-/* The loaded flag of a disk, 0 for an index above 7. */
+/* The loaded flag of a disk (atomic read), 0 for an index above 7. */
 int cache_is_loaded(unsigned disk_id);
-/* 1 when the mounted tmpfs has at most one free block or inode (logged to the log file). */
+/* 1 when the mounted tmpfs has at most one free block or inode (written to the event log); 0
+ * when not mounted, statfs fails or it has no such limit. No lock. */
 int cache_isfull(void);
+/* 1 when the cache was initialised read-only, else 0. */
 int cache_is_readonly(void);
-/* Writes "cache full?:%d rdonly?:%d loaded?:%d" to fd; nothing for a negative argument. */
+/* Writes "cache full?:%d rdonly?:%d loaded?:%d" (no newline) to fd; nothing for a negative
+ * argument. */
 void cache_dump(int fd, int disk_id);
 
 /* -- removal of tags and cache files -- */
-/* Rewrites the cache file of (disk, channel, t's day, type) through "cachetmp", dropping the tags
- * for which pred returns 0 (none without pred); an empty result is removed, then the empty
- * directories above it up to the disk's cache root. 0, or -1 (missing file, open failure). */
+/* Rewrites the cache file of (disk, channel, t's day, type) through "cachetmp", dropping the
+ * tags for which pred returns 0 (none without pred); an empty result is removed, then the empty
+ * directories above it up to the disk's cache root. 0 (also, doing nothing, in read-only mode),
+ * or -1 for bad arguments, a missing file or an open, read or write failure (the file then stays
+ * as it was). Takes g_cachelock. */
 int do_cache_delete_cond(int disk_id, int channel, const struct tm *t, int type,
                          cache_tag_pred pred);
-/* Drops every tag starting at the same second of the day as start. */
+/* Drops every tag of the cache file that starts at the same second of the day as start
+ * (do_cache_delete_cond with match_cachetag): 0 or -1. Takes g_cachelock. */
 int cache_delete(int disk_id, int channel, const struct tm *start, int type);
 /* Walk action (find_recursive_nostat) over a channel's cache tree: removes what lies before the
- * time *(const time_t *)t (UTC) and rewrites t's own day. Walk verdicts 0, 1, 2. */
+ * time *(const time_t *)t (UTC) and rewrites t's own day. Walk verdicts 0 (also for null
+ * arguments and in read-only mode), 1, 2. Only the rewrite takes g_cachelock: whole earlier
+ * directories and files are removed without it. */
 int cache_del_before_action(const char *path, void *t);
 /* Does nothing; 0. */
 int cache_delete_before(void);
@@ -1134,34 +1154,67 @@ typedef struct fs_file_ctx {
     uint8_t *preload_buf;                   /* page-aligned preload buffer owned by the slot */
 } fs_file_ctx;
 
+/* The stream table. g_fslock guards taking and freeing slots and the preload fields; the other
+ * fields of an open slot belong to the one thread using the stream. */
 extern fs_file_ctx g_file_ctx[RECSTORE_STREAMS];
+/* Taken by fs_open, fs_close, fs_get_ext, fs_read, fs_read_r, fs_set_preload, fs_is_preload,
+ * fs_preload and around the index opens of fs_delete; while held, a disk's mutex and g_cachelock
+ * may be taken, never the reverse. */
 extern pthread_mutex_t g_fslock; /* guards g_file_ctx */
 
-/* Opens a recording: with O_CREAT in flags it is created in the disk's current block (index file,
- * link, cache tag); otherwise it is opened for reading. The stream handle, or -1. */
+/* Opens a recording: with O_CREAT in flags it is created in the disk's current block (index file
+ * header written, not synced; link; cache tag), otherwise it is opened for reading. The stream
+ * handle, or -1 for a bad id, null param, a channel above 63, a disk not open, no free stream or
+ * index_open's failure. Takes g_fslock (must not be held); creating waits up to 2 s for a
+ * current block under the disk's mutex (without one the recording gets block 0xFFFFFFFF). Link
+ * and cache failures are only reported. */
 int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint32_t attr_d,
             const ext_desc *ext);
-/* Finalises the header (end time: the given one, or the last frame's when null) and frees the
- * handle. */
+/* Frees the handle and its preload buffer. For a writer it finalises the header (end time: the
+ * given one, or the last frame's when null; rewritten, not synced; file times set) and replaces
+ * the cache tag with the final one. Nothing for a bad handle, and nothing (the slot stays taken)
+ * when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */
 void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
- * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length, -5 when no
- * cluster can be allocated, or another negative value. */
+ * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no
+ * cluster can be allocated; -1 in read-only mode, for a bad or closed stream, null buffer or
+ * frames, count above 24 or length above 524288; else the failed write's result (the allocated
+ * cluster then stays busy). Takes the disk's mutex only to allocate; payload and entry are
+ * written unlocked (one thread per stream), not synced. Every 17th write replaces the cache tag
+ * (g_cachelock). */
 int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames, uint32_t count);
-/* Current block of the disk, waiting up to 20 x 100 ms for one; 0xFFFFFFFF when none. */
+/* Current block of the disk, looking up to 20 times 100 ms apart, each time under the disk's
+ * mutex (must not be held); 0xFFFFFFFF when none appears or for a bad id. */
 uint32_t fs_getblockid(int disk_id);
-/* Links a recording (index file name, path relative to the index root) into a block's link
- * directory. 0 or -1. */
+/* Links a recording (index file name, path relative to the link directory) into a block's link
+ * directory, creating the directory when missing. 0, or -1 for a bad id, a null argument or a
+ * failed symlink (reported). Not synced; no lock. */
 int fs_create_link(int disk_id, uint32_t block_id, const char *name, const char *target);
+/* Copies the stream's extension data into buffer (index_get_ext): the byte count, or -1 for a
+ * bad stream or no extension. Takes g_fslock. */
 int fs_get_ext(int handle, void *buffer, int size);
+/* Sets the recording's mode: header rewritten and fsynced, cache tag replaced with the new mode
+ * (g_cachelock). 0, or -1 in read-only mode, for a bad or closed stream or a failed rewrite. No
+ * g_fslock. */
 int fs_chmod(int handle, uint32_t mode);
+/* Copies the stream's record info as held in memory (index_stat): 0, or -1 for a bad or closed
+ * stream or null out. No lock, no I/O. */
 int fs_stat(int handle, recordinfo *out);
+/* Appends an alarm to the recording (index_insertalarm: header rewritten and fsynced): 0, or -1
+ * for a bad or closed stream, null alarm or no room. No lock. */
 int fs_insertalarm(int handle, const record_alarm *alarm);
+/* Rewrites and fsyncs the stream's header, then fsyncs the disk's data-zone descriptors:
+ * datazone_sync's result (a failed header flush is only reported); -1 for a bad or closed
+ * stream. No lock. */
 int fs_sync(int handle);
-/* Makes the next fs_write refresh the stream's cache tag. */
+/* Makes the next fs_write refresh the stream's cache tag. 0, or -1 for a bad or free handle. No
+ * lock. */
 int fs_sync_cache(int handle);
-/* 0 when the recording's index file exists on the disk, else -1. */
+/* 0 when the recording's index file exists on the disk, else -1 (also for a bad id, null param
+ * or a disk not open). No lock; access(2) only. */
 int fs_access(int disk_id, const rec_param *param);
+/* Writes the disk's state (flags, table entry, index statistics, data zone) to fd; nothing for a
+ * negative fd or a bad id. Takes the disk's mutex several times (must not be held). */
 void fs_dump(int fd, int disk_id);
 
 /* ---- block change and the host's exception callbacks ---- */
@@ -1187,36 +1240,66 @@ typedef struct fs_exphandle_ex {
     void *ctx;           /* user context of both */
 } fs_exphandle_ex;
 
+/* The installed simple and extended block-change callbacks. Written by the setters without a
+ * lock; fs_changeblock copies both when it starts. */
 extern fs_exphandle g_fsexp;
 extern fs_exphandle_ex g_fsexp_ex;
 
 /* Ends the old disk's current block and makes a new current block on the new disk (which may be
- * the same), calling the host before and after. The cause is only logged. Always 0. */
+ * the same), calling the host before and after: the extended callbacks when set, else the simple
+ * ones. Takes each disk's mutex only around its own step and calls back with none held (the
+ * daemon holds g_diskrwlock). On success both disks' maps are fsynced; the change goes to the
+ * event log. The cause is only logged. Always 0 (nothing done for a bad id). */
 int fs_changeblock(int old_disk, int new_disk, int cause);
-/* Copies the current simple callbacks into old and installs new; returns old. */
+/* Copies the current simple callbacks into old and installs new; returns old (nothing done for a
+ * null argument). No lock. */
 fs_exphandle *fs_set_exphandle(fs_exphandle *old, const fs_exphandle *new_handlers);
+/* Removes the simple callbacks. No lock. */
 void fs_clear_exphandle(void);
-/* Installs the extended callbacks (a copy of all six words); null clears them. */
+/* Installs the extended callbacks (a copy of all six words); null clears them. No lock. */
 void fs_set_exphandle_ex(const fs_exphandle_ex *handlers);
+/* The installed extended callbacks (g_fsexp_ex); never null. */
 fs_exphandle_ex *fs_get_exphandle_ex(void);
 
 /* ---- deletion of recordings and blocks ---- */
-/* Deletes one recording (record: start time, channel and type) and frees its clusters. 0 or -1. */
+/* Deletes one recording (record: start time, channel and type): frees the clusters its entries
+ * name that lie in the disk's current block (others stay busy until their block is cleared),
+ * removes the index file and the directories it empties, and drops its cache tag. Its link
+ * stays. 0, or -1 in read-only mode, for a bad id, null record, an index file that cannot be
+ * opened or read whole (nothing removed) or a failed remove. Takes g_fslock around the open and
+ * close and the disk's mutex per cluster. */
 int fs_delete(int disk_id, const record_name *record);
-/* Deletes every index file and cache tag of the group-0 disks that starts before t (seconds since
- * the epoch, UTC). 0 or -1. */
+/* Deletes every index file of the group-0 disks that starts at or before t (seconds since the
+ * epoch, UTC), and the cache tags that start before it. Clusters, links and empty directories
+ * stay. 0, or -1 in read-only mode or when group 0 is empty. Takes g_cachelock for cache
+ * rewrites only. */
 int fs_delete_index_before(time_t t);
-/* Walk action of fs_delete_index_before over an index tree; user: pointer to a time_t. */
+/* Walk action of fs_delete_index_before over an index tree; user: pointer to a time_t. Removes
+ * an index file that starts at or before it; 2 (skip) for link paths, unreadable names and
+ * directories that start after it, else 1. */
 int file_delete_index_before_action(const char *path, void *t);
-/* Removes every recording created in a block (through its link directory) and frees the block. */
+/* Removes every recording created in a block (through its link directory: index files, links,
+ * emptied directories, cache tags) and frees the block: block_clear and an fsync of the maps
+ * under the disk's mutex (must not be held). 0, or -1 in read-only mode, for a bad id, block
+ * 0xFFFFFFFF, the current block or no index root. */
 int fs_clear(int disk_id, uint32_t block_id);
+/* Walk action of fs_clear over a link directory (user unused): for a link naming a recording,
+ * removes its index file, the link, the directories left empty and the cache tag (g_cachelock).
+ * Always 1. */
 int file_delete_link_action(const char *path, struct stat *st, void *user);
-/* user: pointer to a time_t; 0 (stop) at the first recording that starts at or after it. */
+/* Walk action over a link directory; t: pointer to a time_t. 0 (stop) at the first recording
+ * that starts at or after it, else 1. */
 int file_compare_link_action(const char *path, struct stat *st, void *t);
-/* 1 when the current block holds nothing that starts at or after t (or there is no latest block),
- * else 0. */
+/* 1 when the block cur may be recycled for age: there is no latest block, cur is null, or cur is
+ * not the latest block (another sequence) or holds no recording starting at or after t. 0 when
+ * cur has the latest block's sequence and its link directory names a recording starting at or
+ * after t. */
 int fs_block_timeout(const block_entry *latest, const block_entry *cur, time_t t);
+/* block_earliest under the disk's mutex: the earliest in-use non-current block (its sequence
+ * into *seq), or -1. */
 int fs_earliest(int disk_id, uint32_t *seq);
+/* block_before under the disk's mutex: the number of blocks stamped before t (seconds) written
+ * to out, earliest first; -1 for a bad id. */
 int fs_before(int disk_id, int32_t t, block_entry *out, int max);
 
 /* ---- search and calendar of one disk ---- */
@@ -1261,13 +1344,21 @@ typedef struct fs_find_req {
 } fs_find_req;
 
 /* Finds the recordings of a disk by channel set, type, modes and range; the number accepted, or
- * -1. The fourth argument is ignored. */
+ * -1 for a bad id, a disk not initialised, null times or start after end. The fourth argument is
+ * ignored. Walks each channel's cache tree when the cache is used (then channels 32-63 are never
+ * found, and the callback runs under g_cachelock), else its index tree (index files opened
+ * through fs_open, g_fslock). Stops at maxcount. The callback runs on the caller's thread. */
 int fs_find(int disk, const struct tm *start, const struct tm *end, int ignored, uint32_t chan_lo,
             uint32_t chan_hi, int substream, int modmask, int matchflags, int maxcount,
             fs_find_cb callback, void *context);
-/* Walk actions of fs_find over the cache tree and over the index partition; request: fs_find_req.
- * 1 go on, 2 do not descend (or next entry), 0 stop. */
+/* Walk action of fs_find over a cache tree; request: fs_find_req. Directories get the channel,
+ * range and type tests; a cache file's tags are offered to the request under g_cachelock. 1 go
+ * on, 2 do not descend (or the callback refused), 0 stop at maxcount. */
 int cache_findaction(const char *path, struct stat *st, void *request);
+/* Walk action of fs_find over an index partition; request: fs_find_req. The same tests; an index
+ * file is judged from its time stamps and size (RECSTORE_MATCH_FAST, when they give a span
+ * shorter than the longest duration) or by opening it (fs_open, g_fslock). Verdicts as
+ * cache_findaction. */
 int file_findaction(const char *path, struct stat *st, void *request);
 
 struct fs_calendar_req;
@@ -1288,40 +1379,66 @@ typedef struct fs_calendar_req {
 } fs_calendar_req;
 
 /* Reports each day of the month (year e.g. 2024, month 1-12) that holds a type-0 recording of
- * one of the channels. 0, or -1 on a bad argument. The second argument is ignored. */
+ * one of the channels. 0, or -1 for a bad id, a disk not initialised or a bad month. The second
+ * argument is ignored. The callback runs on the caller's thread; no lock is taken and no index
+ * or cache file is read, only names. */
 int fs_get_calendar(int disk, int ignored, uint32_t chan_lo, uint32_t chan_hi, int year, int month,
                     fs_calendar_cb callback, void *context);
-/* Walk actions of fs_get_calendar (find_recursive_nostat); request: fs_calendar_req. */
+/* Walk action of fs_get_calendar over a cache tree; request: fs_calendar_req. A cache file dated
+ * within the day reports it (0, stop); directories get the channel, range and type tests (1 go
+ * on, 2 skip). */
 int cache_calendar_action(const char *path, void *request);
+/* Walk action of fs_get_calendar over an index partition; request: fs_calendar_req. An index
+ * file name starting within the day reports it (0, stop); other verdicts as
+ * cache_calendar_action. */
 int file_calendar_action(const char *path, void *request);
 
 /* ---- reading, preload, key frames and seeking ---- */
 /* Reads the next cluster of a reader: the whole cluster into buffer (524288 bytes), its payload
  * length, its key-frame table (RECSTORE_MAX_KFRAMES descriptors) and count. The length, 0 at the
- * end of the recording, or a negative value. */
+ * end of the recording, or a negative value (-1 for a bad or closed stream, a null argument, an
+ * entry out of range or a short data read). Takes g_fslock for the whole call; uses the preload
+ * buffer when it holds the cluster. */
 int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
 /* Reads the cluster before the position and stays at its start, so that repeated calls walk
- * backwards. The length, or a negative value (-1 at the first entry). */
+ * backwards. The length, or a negative value (-1 at the first entry). Takes g_fslock. */
 int fs_read_r(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
-/* Gives the stream a one-cluster preload buffer (on non-null; needs direct I/O) or frees it. */
+/* Gives the stream a one-cluster page-aligned preload buffer (on non-null) or frees it. 0, or -1
+ * for a bad handle, without direct I/O (message printed) or when the buffer cannot be allocated.
+ * Takes g_fslock. */
 int fs_set_preload(int handle, const void *on);
-/* 1 when the stream has a preload buffer, else 0. */
+/* 1 when the stream has a preload buffer, else 0. Takes g_fslock. */
 int fs_is_preload(int handle);
-/* Loads the cluster after the one last read into the preload buffer (run by the daemon). */
+/* Loads the cluster after the one last read into the preload buffer with O_DIRECT (run by the
+ * daemon). 0 whatever the load gives; -1 when the stream's disk is not open; the handle itself
+ * when it is out of range. Takes g_fslock. */
 int fs_preload(int handle);
-/* Takes the key-frame context anew from the entry at the position. */
+/* Takes the key-frame context anew from the entry at the position; nothing for a bad or free
+ * handle. No lock: one thread per stream. */
 void fs_reset_kframe_context(int handle);
-/* Current, next and previous key frame: the whole cluster holding it into buffer and the key
- * frame's offset inside it. The cluster's payload length, 0 at the end, or a negative value. */
+/* The key frame the context stands at, or the first one from the position on: its whole cluster
+ * into buffer, the key frame's offset inside it into *offset; the position is left where it was.
+ * The cluster's payload length, 0 at the end, or a negative value (-1 for a bad or closed stream
+ * or a null argument). No lock: one thread per stream. */
 int fs_getcurkframe(int handle, void *buffer, uint32_t *offset);
+/* The next key frame: the whole cluster holding it into buffer and its offset into *offset; the
+ * position moves to that cluster. The payload length, 0 at the end, or a negative value. No
+ * lock: one thread per stream. */
 int fs_getnextkframe(int handle, void *buffer, uint32_t *offset);
+/* The previous key frame, walking back cluster by cluster: the whole cluster into buffer and its
+ * offset into *offset. The payload length, 0 at the end, or a negative value (-1 at the first
+ * cluster). No lock: one thread per stream. */
 int fs_getprekframe(int handle, void *buffer, uint32_t *offset);
-/* Position (entries x 524288, offset inside the cluster in *offset) and time of the current key
- * frame; moves by payload bytes (whence 0 or 1) or by seconds (seq required). As index_ltell,
- * index_ttell, index_lseek and index_tseek. */
+/* Position of the stream (index_ltell: entries x 524288, in-cluster offset in *offset); -1 for a
+ * bad or closed stream. No lock. */
 int64_t fs_ltell(int handle, uint32_t *offset);
+/* Time of the current key frame (index_ttell), in seconds; -1 for a bad or closed stream. No
+ * lock. */
 int64_t fs_ttell(int handle, uint32_t *seq);
+/* Moves by payload bytes (index_lseek, whence 0 or 1): the new position, or -1. No lock. */
 int64_t fs_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out);
+/* Moves by seconds (index_tseek): the key frame's time, or -1, also for a bad stream or a null
+ * seq. No lock. */
 int64_t fs_tseek(int handle, int32_t sec, int whence, int32_t *seq);
 
 /* ---- end of streams ---- */
