@@ -1522,114 +1522,208 @@ typedef void (*rec_disk_cb)(int old_disk, int new_disk, void *user);
 /* Optional clock of the host: seconds since the epoch, called with a null argument. */
 typedef time_t (*rec_time_fn)(time_t *out);
 
+/* The recording context: its stream slots are taken and freed under stream_lock, its find slots
+ * under find_lock; its single words are read and written atomically, without a lock. */
 extern rec_ctx g_recctx;
+/* The known disks (g_devname, g_diskcount) are written by rec_init and by the daemon's hot-plug
+ * pass under g_diskrwlock; g_rec_pfn_time is read and written atomically. */
 extern char g_devname[RECSTORE_PROBE_MAX][RECSTORE_PATH_LEN]; /* disks of the last probe */
 extern int g_diskcount;                                       /* valid entries of g_devname */
 extern rec_time_fn g_rec_pfn_time;                            /* null: time(2) */
 
 /* ---- lifecycle, daemon and hot-plug ---- */
 /* Resets the context, starts the disk layer (fs_init with the same arguments) and records the
- * disks present now; they are not brought up. 0, or -1 when fs_init fails. */
+ * disks present now; they are not brought up. Turns recycling on and the periodic deletion off.
+ * 0, or -1 when fs_init fails. Call when no other library thread runs (it re-creates the stream
+ * and find locks). */
 int rec_init(int cache_inodes, unsigned cache_mib_per_disk, int mode_flags);
-/* Ends the disk layer. Stop the daemon first. */
+/* Ends the disk layer (fs_exit), frees the results of open searches and clears the context. Stop
+ * the daemon, close the streams and take the disks down first. */
 void rec_exit(void);
+/* 1 between rec_init and rec_exit, else 0. No lock. */
 int rec_is_inited(void);
-/* Starts the daemon thread; the thread creation's result. */
+/* Starts the daemon thread: pthread_create's result, 0 when started. Call once, after rec_init. */
 int rec_bringup_deamon(void);
-/* Stops and joins the daemon; -1 when none was started, else the join's result. */
+/* Stops and joins the daemon (waits for its current pass); -1 when none was started, else the
+ * join's result. */
 int rec_shutdown_deamon(void);
-/* The daemon's loop; context is &g_recctx. Returns 0. */
+/* The daemon's loop; context is &g_recctx. Every 40 ticks a disk pass (not in read-only mode):
+ * hot-plug, current disk, disk and block changes under g_diskrwlock, then recycling and the
+ * periodic deletion outside it; otherwise a preload step. Sleeps 10 ms per turn until stopped.
+ * Returns NULL. */
 void *rec_daemon(void *context);
+/* Plug-out, then plug-in, of the disks whose presence changed since the last probe: 0, or -1
+ * when either failed. The daemon runs it under g_diskrwlock; the host holds rec_lockdisk. */
 int rec_diskhotplug(void);
+/* Brings up every probed disk not yet known (unmount, check, mount, open, data zone, data check,
+ * group 0), then takes the probe as the known list. 0, or -1 when the probe fails or a data zone
+ * cannot be brought up (the list is kept; retried on the next pass). Runs external commands; the
+ * steps take each disk's mutex. */
 int rec_plugin(void);
+/* Takes down every known disk the probe no longer lists (no longer current, out of group 0, data
+ * zone closed, closed, unmounted), then takes the probe as the known list. 0, or -1 when the
+ * probe fails or a name has no valid disk id. */
 int rec_plugout(void);
-/* Periods of more than 3600 s are stored (1); others are refused (0). */
+/* Periods of more than 3600 s are stored (1); others are refused (0). Atomic, no lock. The
+ * deletion runs when forced (rec_force). */
 int rec_set_period(int seconds);
+/* Sets the force flag: the next disk pass runs the periodic deletion (when a period is set and
+ * the clock is valid) and clears it. Atomic, no lock. */
 void rec_force(int flag);
+/* Turns the recycling of full disks on (non-zero) or off. Always 0. Atomic, no lock. */
 int rec_setoverlap(int flag);
+/* Installs the host's clock used by the periodic deletion (null: time(2)). Atomic, no lock. */
 void rec_set_time_pfn(rec_time_fn fn);
+/* 1 when seconds is more than 3600, else 0. */
 int do_rec_period_is_valid(int seconds);
+/* 1 when t (seconds since the epoch) is after 1577808000 (the start of 2020 at UTC+8), else 0. */
 int do_rec_time_is_valid(int t);
+/* 1 when now is a valid time later than the period and the force flag is set (the flag is then
+ * cleared and the event logged); else 0. */
 int do_rec_test_period(int now);
+/* Takes g_diskrwlock for writing (fs_lockdisk), keeping the daemon's pass out: 0. Not recursive:
+ * never call it from a callback the daemon runs. */
 int rec_lockdisk(void);
+/* Releases g_diskrwlock (fs_unlockdisk): 0. */
 int rec_unlockdisk(void);
+/* Writes the library's state and every probed disk's cache and disk state to fd; nothing for a
+ * negative fd. Takes each disk's mutex in turn. */
 void rec_dump(int fd);
 
 /* ---- streams and disk rotation ---- */
 /* Opens a recording: flags with RECSTORE_REC_CREATE create it on the current disk, otherwise it
- * is looked up on the disks of group 0. The handle 0-127, or -1. */
+ * is looked up on the disks of group 0. The handle 0-127, or -1 for a channel outside 0-63, null
+ * start, the library not initialised, no free handle, no current disk or a full one, a recording
+ * not found or fs_open's failure. Takes the stream lock, then g_fslock (fs_open). */
 int rec_open_v2(int channel, const struct tm *start, int type, int attr_a, int attr_b, int attr_c,
                 int flags, int mode, int attr_d, const ext_desc *ext);
+/* rec_open_v2 without extension data. */
 int rec_open_v1(int channel, const struct tm *start, int type, int attr_a, int attr_b, int attr_c,
                 int flags, int mode, int attr_d);
+/* rec_open_v1 with attr_d 0. */
 int rec_open(int channel, const struct tm *start, int type, int attr_a, int attr_b, int attr_c,
              int flags, int mode);
+/* Closes the handle's stream (fs_close: header finalised, cache tag replaced) and frees the
+ * handle; nothing for a bad handle. Takes the stream lock, then g_fslock. */
 void rec_close(int h, const struct tm *end);
-/* One whole cluster (see fs_write). -2, without writing, when the handle's disk is full. */
+/* One whole cluster (see fs_write): length, -5 when no cluster is left, or another negative
+ * value. -2, without writing, when the handle's disk is full (fs_isdiskfull); -1 for a bad
+ * handle or null buffer or frames. No lock of its own. */
 int rec_write(int h, const void *buffer, int length, const kframe *frames, int count);
+/* fs_get_ext on the handle's stream; -1 for a bad handle. */
 int rec_get_ext(int h, void *buffer, int size);
+/* fs_chmod on the handle's stream (header rewritten and fsynced); -1 for a bad handle. */
 int rec_chmod(int h, int mode);
+/* fs_stat on the handle's stream; -1 for a bad handle or null st. */
 int rec_stat(int h, recordinfo *st);
+/* fs_insertalarm on the handle's stream; -1 for a bad handle or null alarm. */
 int rec_insertalarm(int h, const record_alarm *alarm);
+/* fs_sync on the handle's stream (header and data zone fsynced); -1 for a bad handle. */
 int rec_sync(int h);
-/* Reading, preload, key frames and seeking: as fs_read ... fs_tseek on the handle's stream. */
+/* fs_read on the handle's stream; -1 for a bad handle or a null argument. */
 int rec_read(int h, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
+/* fs_read_r on the handle's stream; -1 for a bad handle or a null argument. */
 int rec_read_r(int h, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
+/* fs_set_preload on the handle's stream; -1 for a bad handle. */
 int rec_set_preload(int h, const void *on);
+/* fs_getcurkframe on the handle's stream; -1 for a bad handle or a null argument. */
 int rec_getcurkframe(int h, void *buffer, uint32_t *offset);
+/* fs_getnextkframe on the handle's stream; -1 for a bad handle or a null argument. */
 int rec_getnextkframe(int h, void *buffer, uint32_t *offset);
+/* fs_getprekframe on the handle's stream; -1 for a bad handle or a null argument. */
 int rec_getprekframe(int h, void *buffer, uint32_t *offset);
+/* fs_ltell on the handle's stream; -1 for a bad handle. */
 int64_t rec_ltell(int h, uint32_t *offset);
-/* Time of the current key frame in seconds (as fs_ttell); also into *t (UTC) when t is given. */
+/* Time of the current key frame in seconds (as fs_ttell); also into *t (UTC) when t is given. -1
+ * for a bad handle. */
 int64_t rec_ttell(int h, struct tm *t);
+/* fs_lseek on the handle's stream (no in-cluster offset out); -1 for a bad handle. */
 int64_t rec_lseek(int h, int64_t offset, int whence);
+/* fs_tseek on the handle's stream; -1 for a bad handle or a null out. */
 int64_t rec_tseek(int h, int32_t sec, int whence, int32_t *out);
+/* One preload step: fs_preload for every open handle. Run by the daemon between passes; reads
+ * the slots without the stream lock. */
 void do_rec_preload(void);
+/* Makes every open stream refresh its cache tag on its next write. Returns the result for stream
+ * 127 (-1 when it is free). */
 int rec_sync_cache(void);
+/* cache_is_readonly(): 1 when the cache is read-only. */
 int rec_is_cache_readonly(void);
+/* 1 when every disk of group 0 has its cache loaded (also when the group is empty), else 0. No
+ * lock. */
 int rec_is_cache_loaded(void);
-/* Copies the stored handler set into old, stores new and installs its simple callbacks. Returns
- * old. */
+/* Copies the stored handler set into old, stores new and installs its simple callbacks
+ * (fs_set_exphandle). Returns old; nothing done for a null argument. No lock. */
 rec_exphandle *rec_set_exphandle(rec_exphandle *old, const rec_exphandle *new_handlers);
+/* Removes the simple callbacks and clears the stored handler set. No lock. */
 void rec_clear_exphandle(void);
+/* fs_set_exphandle_ex: installs (null: clears) the extended callbacks. */
 void rec_set_exphandle_ex(const fs_exphandle_ex *handlers);
+/* fs_get_exphandle_ex: the installed extended callbacks, never null. */
 fs_exphandle_ex *rec_get_exphandle_ex(void);
-/* The first disk of group 0 that is not full, or -1. */
+/* The first disk of group 0 that is not full (fs_isdiskfull), or -1 when the group is empty or
+ * all its disks are full. Takes each disk's mutex in turn; the daemon calls it under
+ * g_diskrwlock. */
 int rec_diskcurrent(void);
-/* Moves recording to the disk rec_diskcurrent chooses. 0, or -1 when there is none. */
+/* Moves recording to the disk rec_diskcurrent chooses (the current disk becomes -1 when there is
+ * none): the disk callbacks rec_word0 before and rec_word1 after fs_changeblock. 0, or -1 when
+ * there is none. The daemon runs it under g_diskrwlock. */
 int rec_changedisk(int overlap);
 
 /* ---- search and calendar over all disks ---- */
-/* Opens a search over every initialised disk: handle 0-7, or -1. sortmode 1 by channel, 2 by
- * start time, 3 by channel then start time, else in the order found. */
+/* Opens a search over every initialised disk: handle 0-7, or -1 for null times, the library not
+ * initialised, a negative maxcount, no free find handle or no memory. sortmode 1 by channel, 2
+ * by start time, 3 by channel then start time, else in the order found. maxcount bounds the
+ * results over all disks. Takes the find lock to take the handle; fs_find runs outside it. */
 int rec_find_open(const struct tm *start, const struct tm *end, uint64_t chanbits, int type,
                   int modmask, int matchflags, int maxcount, int sortmode);
-/* Pages of results: up to n into recs (60-byte records) and infos (128-byte records). The number
- * copied, or -1. */
+/* Pages of results: up to n from the cursor into recs (60-byte records) and infos (128-byte
+ * records), moving the cursor on. The number copied, or -1 for a bad handle, null arrays or a
+ * cursor before the first result. No lock: one thread per search. */
 int rec_find_next(int h, rec_param *recs, rec_find_info *infos, int n);
+/* Up to n results backward from the cursor, stored so that the arrays end in ascending order;
+ * the cursor moves back. The number copied, or -1 for a bad handle, null arrays or a cursor at
+ * or past the end. */
 int rec_find_prev(int h, rec_param *recs, rec_find_info *infos, int n);
+/* Results stored by the search, or -1 for a bad handle. */
 int rec_find_getcounts(int h);
+/* Moves the cursor to the first result; nothing for a bad handle. */
 void rec_find_reset(int h);
+/* Moves the cursor to the last result (for rec_find_prev); nothing for a bad handle. */
 void rec_find_toend(int h);
-/* The same on one channel's run of the results (after sort mode 1 or 3). */
+/* rec_find_next on one channel's run of the results (after sort mode 1 or 3) with its own
+ * cursor; -1 also for a channel outside 0-63. */
 int rec_find_channel_next(int h, int channel, rec_param *recs, rec_find_info *infos, int n);
+/* rec_find_prev on one channel's run with its own cursor; -1 also for a channel outside 0-63. */
 int rec_find_channel_prev(int h, int channel, rec_param *recs, rec_find_info *infos, int n);
+/* Results of one channel, or -1 for a bad handle or a channel outside 0-63. */
 int rec_find_channel_getcounts(int h, int channel);
+/* Moves one channel's cursor to its first result. */
 void rec_find_channel_reset(int h, int channel);
+/* Moves one channel's cursor to its last result. */
 void rec_find_channel_toend(int h, int channel);
+/* Frees the search's results and its handle. Takes the find lock. */
 void rec_find_close(int h);
-/* Marks bit 0 of days[d - 1] for every day d of the month holding a recording of the channels
- * (low and high words of the mask). 0, or -1 when the library is not initialised. */
+/* Marks bit 0 of days[d - 1] for every day d of the month holding a type-0 recording of the
+ * channels (low and high words of the mask); days is cleared first for the month's days. 0, or
+ * -1 when the library is not initialised, days is null or the month has more than 31 days. Runs
+ * fs_get_calendar on every initialised disk. */
 int rec_get_calendar(uint32_t chan_lo, uint32_t chan_hi, int year, int month, unsigned char *days);
-/* The callbacks given to fs_find (slot: rec_find_slot *) and fs_get_calendar (days array). */
+/* The callback rec_find_open gives fs_find (slot: rec_find_slot *): stores one result, 1; 0 when
+ * the slot is full or null or the channel is above 63. With the cache it runs under g_cachelock
+ * and yields now and then. */
 int rec_action(const fs_find_record *found, const recordinfo *info, void *slot);
+/* The callback rec_get_calendar gives fs_get_calendar (days array): marks bit 0 of
+ * days[request->day], 1; 0 for null arguments or a day outside 0-30. */
 int do_rec_get_calendar_action(fs_calendar_req *request, void *days);
-/* qsort comparators of rec_find_result: by channel, by start time. */
+/* qsort comparator of rec_find_result by channel. */
 int rec_channel_compare(const void *a, const void *b);
+/* qsort comparator of rec_find_result by start time (tm_cmp). */
 int rec_time_compare(const void *a, const void *b);
 
 /* ---- recycling ---- */
-/* Deletes one recording on every disk of group 0. 0, or -1. */
+/* Deletes one recording (fs_delete) on every disk of group 0: 0 when at least one disk deleted
+ * it, -1 otherwise or for a null record. */
 int rec_delete(const record_name *record);
 /* Does nothing; 0. */
 int rec_mark_old(void);
