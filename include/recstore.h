@@ -10,6 +10,38 @@
  *
  * Conventions: 0 or a non-negative count/handle is success, a negative value is failure (-1 unless
  * a function documents another code). Disk ids are 0 to 7, channels 0 to 63.
+ *
+ * Errors. Besides -1, two codes are fixed: -2 from rec_write when the handle's disk is full
+ * (nothing written) and -5 from fs_write when no cluster can be allocated. Stream reads and writes
+ * pass on a short byte count or the negative result of the layer below. Index entry reads and
+ * writes return 204 for a whole entry and 0 at the end of the file. Functions answering an unsigned
+ * "none" give 0xFFFFFFFF. Yes/no tests give 1 or 0, and every fullness test answers 1 (full) for a
+ * doubtful disk. Name parsers give the number of fields read. Walk actions answer 0 stop, 1 go on,
+ * 2 do not descend. Functions returning void report failures only in the log. Nothing is synced
+ * unless a contract says so ("fsyncs", "syncs").
+ *
+ * Threads and locks.
+ * - Any thread may call the rec_* functions and the per-disk fs_* functions. One stream handle and
+ *   one find handle are used by one thread at a time.
+ * - Each disk's mutex, g_disk[id].lock, guards its table entry, data-zone maps and cluster
+ *   allocation. The fs_* functions take it themselves; it is not recursive, so never call them with
+ *   it held. The datazone_*, block_*, bitmap_* and index_* functions take no lock of their own
+ *   ("caller holds the disk's mutex" where it matters); only payload reads and writes and
+ *   datazone_exit use an internal per-disk I/O lock, so payload I/O needs no disk mutex.
+ * - g_fslock guards the stream table and the index handle table: fs_open, fs_close, fs_get_ext,
+ *   fs_read, fs_read_r and the preload functions take it. g_cachelock guards the cache files.
+ *   Lock order: g_diskrwlock, the recording context's stream lock, g_fslock, a disk's mutex,
+ *   g_cachelock. The find lock only guards taking and freeing find handles.
+ * - g_diskrwlock (fs_lockdisk, rec_lockdisk) is held by the daemon for each disk pass, in which
+ *   hot-plug, rec_diskcurrent, rec_changedisk, fs_changeblock and the fullness tests run. The host
+ *   holds it around its own changes of the disk table and groups (plug-in and plug-out sequences,
+ *   fs_adddisk, fs_removedisk) while the daemon runs. It is not recursive: the block- and
+ *   disk-change callbacks, which the daemon runs under it, must not take it.
+ * - The daemon thread (rec_daemon) runs the disk passes, then outside the lock the recycling of the
+ *   oldest block and the periodic deletion, and between passes do_rec_preload (fs_preload). Each
+ *   fs_datazone_init starts a detached loader thread (proc_cache_load) that fills the disk's cache.
+ * - rec_init, rec_exit, fs_init and fs_exit reset global tables and re-create locks: call them only
+ *   while no other library thread runs.
  */
 #ifndef RECSTORE_H
 #define RECSTORE_H
@@ -152,63 +184,155 @@ typedef struct fs_group {
 /* ============================================================================================
  * Host utilities and logging.
  * ========================================================================================== */
+/* Event-log switch, set by fs_mount and cleared by fs_umount on any thread; read and written
+ * atomically, no lock. */
 extern uint32_t g_plog_inited; /* 1 while the log file "/mnt/img/log.log" is enabled */
 
+/* Enables the event log; path is ignored (the log is always "/mnt/img/log.log"). Always 0.
+ * Atomic flag, no lock, no I/O. */
 int fs_log_init(const char *path);
+/* 1 while the event log is enabled, else 0. No lock, no I/O. */
 int fs_log_is_inited(void);
+/* Disables the event log. No lock, no I/O. */
 void fs_log_exit(void);
-/* Time-stamped message to standard output and the log file; -1 when the log is disabled. */
+/* Time-stamped message to standard output and the log file: 0, or -1 (nothing printed) while the
+ * log is disabled; a log file that cannot be opened is reported and only standard output gets
+ * the line. Opens, appends to and closes "/mnt/img/log.log" on each call, emptying it past 2
+ * MiB; not synced. No lock: lines of concurrent callers may interleave. */
 int fs_log_file(const char *format, ...) __attribute__((format(printf, 1, 2)));
-/* Runs an external command through the host's pip_system, or system(3) when debugging. */
+/* Runs an external command through the host's pip_system, or system(3) when loglevel is 0x10000
+ * or more; the command's status as system(3) reports it. Blocks until the command ends; no lock. */
 int fs_system(char *command);
+/* Copies the nine calendar fields of src into dst (dst's other fields are left as they are);
+ * nothing for a null argument. No I/O. */
 void from_fs_tm(struct tm *dst, const fs_tm *src);
+/* Copies the nine calendar fields of src into dst and zeroes its two extra words; returns dst
+ * (untouched when src is null). */
 fs_tm *to_fs_tm(const struct tm *src, fs_tm *dst);
+/* Renders "count total average max min" into dst (at most n bytes); returns dst, untouched when
+ * info is null or counted nothing. */
 char *find_debug_info_tostring(const find_debug_info *info, char *dst, size_t n);
+/* Appends "kind:[count total average max min] " for every kind of step that counted something to
+ * the string dst already holds (n bytes in all; start from ""). Returns dst. */
 char *find_debug_tostring(const find_debug *stats, char *dst, size_t n);
 
 /* ============================================================================================
  * Path and name scheme. Builders write at most n bytes (snprintf semantics) and return dst.
  * A disk id outside 0-7 is refused: the builder reports it and leaves dst an empty string.
  * ========================================================================================== */
+/* Device path of the disk from the disk table ("" while the disk is not open). Reads
+ * g_disk[disk_id].devname without the disk's mutex; no I/O. */
 char *disk_root(int disk_id, char *dst, size_t n);
+/* Partition 1 (system) of the disk: its device path followed by "1" (only "1" while the disk is
+ * not open). */
 char *sys_partion(int disk_id, char *dst, size_t n);
+/* Partition 2 (index) of the disk: its device path followed by "2" (only "2" while the disk is
+ * not open). */
 char *idx_partion(int disk_id, char *dst, size_t n);
+/* Partition 3 (raw data) of the disk: its device path followed by "3" (only "3" while the disk
+ * is not open). */
 char *data_partion(int disk_id, char *dst, size_t n);
+/* Mount point of a device path: "/mnt/" plus the word after "/dev/hd/" (at most 15 characters),
+ * e.g. "/mnt/sda". dst is left untouched when dev is null or shorter than 9 characters. Returns
+ * dst. */
 char *mount_point(const char *dev, char *dst, size_t n);
+/* Device path of a mount point: "/dev/hd/" plus the word after "/mnt/" (at most 15 characters).
+ * Returns mnt itself, dst untouched, when mnt is null or shorter than 6 characters; else dst. */
 const char *dev_name(const char *mnt, char *dst, size_t n);
+/* Index root of the disk: the mount point of its device path, e.g. "/mnt/sda"; "" for a bad id
+ * or a disk that is not open. */
 char *idx_root(int disk_id, char *dst, size_t n);
+/* Root of the block link directories: the index root plus "/link"; "" when the disk has no index
+ * root. */
 char *idx_linkroot(int disk_id, char *dst, size_t n);
+/* Channel directory "<index root>/CC/"; "" when the disk has no index root. */
 char *mk_idx_chnpath(int disk_id, char *dst, size_t n, int channel);
+/* Year directory "<index root>/CC/YYYY/"; "" for a null time (reported) or no index root. */
 char *mk_idx_yearpath(int disk_id, char *dst, size_t n, int channel, const struct tm *t);
+/* Month directory "<index root>/CC/YYYY/MM/" (month 1-12); "" for a null time or no index root. */
 char *mk_idx_monpath(int disk_id, char *dst, size_t n, int channel, const struct tm *t);
+/* Day directory "<index root>/CC/YYYY/MM/DD/"; "" for a null time or no index root. */
 char *mk_idx_daypath(int disk_id, char *dst, size_t n, int channel, const struct tm *t);
+/* Leaf directory "<index root>/CC/YYYY/MM/DD/TT/" that holds the recording's index file; "" for
+ * a null time or no index root. */
 char *mk_idx_fullpath(int disk_id, char *dst, size_t n, int channel, const struct tm *t, int type);
+/* Index file name "CCYYYYMMDDhhmmss_TT" of a recording, without directory; "" for a null time
+ * (reported). */
 char *mk_idx_filename(char *dst, size_t n, int channel, const struct tm *t, int type);
+/* Path of a recording's index file: leaf directory plus file name; "" for a null time or no
+ * index root. */
 char *mk_idx_fullname(int disk_id, char *dst, size_t n, int channel, const struct tm *t, int type);
+/* The index file's path seen from a block's link directory, "../../CC/YYYY/MM/DD/TT/<file
+ * name>": the target of its link. "" for a null time. */
 char *mk_idx_fullname_relative(char *dst, size_t n, int channel, const struct tm *t, int type);
+/* Link directory of a block: "<index root>/link/" plus the block id in eight digits, without
+ * trailing slash; "" when the disk has no index root. */
 char *mk_idx_linkpath(int disk_id, char *dst, size_t n, int block_id);
+/* Path of a recording's link in a block's link directory: link directory, "/", filename; "" for
+ * a null filename or no index root. */
 char *mk_idx_linkname(int disk_id, char *dst, size_t n, int block_id, const char *filename);
+/* Disk id of a device path: the letter after "/dev/hd/sd" minus 'a'. Not checked: any other name
+ * gives a value outside 0-7 (-97 for null or no match), which callers refuse. */
 int todiskid(const char *dev);
+/* Cache path of an index path: "/mnt/cache/" plus what follows its second '/' ("/mnt/sda/01/"
+ * gives "/mnt/cache/sda/01/"); "" (reported) for a path with fewer than two '/'. Returns dst. */
 char *tocachename(char *dst, size_t n, const char *path);
+/* Parses an index file name (mk_idx_filename) into channel, start (tm_year since 1900, tm_mon
+ * 0-11) and type: the number of fields read, 8 for a whole name; 0 for a null argument
+ * (reported). No I/O. */
 int filename_to_record(const char *name, int *channel, struct tm *start, int *type);
+/* Parses a path "/mnt/sdX/CC/YYYY/MM/DD/TT/<file name>" into disk id, channel, start and type:
+ * the number of fields read (1 disk, 2 channel, 3 year, 4 month, 5 day, 6 type, 7 or more inside
+ * the file name, 14 for a whole index file path); 0 for a null argument. */
 int fullname_to_record(const char *path, int *disk_id, int *channel, struct tm *start, int *type);
+/* Parses a link path "/mnt/sdX/link/BBBBBBBB/<file name>" into disk id, block id, channel, start
+ * and type: the number of fields read, 10 for a whole link; 0 for a null argument. */
 int linkname_to_record(const char *path, int *disk_id, int *block_id, int *channel,
                        struct tm *start, int *type);
+/* Parses a cache path "/mnt/cache/sdX/CC/YYYY/MM/DD/TT/cache" into disk id, channel, day and
+ * type: the number of fields read (1 disk ... 6 type, 7 with the file name); 0 for a null
+ * argument. */
 int cachefullname_to_record(const char *path, int *disk_id, int *channel, struct tm *day,
                             int *type);
+/* The 8-byte cache tag of a recording from its index file name and end time: lo bits 0-19 the
+ * start second of the day, lo bits 20-31 and hi bits 0-3 the duration in seconds (modulo 65536),
+ * hi bits 4-11 the low byte of mode, hi bits 12-27 bits 16-31 of total_bytes. An end before the
+ * start is reported and *end set to the start. 0 for a null argument. No I/O. */
 uint64_t filename_to_cachetag(struct tm *end, unsigned mode, unsigned total_bytes,
                               const char *filename);
+/* Decodes a tag of the cache file cachefile: disk, channel, day and type from the path; start,
+ * end, mode and total_bytes (bits 16-31 only) from the tag. 0, or -1 for a null argument or a
+ * path that does not parse; a span leaving its day is reported but decoded. The second argument
+ * is ignored. */
 int cachetag_to_record(const char *cachefile, int ignored, uint32_t lo, uint32_t hi, int *disk_id,
                        int *channel, struct tm *start, struct tm *end, int *type, int *mode,
                        unsigned *total_bytes);
+/* Rewrite predicate: 0 (drop) when the tag starts at t's second of the day, else -1 (keep); -1
+ * for a null t. */
 int match_cachetag(uint32_t lo, uint32_t hi, const struct tm *t);
+/* Rewrite predicate: 0 (drop) when the tag starts before t's second of the day, else -1 (keep);
+ * -1 for a null t. */
 int before_cachetag(uint32_t lo, uint32_t hi, const struct tm *t);
+/* Copies src into dst cut after its last '/' that is not the final character: the parent
+ * directory with its slash (a path without such a '/' is copied whole). "" (reported) when src
+ * is null or does not fit in n bytes. Returns dst. */
 char *mk_parent(const char *src, size_t n, char *dst);
+/* Creates, mode 0777, every directory of path that ends with '/' (the part after the last '/' is
+ * not created); stops at the first failure, reported with perror. Always 0. path is changed
+ * during the call and restored. Not synced. */
 int mkdir_recursive(char *path);
+/* Pointer to the last character of s when it is c, else NULL (also for null or ""). */
 char *last_char_is(const char *s, int c);
+/* path, '/', file into dst (n bytes), without doubling a slash that ends path and with the
+ * leading slashes of file dropped; a null part counts as "". Returns dst. */
 char *concat_path_file(char *dst, size_t n, const char *path, const char *file);
+/* As concat_path_file, but NULL (dst untouched) when file is "." or "..". */
 char *concat_subpath_file(char *dst, size_t n, const char *path, const char *file);
+/* 1 when the directory holds nothing but "." and "..", or cannot be opened (or path is null);
+ * else 0. */
 int is_dir_empty(const char *path);
+/* Removes the directory when is_dir_empty finds it empty: 0 (also when rmdir fails or the path
+ * cannot be opened), -1 when it holds entries. */
 int rm_empty_dir(const char *path);
 
 /* ============================================================================================
