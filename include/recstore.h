@@ -1131,8 +1131,9 @@ int64_t index_ltell(int handle, uint32_t *offset);
 /* Moves by payload bytes, entry by entry by their lengths: whence SEEK_SET from the first entry,
  * SEEK_CUR forward or (negative offset) backward; lands on the entry holding the target with the
  * in-cluster offset and key frame set. The new index_ltell position (offset_out as its *offset),
- * or -1 for a bad or free handle, an offset beyond the record's bytes, SEEK_END or another
- * whence, a negative SEEK_SET offset or running off either end (the position may have moved). */
+ * or -1 for a bad or free handle, a record whose byte count is below offset / 524288 x 204 (a
+ * loose bound), SEEK_END or another whence, a negative SEEK_SET offset or running off either end
+ * (the position may have moved). */
 int64_t index_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out);
 /* Time (seconds since the epoch) of the current key frame of the entry at the position (its
  * first frame when the recorded index lies beyond the table); *seq (when given) gets the frame
@@ -1141,11 +1142,11 @@ int64_t index_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out
 int64_t index_ttell(int handle, uint32_t *seq);
 /* Moves by time. SEEK_SET: to the first key frame at or after sec (seconds since the epoch),
  * which must lie between the record's start and end; sec before every frame returns the first
- * frame's time without moving. SEEK_CUR: sec seconds forward (first frame at or after) or
- * backward (last frame at or before) from the current entry's first frame. Sets position, key
- * frame and offset and *seq (when given). The key frame's time, the end (forward) or start
- * (backward) time when the entries run out, or -1 for a bad or free handle, a bad or SEEK_END
- * whence, a time out of range or a read failure. */
+ * frame's time, the position at the first entry. SEEK_CUR: sec seconds forward (first frame at
+ * or after) or backward (last frame at or before) from the current entry's first frame. Sets
+ * position, key frame and offset and *seq (when given). The key frame's time, the end (forward)
+ * or start (backward) time when the entries run out, or -1 for a bad or free handle, a bad or
+ * SEEK_END whence, a time out of range or a read failure. */
 int64_t index_tseek(int handle, int32_t sec, int whence, int32_t *seq);
 /* Sets the handle's in-cluster offset and key frame index: the number of frames (count 1-24) at
  * or before offset, 0 without frames. Nothing for a bad handle or an offset of a cluster or
@@ -1170,8 +1171,8 @@ void index_get_seqoffset(int handle, uint32_t *seq);
  * filename_to_cachetag), stored as eight little-endian bytes, low word first.
  * ========================================================================================== */
 /* g_cache_rdonly is set by cache_init and g_cache_loaded by cache_set_loaded, both read and
- * written atomically without a lock. g_cachelock: lock order g_fslock before g_cachelock; the
- * cache search runs its callback under it. */
+ * written atomically without a lock. g_cachelock comes last in the lock order (after g_fslock
+ * and the disk mutexes); the cache search runs its callback under it. */
 extern int g_cache_rdonly;                     /* 1 when the cache was initialised read-only */
 extern int g_cache_loaded[RECSTORE_MAX_DISKS]; /* 1 once a disk's cache has been built */
 extern pthread_mutex_t g_cachelock;            /* guards every read, append, rewrite and clear */
@@ -1302,10 +1303,10 @@ void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no
  * cluster can be allocated; -1 in read-only mode, for a bad or closed stream, null buffer or
- * frames, count above 24 or length above 524288; else the failed write's result (the allocated
- * cluster then stays busy). Takes the disk's mutex only to allocate; payload and entry are
- * written unlocked (one thread per stream), not synced. Every 17th write replaces the cache tag
- * (g_cachelock). */
+ * frames, count above 24 or length above 524288; else the negative result of the failed payload
+ * or entry write (the allocated cluster then stays busy; a short write goes unnoticed). Takes
+ * the disk's mutex only to allocate; payload and entry are written unlocked (one thread per
+ * stream), not synced. Every 17th write replaces the cache tag (g_cachelock). */
 int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames, uint32_t count);
 /* Current block of the disk, looking up to 20 times 100 ms apart, each time under the disk's
  * mutex (must not be held); 0xFFFFFFFF when none appears or for a bad id. */
@@ -1390,8 +1391,8 @@ fs_exphandle_ex *fs_get_exphandle_ex(void);
  * name that lie in the disk's current block (others stay busy until their block is cleared),
  * removes the index file and the directories it empties, and drops its cache tag. Its link
  * stays. 0, or -1 in read-only mode, for a bad id, null record, an index file that cannot be
- * opened or read whole (nothing removed) or a failed remove. Takes g_fslock around the open and
- * close and the disk's mutex per cluster. */
+ * opened or read whole (the file is kept; clusters freed before stay free) or a failed remove.
+ * Takes g_fslock around the open and close, the disk's mutex per cluster, then g_cachelock. */
 int fs_delete(int disk_id, const record_name *record);
 /* Deletes every index file of the group-0 disks that starts at or before t (seconds since the
  * epoch, UTC), and the cache tags that start before it. Clusters, links and empty directories
@@ -1521,8 +1522,8 @@ int file_calendar_action(const char *path, void *request);
 /* Reads the next cluster of a reader: the whole cluster into buffer (524288 bytes), its payload
  * length, its key-frame table (RECSTORE_MAX_KFRAMES descriptors) and count. The length, 0 at the
  * end of the recording, or a negative value (-1 for a bad or closed stream, a null argument, an
- * entry out of range or a short data read). Takes g_fslock for the whole call; uses the preload
- * buffer when it holds the cluster. */
+ * entry out of range or a short data read). Takes g_fslock for the whole call; with a preload
+ * buffer the cluster is read through it (O_DIRECT) unless it holds it already. */
 int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
 /* Reads the cluster before the position and stays at its start, so that repeated calls walk
  * backwards. The length, or a negative value (-1 at the first entry). Takes g_fslock. */
@@ -1541,9 +1542,9 @@ int fs_preload(int handle);
  * handle. No lock: one thread per stream. */
 void fs_reset_kframe_context(int handle);
 /* The key frame the context stands at, or the first one from the position on: its whole cluster
- * into buffer, the key frame's offset inside it into *offset; the position is left where it was.
- * The cluster's payload length, 0 at the end, or a negative value (-1 for a bad or closed stream
- * or a null argument). No lock: one thread per stream. */
+ * into buffer, the key frame's offset inside it into *offset; the position is left where it was
+ * (not when the end is reached). The cluster's payload length, 0 at the end, or a negative value
+ * (-1 for a bad or closed stream or a null argument). No lock: one thread per stream. */
 int fs_getcurkframe(int handle, void *buffer, uint32_t *offset);
 /* The next key frame: the whole cluster holding it into buffer and its offset into *offset; the
  * position moves to that cluster. The payload length, 0 at the end, or a negative value. No
