@@ -1365,9 +1365,11 @@ typedef struct fs_exphandle_ex {
     void *ctx;           /* user context of both */
 } fs_exphandle_ex;
 
-/* The installed simple and extended block-change callbacks. Written by the setters without a
- * lock; fs_changeblock copies both when it starts. */
+/* The simple block-change callbacks (fs_set_exphandle, rec_set_exphandle): written without a
+ * lock, copied by fs_changeblock when it starts. */
 extern fs_exphandle g_fsexp;
+/* The extended callbacks with the disk-change words (fs_set_exphandle_ex): written without a
+ * lock, read by fs_changeblock and rec_changedisk. */
 extern fs_exphandle_ex g_fsexp_ex;
 
 /* Ends the old disk's current block and makes a new current block on the new disk (which may be
