@@ -54,6 +54,7 @@ int cmd_help(int, char **) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    tool::prepare_process();
     if (argc < 2) {
         usage(stderr);
         return tool::kExitUsage;
