@@ -29,7 +29,9 @@ std::string Args::value(const std::string &name, const std::string &fallback) co
 
 bool parse_args(int argc, char **argv, const std::vector<std::string> &value_options,
                 const std::vector<std::string> &flags, Args *out, std::string *error) {
-    // The long options by their names without the dashes; val is 1 + the index into names.
+    // Option i is returned as kFirstOption + i (above every character code); the names keep the
+    // dashes, the table takes them without.
+    constexpr int kFirstOption = 256;
     std::vector<std::string> names;
     std::vector<struct option> table;
     for (const std::string &v : value_options) names.push_back(v);
@@ -37,31 +39,35 @@ bool parse_args(int argc, char **argv, const std::vector<std::string> &value_opt
     for (size_t i = 0; i < names.size(); i++) {
         const bool takes_value = i < value_options.size();
         table.push_back({names[i].c_str() + 2, takes_value ? required_argument : no_argument,
-                         nullptr, static_cast<int>(i + 1)});
+                         nullptr, kFirstOption + static_cast<int>(i)});
     }
     table.push_back({nullptr, 0, nullptr, 0});
-    // getopt_long keeps its position in globals: start from scratch on every call, and leave
-    // the reporting of errors to the caller.
+    auto option_name = [&](int code) -> const std::string * {
+        const int i = code - kFirstOption;
+        return i >= 0 && static_cast<size_t>(i) < names.size() ? &names[static_cast<size_t>(i)]
+                                                               : nullptr;
+    };
+    // getopt_long keeps its position in globals: start from scratch on every call. "-" hands
+    // the words back in order (whatever POSIXLY_CORRECT says), ":" leaves the errors to us.
     optind = 0;
     opterr = 0;
     int c;
-    while ((c = getopt_long(argc, argv, ":", table.data(), nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "-:", table.data(), nullptr)) != -1) {
         const std::string word = argv[optind - 1] == nullptr ? "" : argv[optind - 1];
-        if (c >= 1 && static_cast<size_t>(c) <= names.size()) {
-            const std::string &name = names[static_cast<size_t>(c - 1)];
-            if (static_cast<size_t>(c) <= value_options.size()) {
-                out->values[name] = optarg;
+        if (c == 1) {
+            out->words.push_back(optarg);
+        } else if (const std::string *name = option_name(c)) {
+            if (static_cast<size_t>(c - kFirstOption) < value_options.size()) {
+                out->values[*name] = optarg;
             } else {
-                out->flags.push_back(name);
+                out->flags.push_back(*name);
             }
         } else if (c == ':') {
-            const std::string name = optopt >= 1 && static_cast<size_t>(optopt) <= names.size()
-                                         ? names[static_cast<size_t>(optopt - 1)]
-                                         : word;
-            *error = "option " + name + " needs a value";
+            const std::string *name = option_name(optopt);
+            *error = "option " + (name ? *name : word) + " needs a value";
             return false;
-        } else if (optopt >= 1 && static_cast<size_t>(optopt) <= names.size()) {
-            *error = "option " + names[static_cast<size_t>(optopt - 1)] + " takes no value";
+        } else if (const std::string *flag = option_name(optopt)) {
+            *error = "option " + *flag + " takes no value";
             return false;
         } else if (optopt != 0) {
             *error = std::string("unknown option \"-") + static_cast<char>(optopt) + "\"";

@@ -159,6 +159,17 @@ TEST(ToolOptions, ValuesSeparateOrAfterEqualsFlagsAndWordsMixed) {
     EXPECT_EQ(args.words, (std::vector<std::string>{"w1", "w2"}));
 }
 
+TEST(ToolOptions, OptionsAfterWordsCountEvenWithPosixlyCorrectSet) {
+    setenv("POSIXLY_CORRECT", "1", 1);
+    tool::Args args;
+    std::string error;
+    const bool ok = parse({"check", "/dev/hd/sda", "--json", "w2"}, &args, &error);
+    unsetenv("POSIXLY_CORRECT");
+    ASSERT_TRUE(ok) << error;
+    EXPECT_TRUE(args.has("--json"));
+    EXPECT_EQ(args.words, (std::vector<std::string>{"/dev/hd/sda", "w2"}));
+}
+
 TEST(ToolOptions, DoubleDashEndsTheOptions) {
     tool::Args args;
     std::string error;
