@@ -215,6 +215,15 @@ char *find_debug_info_tostring(const find_debug_info *info, char *dst, size_t n)
 /* Appends "kind:[count total average max min] " for every kind of step that counted something to
  * the string dst already holds (n bytes in all; start from ""). Returns dst. */
 char *find_debug_tostring(const find_debug *stats, char *dst, size_t n);
+/* Level handed to a log handler for the messages printed without prefix and gate. */
+#define RECSTORE_LOG_PLAIN 0x0u
+/* Receives each library message instead of standard output: level (RECSTORE_LOG_ERROR, _WARNING,
+ * _INFO or _PLAIN), module (source file's base name; "recstore" for plain messages, "event" for
+ * event-log lines), text (as printed, newline included, without the colour prefix). Called from
+ * any library thread, the daemon included, possibly concurrently; must not call the library. */
+typedef void (*recstore_log_fn)(void *user, uint32_t level, const char *module, const char *text);
+/* Sends every later message to fn(user, ...); NULL restores standard output. Thread-safe. */
+void recstore_set_log_handler(recstore_log_fn fn, void *user);
 
 /* ============================================================================================
  * Path and name scheme. Builders write at most n bytes (snprintf semantics) and return dst.

@@ -31,6 +31,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 
 #include "fs.h"     // g_disk: the device names every disk path is built from
@@ -137,11 +138,73 @@ int (*fs_tools_blk_ioctl)(int fd, unsigned long request, void *arg) = real_blk_i
 // Messages
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+constexpr const char *kPlainModule = "recstore";  // module of the messages printed plain
+constexpr const char *kEventModule = "event";     // module of the event log's lines
+constexpr size_t kLogText = 512;                  // messages up to this size need no allocation
+
+// A host's log handler as installed. Sinks are never freed: a thread that loaded one may still be
+// calling it while the host installs another. Each keeps the one installed before it reachable.
+struct LogSink {
+    recstore_log_fn fn;
+    void *user;
+    const LogSink *older;
+};
+std::atomic<const LogSink *> g_log_sink{nullptr};  // the handler in use, null: standard output
+const LogSink *g_log_sinks = nullptr;              // every sink made, newest first (under lock)
+pthread_mutex_t g_log_sinks_lock = PTHREAD_MUTEX_INITIALIZER;
+
+const LogSink *log_sink() {
+    return g_log_sink.load(std::memory_order_acquire);
+}
+
+std::string format_text(const char *format, va_list ap) {
+    va_list again;
+    va_copy(again, ap);
+    char small[kLogText];
+    const int n = vsnprintf(small, sizeof small, format, ap);
+    std::string text;
+    if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
+        text.assign(small, static_cast<size_t>(n));
+    } else if (n >= 0) {
+        text.resize(static_cast<size_t>(n) + 1);
+        vsnprintf(&text[0], text.size(), format, again);
+        text.resize(static_cast<size_t>(n));
+    }
+    va_end(again);
+    return text;
+}
+
+void deliver(const LogSink *sink, uint32_t level, const char *module, const char *format,
+             va_list ap) {
+    const std::string text = format_text(format, ap);
+    sink->fn(sink->user, level, module, text.c_str());
+}
+
+}  // namespace
+
+void recstore_set_log_handler(recstore_log_fn fn, void *user) {
+    if (fn == nullptr) {
+        g_log_sink.store(nullptr, std::memory_order_release);
+        return;
+    }
+    recstore::MutexGuard hold(g_log_sinks_lock);
+    LogSink *sink = new LogSink{fn, user, g_log_sinks};
+    g_log_sinks = sink;
+    g_log_sink.store(sink, std::memory_order_release);
+}
+
 void fs_log_msg(uint32_t level, const char *file, int line, const char *format, ...) {
     if (!gate_open(level)) return;
-    printf(prefix_for(level), base_name(file), line);
     va_list ap;
     va_start(ap, format);
+    if (const LogSink *sink = log_sink()) {
+        deliver(sink, level, base_name(file), format, ap);
+        va_end(ap);
+        return;
+    }
+    printf(prefix_for(level), base_name(file), line);
     vprintf(format, ap);
     va_end(ap);
     fflush(stdout);
@@ -150,12 +213,24 @@ void fs_log_msg(uint32_t level, const char *file, int line, const char *format, 
 void fs_log_plain(const char *format, ...) {
     va_list ap;
     va_start(ap, format);
+    if (const LogSink *sink = log_sink()) {
+        deliver(sink, RECSTORE_LOG_PLAIN, kPlainModule, format, ap);
+        va_end(ap);
+        return;
+    }
     vprintf(format, ap);
     va_end(ap);
     fflush(stdout);
 }
 
 void fs_assert_fail(const char *expr, const char *file, int line) {
+    if (const LogSink *sink = log_sink()) {
+        const std::string text = std::string("assert expression: ") + expr +
+                                 ",at file:" + base_name(file) + ",line:" + std::to_string(line) +
+                                 "\nhalt\n";
+        sink->fn(sink->user, RECSTORE_LOG_ERROR, base_name(file), text.c_str());
+        abort();
+    }
     printf("assert expression: %s,at file:%s,line:%d\n", expr, base_name(file), line);
     printf("halt\n");
     fflush(stdout);
@@ -200,14 +275,22 @@ int fs_log_file(const char *format, ...) {
     localtime_r(&now, &local);
     strftime(stamp, sizeof stamp, "%x %X", &local);
 
-    fflush(stdout);  // keep the order of buffered and direct writes to descriptor 1
-    dprintf(1, "[%s]", stamp);
+    const LogSink *sink = log_sink();
+    if (sink == nullptr) {
+        fflush(stdout);  // keep the order of buffered and direct writes to descriptor 1
+        dprintf(1, "[%s]", stamp);
+    }
     if (file.get() > 0) dprintf(file.get(), "[%s]", stamp);
     va_list ap;
     va_start(ap, format);
     va_list again;
     va_copy(again, ap);
-    vdprintf(1, format, ap);
+    if (sink != nullptr) {
+        const std::string text = "[" + std::string(stamp) + "]" + format_text(format, ap);
+        sink->fn(sink->user, RECSTORE_LOG_PLAIN, kEventModule, text.c_str());
+    } else {
+        vdprintf(1, format, ap);
+    }
     if (file.get() > 0) vdprintf(file.get(), format, again);
     va_end(again);
     va_end(ap);

@@ -63,9 +63,10 @@ class Terminal {
     explicit Terminal(const std::string &log) : log_(log) {
         fflush(stdout);
         fflush(stderr);
-        out_ = fdopen(dup(1), "w");
+        out_ = fdopen(dup(fileno(stdout)), "w");
         const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (fd >= 0) {
+            saved_out_ = dup(1);
             saved_err_ = dup(2);
             dup2(fd, 1);
             dup2(fd, 2);
@@ -77,8 +78,11 @@ class Terminal {
         fflush(stderr);
         if (out_ != nullptr) {
             fflush(out_);
-            dup2(fileno(out_), 1);
             fclose(out_);
+        }
+        if (saved_out_ >= 0) {
+            dup2(saved_out_, 1);
+            close(saved_out_);
         }
         if (saved_err_ >= 0) {
             dup2(saved_err_, 2);
@@ -118,6 +122,7 @@ class Terminal {
 
     std::string log_;
     FILE *out_ = nullptr;
+    int saved_out_ = -1;
     int saved_err_ = -1;
 };
 
@@ -506,7 +511,7 @@ void help() {
         "  - rec_init, both disks up in the plug-in order, the daemon;\n"
         "  - records N channels (default %d) of a synthetic camera stream for S seconds\n"
         "    (default %d): a key frame every 1-2 s, 2-8 Mbit/s per channel, a cluster written\n"
-        "    when the next frame would not fit; a progress line once a second;\n"
+        "    when the next frame would not fit; a progress line once a second on a terminal;\n"
         "  - plays a few recordings back by time seek and key frame, verifying every byte;\n"
         "  - searches them and prints the month view;\n"
         "  - takes sdb down, ages its free blocks full and brings it up again: with every disk\n"
@@ -583,15 +588,18 @@ int run_demo(Terminal &term, int channels, int seconds) {
             RecordOptions opt;
             for (int c = 0; c < channels; c++) opt.channels.push_back(c);
             opt.seconds = seconds;
-            opt.progress = [out](const RecordProgress &p) {
-                fprintf(out, "\r  %5.1f s  %2d channels  %8.1f MB  %6.1f MB/s  sd%c block %d   ",
-                        p.elapsed, p.channels, static_cast<double>(p.bytes) / 1e6,
-                        p.elapsed > 0 ? static_cast<double>(p.bytes) / 1e6 / p.elapsed : 0.0,
-                        p.disk >= 0 ? 'a' + p.disk : '?', p.block);
-                fflush(out);
+            ProgressLine progress(out);
+            opt.progress = [&progress](const RecordProgress &p) {
+                char line[160];
+                snprintf(line, sizeof line,
+                         "  %5.1f s  %2d channels  %8.1f MB  %6.1f MB/s  sd%c block %d", p.elapsed,
+                         p.channels, static_cast<double>(p.bytes) / 1e6,
+                         p.elapsed > 0 ? static_cast<double>(p.bytes) / 1e6 / p.elapsed : 0.0,
+                         p.disk >= 0 ? 'a' + p.disk : '?', p.block);
+                progress.update(line);
             };
             ok = record_streams(opt, &f.rec);
-            fprintf(out, "\n");
+            progress.finish();
             for (const std::string &e : f.rec.events) fprintf(out, "  %s\n", e.c_str());
             if (!ok) fprintf(out, "recstore demo: %s\n", f.rec.error.c_str());
             ok &= play_back(out, f.rec.recordings, &f);

@@ -20,6 +20,7 @@ TEST(ToolDemo, RecordsChangesDiskAndBlockAndVerifiesThePlayBack) {
     const int status =
         rig::run(std::string(RECSTORE_TOOL) + " demo --seconds 5 --channels 4 2>&1", &out);
     EXPECT_EQ(status, 0) << out;
+    EXPECT_FALSE(contains(out, "\r")) << "the progress line is for terminals only";
     EXPECT_TRUE(contains(out, "fs_format -> 0")) << out;
     EXPECT_TRUE(contains(out, "  fs_adddisk(0)      /dev/hd/sdb  -> 0\n")) << out;
     EXPECT_TRUE(contains(out, "daemon running, recording to sda block 3\n")) << out;

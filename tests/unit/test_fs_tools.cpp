@@ -7,9 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "capture.h"
@@ -108,6 +110,90 @@ TEST(Messages, PlainLinesIgnoreTheGate) {
     StdoutCapture cap;
     FS_LOG_PLAIN("always %s\n", "printed");
     EXPECT_EQ(cap.stop(), "always printed\n");
+}
+
+// What a host's log handler received.
+struct Received {
+    uint32_t level;
+    std::string module;
+    std::string text;
+};
+
+void collect(void *user, uint32_t level, const char *module, const char *text) {
+    static_cast<std::vector<Received> *>(user)->push_back({level, module, text});
+}
+
+TEST(LogHandler, ReceivesLevelModuleAndTextInsteadOfStandardOutput) {
+    LogMask mask(kAllLevels);
+    std::vector<Received> got;
+    char buf[16];
+    {
+        StdoutCapture cap;
+        recstore_set_log_handler(collect, &got);
+        disk_root(9, buf, sizeof buf);
+        FS_LOG_WARN("w%d\n", 1);
+        FS_LOG_PLAIN("plain %s\n", "line");
+        recstore_set_log_handler(nullptr, nullptr);
+        EXPECT_EQ(cap.stop(), "") << "nothing goes to standard output while a handler is set";
+    }
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[0].level, RECSTORE_LOG_ERROR);
+    EXPECT_EQ(got[0].module, "fs_tools.cpp");
+    EXPECT_EQ(got[0].text, "invalid disk id:9\n");
+    EXPECT_EQ(got[1].level, RECSTORE_LOG_WARNING);
+    EXPECT_EQ(got[1].module, "test_fs_tools.cpp");
+    EXPECT_EQ(got[1].text, "w1\n");
+    EXPECT_EQ(got[2].level, RECSTORE_LOG_PLAIN);
+    EXPECT_EQ(got[2].module, "recstore");
+    EXPECT_EQ(got[2].text, "plain line\n");
+
+    // Uninstalled: the same bytes as before on standard output, and the handler hears nothing.
+    StdoutCapture cap;
+    disk_root(9, buf, sizeof buf);
+    FS_LOG_PLAIN("plain %s\n", "line");
+    EXPECT_EQ(without_line_numbers(cap.stop()),
+              "\x1b[0;31m[fs_tools.cpp:N]:\x1b[0minvalid disk id:9\nplain line\n");
+    EXPECT_EQ(got.size(), 3u);
+}
+
+TEST(LogHandler, KeepsTheGateAndLongMessagesWhole) {
+    std::vector<Received> got;
+    recstore_set_log_handler(collect, &got);
+    {
+        LogMask mask(kAllLevels, 0x100);  // library's bit clear: the handler hears nothing
+        FS_LOG_ERR("gated\n");
+    }
+    LogMask mask(kAllLevels);
+    const std::string longer(3000, 'x');
+    FS_LOG_INFO("%s\n", longer.c_str());
+    recstore_set_log_handler(nullptr, nullptr);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].level, RECSTORE_LOG_INFO);
+    EXPECT_EQ(got[0].text, longer + "\n");
+}
+
+void count_message(void *user, uint32_t, const char *, const char *) {
+    static_cast<std::atomic<int> *>(user)->fetch_add(1);
+}
+
+TEST(LogHandler, MayBeChangedWhileOtherThreadsLog) {
+    LogMask mask(kAllLevels);
+    std::atomic<int> first{0}, second{0};
+    recstore_set_log_handler(count_message, &first);
+    constexpr int kMessages = 2000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; t++) {
+        threads.emplace_back([] {
+            for (int i = 0; i < kMessages; i++) FS_LOG_PLAIN("m%d\n", i);
+        });
+    }
+    for (int i = 0; i < 100; i++) {
+        recstore_set_log_handler(count_message, i % 2 ? &first : &second);
+    }
+    recstore_set_log_handler(count_message, &first);
+    for (std::thread &t : threads) t.join();
+    recstore_set_log_handler(nullptr, nullptr);
+    EXPECT_EQ(first.load() + second.load(), 2 * kMessages) << "every message reached one handler";
 }
 
 TEST(Messages, AssertionPrintsAndAborts) {
