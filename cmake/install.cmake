@@ -62,9 +62,9 @@ if(NOT TARGET recstore::recstore)
 endif()
 
 # The install check: a staged install, the C example built from it alone through pkg-config and
-# through the CMake package, natively and for ARM, and run on a rig disk. Sanitizer and fuzz builds
-# are left out: a plain program cannot load their instrumented library.
-if(TARGET rig_test_example AND NOT RECSTORE_SANITIZE AND NOT RECSTORE_FUZZ)
+# through the CMake package, natively and for ARM, and run on a rig disk with the installed tool.
+# Sanitizer and fuzz builds are left out: a plain program cannot load their instrumented library.
+if(TARGET rig_test_example AND RECSTORE_BUILD_TOOLS AND NOT RECSTORE_SANITIZE AND NOT RECSTORE_FUZZ)
   add_test(NAME rig.install COMMAND ${PROJECT_SOURCE_DIR}/tests/install/check-install.sh
                                     ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
   set_tests_properties(rig.install PROPERTIES LABELS rig SKIP_RETURN_CODE 77 TIMEOUT 1800
