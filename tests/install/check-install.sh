@@ -37,8 +37,9 @@ install_into() { # BUILD STAGE WITH_TOOL
     for f in "${expected[@]}"; do
         [ -e "$2/$f" ] || fail "$f is not installed"
     done
-    [ -L "$2/usr/lib/librecstore.so" ] && [ -L "$2/usr/lib/librecstore.so.0" ] ||
+    if ! [ -L "$2/usr/lib/librecstore.so" ] || ! [ -L "$2/usr/lib/librecstore.so.0" ]; then
         fail "the library's version links are not symbolic links"
+    fi
     [ "$(readlink "$2/usr/lib/librecstore.so.0")" = "librecstore.so.$(version_of "$2")" ] ||
         fail "librecstore.so.0 does not point at the installed version"
     say "installed into $2: $(cd "$2" && find . -type f -o -type l | sort | tr '\n' ' ')"
@@ -51,7 +52,7 @@ version_of() { # STAGE
 # The example through pkg-config, with the staging tree as the sysroot.
 build_with_pkg_config() { # STAGE CC OUT
     local flags
-    flags=$(PKG_CONFIG_SYSROOT_DIR=$1 PKG_CONFIG_LIBDIR=$1/usr/lib/pkgconfig PKG_CONFIG_PATH= \
+    flags=$(PKG_CONFIG_SYSROOT_DIR=$1 PKG_CONFIG_LIBDIR=$1/usr/lib/pkgconfig PKG_CONFIG_PATH='' \
         pkg-config --cflags --libs recstore) || fail "pkg-config does not find recstore in $1"
     case " $flags " in *" -I$1/usr/include "*) ;; *) fail "pkg-config flags miss the staged include directory: $flags" ;; esac
     # shellcheck disable=SC2086  # the flags are words
@@ -91,8 +92,9 @@ build_with_cmake_package "$stage" "$work/example-cmake"
 for program in "$work/example-pc" "$work/example-cmake/example"; do
     status=0
     LD_LIBRARY_PATH=$stage/usr/lib "$program" >"$work/usage.txt" 2>&1 || status=$?
-    [ "$status" -eq 2 ] && grep -q "^usage: " "$work/usage.txt" ||
+    if [ "$status" -ne 2 ] || ! grep -q "^usage: " "$work/usage.txt"; then
         fail "$program without a disk: status $status, $(cat "$work/usage.txt")"
+    fi
     ldd_out=$(LD_LIBRARY_PATH=$stage/usr/lib ldd "$program")
     case "$ldd_out" in *"$stage/usr/lib/librecstore.so.0"*) ;; *) fail "$program does not load the installed library: $ldd_out" ;; esac
 done
@@ -115,8 +117,9 @@ for program in "$work/example-arm-pc" "$work/example-arm-cmake/example"; do
     status=0
     qemu-arm -L /usr/arm-linux-gnueabihf -E LD_LIBRARY_PATH="$arm_stage/usr/lib" "$program" \
         >"$work/usage.txt" 2>&1 || status=$?
-    [ "$status" -eq 2 ] && grep -q "^usage: " "$work/usage.txt" ||
+    if [ "$status" -ne 2 ] || ! grep -q "^usage: " "$work/usage.txt"; then
         fail "$program under qemu-arm: status $status, $(cat "$work/usage.txt")"
+    fi
 done
 say "ARM programs built from the installed tree start under qemu-arm"
 
