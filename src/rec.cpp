@@ -40,6 +40,15 @@
 
 using recstore::MutexGuard;
 
+// The build time printed at start: the compiler's own, unless the build gives a fixed one
+// (reproducible builds, in the same formats "Mmm dd yyyy" and "hh:mm:ss").
+#ifndef RECSTORE_BUILD_DATE
+#define RECSTORE_BUILD_DATE __DATE__
+#endif
+#ifndef RECSTORE_BUILD_TIME
+#define RECSTORE_BUILD_TIME __TIME__
+#endif
+
 rec_ctx g_recctx;
 char g_devname[RECSTORE_PROBE_MAX][RECSTORE_PATH_LEN];
 int g_diskcount = 0;
@@ -338,7 +347,7 @@ int rec_init(int cache_inodes, unsigned cache_mib_per_disk, int mode_flags) {
     store(g_recctx.overlap, 1);
     store(g_recctx.period, -1);
     store(g_recctx.force, 0);
-    FS_LOG_PLAIN("filesystem compile at %s %s\n", __DATE__, __TIME__);
+    FS_LOG_PLAIN("filesystem compile at %s %s\n", RECSTORE_BUILD_DATE, RECSTORE_BUILD_TIME);
     return 0;
 }
 
