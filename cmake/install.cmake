@@ -1,7 +1,7 @@
 # Installation of recstore, so that a host application or a firmware image can be built from the
 # installed tree alone: the shared library with its version links, the public header, the
-# reference host (static library and header), the recstore tool and its manual page, a
-# pkg-config file and a CMake package with the targets recstore::recstore and
+# reference host (static library and header), the recstore tool with its manual page and bash
+# completion, a pkg-config file and a CMake package with the targets recstore::recstore and
 # recstore::recstore_host.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -24,6 +24,9 @@ if(RECSTORE_BUILD_TOOLS)
     install(FILES ${PROJECT_SOURCE_DIR}/docs/recstore.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
             COMPONENT runtime)
   endif()
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/recstore.bash-completion
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME recstore
+          COMPONENT runtime)
 endif()
 
 # pkg-config: the prefix is the one given at install time (cmake --install --prefix), the
