@@ -10,6 +10,7 @@
 
 #include <algorithm>
 
+#include "recstore.h"
 #include "rig.h"
 
 namespace tool {
@@ -64,6 +65,10 @@ bool parse_args(int argc, char **argv, const std::vector<std::string> &value_opt
         }
     }
     return true;
+}
+
+std::string version_line() {
+    return std::string("recstore ") + recstore_version();
 }
 
 bool wants_help(int argc, char **argv) {
