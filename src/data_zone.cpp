@@ -193,8 +193,8 @@ void open_descriptors(datazone_ctx &z, const char *path, int directio) {
     }
 }
 
-void fill_info(int disk, datazone_ctx &z, const char *path, uint64_t total, const DzGeometry &g) {
-    datazone_info &i = z.info;
+// The zone's description from its geometry; freesize stays 0.
+void fill_geometry(datazone_info &i, const char *path, uint64_t total, const DzGeometry &g) {
     std::memset(&i, 0, sizeof(i));
     std::snprintf(i.name, sizeof(i.name), "%s", path);
     i.totalsize = total;
@@ -208,6 +208,11 @@ void fill_info(int disk, datazone_ctx &z, const char *path, uint64_t total, cons
     i.block_count = g.block_count;
     i.data_start = g.data_start;
     i.data_count = g.data_count;
+}
+
+void fill_info(int disk, datazone_ctx &z, const char *path, uint64_t total, const DzGeometry &g) {
+    datazone_info &i = z.info;
+    fill_geometry(i, path, total, g);
     fs_log_file(
         "diskid:%d name:%s totalsize:%llu cluster size:%u cluster perblock:%u fs_rdonly:%d\n", disk,
         i.name, static_cast<unsigned long long>(i.totalsize), i.cluster_size, i.cluster_perblock,
@@ -308,6 +313,19 @@ bool recstore::dz_compute_geometry(uint64_t partition_bytes, uint64_t max_disk_b
     out->data_start = 1 + reserved;
     out->data_count = block_count << kBlockShift;
     return true;
+}
+
+int datazone_geometry_for(uint32_t magic, uint64_t data_bytes, datazone_info *out) {
+    if (out == nullptr) return -1;
+    if (magic != RECSTORE_MAGIC_V7 && magic != RECSTORE_MAGIC_V6 && magic != RECSTORE_MAGIC_V5 &&
+        magic != RECSTORE_MAGIC_V1) {
+        FS_LOG_ERR("unknown magic:%x\n", magic);
+        return -1;
+    }
+    DzGeometry g{};
+    if (!dz_compute_geometry(data_bytes, max_disk_bytes_for_magic(magic), &g)) return -1;
+    fill_geometry(*out, "", data_bytes, g);
+    return 0;
 }
 
 // ---------------------------------------------------------------------------------------------

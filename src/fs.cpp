@@ -94,6 +94,10 @@ const char *fs_version(int disk_id) {
     }
 }
 
+const char *recstore_version(void) {
+    return RECSTORE_VERSION_STRING;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Disk preparation.
 //

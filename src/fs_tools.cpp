@@ -1074,22 +1074,27 @@ int64_t blockdev_size(int /*disk_id*/, int fd) {
     return static_cast<int64_t>(size);
 }
 
+uint64_t recstore::max_disk_bytes_for_magic(uint32_t magic) {
+    switch (magic) {
+        case kMagicV7:
+            return 16 * kTiB;
+        case kMagicV6:
+            return 8 * kTiB;
+        default:
+            return 4 * kTiB;
+    }
+}
+
 uint64_t get_max_supported_disk_size(int disk_id) {
     if (!valid_disk_id(disk_id)) {
         FS_LOG_ERR("fatal error disk:%d\n", disk_id);
         return 16 * kTiB;
     }
-    switch (g_magic[disk_id]) {
-        case kMagicV7:
-            return 16 * kTiB;
-        case kMagicV6:
-            return 8 * kTiB;
-        case 0:
-            FS_LOG_ERR("fatal error disk is not inited:%d\n", disk_id);
-            return 16 * kTiB;
-        default:
-            return 4 * kTiB;
+    if (g_magic[disk_id] == 0) {
+        FS_LOG_ERR("fatal error disk is not inited:%d\n", disk_id);
+        return 16 * kTiB;
     }
+    return recstore::max_disk_bytes_for_magic(g_magic[disk_id]);
 }
 
 static off64_t cluster_position(int cluster, int offset) {

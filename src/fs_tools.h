@@ -60,6 +60,10 @@ constexpr bool valid_disk_id(int disk_id) {
     return disk_id >= 0 && disk_id < RECSTORE_MAX_DISKS;
 }
 
+// Largest disk a format supports, from the magic value of the disk's magic file: 16 TiB for
+// version 7, 8 TiB for version 6 and 4 TiB for every other value.
+uint64_t max_disk_bytes_for_magic(uint32_t magic);
+
 // Owns a file descriptor and closes it when it goes out of scope.
 class FdGuard {
   public:

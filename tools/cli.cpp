@@ -81,6 +81,10 @@ bool parse_args(int argc, char **argv, const std::vector<std::string> &value_opt
     return true;
 }
 
+std::string version_line() {
+    return std::string("recstore ") + recstore_version();
+}
+
 bool wants_help(int argc, char **argv) {
     for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "--") == 0) return false;  // words only from here on

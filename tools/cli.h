@@ -46,6 +46,9 @@ struct Args {
 bool parse_args(int argc, char **argv, const std::vector<std::string> &value_options,
                 const std::vector<std::string> &flags, Args *out, std::string *error);
 
+// "recstore 0.1.0": the tool's name and the version of the library it runs on.
+std::string version_line();
+
 // True when --help or -h is among the arguments (before a "--").
 bool wants_help(int argc, char **argv);
 

@@ -557,8 +557,7 @@ int cmd_check(int argc, char **argv) {
         }
         const int64_t bytes = blockdev_size(disk, fd.get());
         if (bytes <= 0) return operational("cannot size " + part);
-        if (!load_zone_maps(fd.get(), 0, static_cast<uint64_t>(bytes),
-                            max_disk_bytes_for(tree.magic), &zone, &error)) {
+        if (!load_zone_maps(fd.get(), 0, static_cast<uint64_t>(bytes), tree.magic, &zone, &error)) {
             return operational(part + ": " + error);
         }
     }

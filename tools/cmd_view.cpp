@@ -399,8 +399,8 @@ int inspect_device(const std::string &dev, int disk, bool maps_only, bool json) 
     const uint32_t magic = maps_only ? read_magic(mnt) : tree.magic;
     const int64_t bytes = blockdev_size(disk, fd.get());
     ZoneMaps zone;
-    if (bytes <= 0 || !load_zone_maps(fd.get(), 0, static_cast<uint64_t>(bytes),
-                                      max_disk_bytes_for(magic), &zone, &error)) {
+    if (bytes <= 0 ||
+        !load_zone_maps(fd.get(), 0, static_cast<uint64_t>(bytes), magic, &zone, &error)) {
         return failure(kCmd, part + ": " + (error.empty() ? "cannot be sized" : error));
     }
     const ZoneState state = zone_state(zone, !maps_only, magic);
@@ -483,8 +483,7 @@ int inspect_image(const std::string &image, bool maps_only, bool json) {
             }
         }
         ZoneMaps zone;
-        if (!load_zone_maps(fd.get(), parts[2].offset, parts[2].bytes,
-                            max_disk_bytes_for(tree.magic), &zone, &error)) {
+        if (!load_zone_maps(fd.get(), parts[2].offset, parts[2].bytes, tree.magic, &zone, &error)) {
             status = failure(kCmd, image + " data partition: " + error);
         } else {
             const ZoneState state = zone_state(zone, with_index && status == kExitOk, tree.magic);

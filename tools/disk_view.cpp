@@ -157,18 +157,12 @@ bool read_map(int fd, uint64_t offset, uint32_t cluster, uint32_t entries,
 
 }  // namespace
 
-uint64_t max_disk_bytes_for(uint32_t magic) {
-    constexpr uint32_t kScratchDisk = RECSTORE_MAX_DISKS - 1;
+uint32_t known_magic(uint32_t magic) {
     if (magic != RECSTORE_MAGIC_V7 && magic != RECSTORE_MAGIC_V6 && magic != RECSTORE_MAGIC_V5 &&
         magic != RECSTORE_MAGIC_V1) {
-        magic = RECSTORE_MAGIC_V7;
+        return RECSTORE_MAGIC_V7;
     }
-    // The library answers per disk from its magic table: ask it through a slot of this process.
-    const uint32_t saved = g_magic[kScratchDisk];
-    g_magic[kScratchDisk] = magic;
-    const uint64_t max = get_max_supported_disk_size(kScratchDisk);
-    g_magic[kScratchDisk] = saved;
-    return max;
+    return magic;
 }
 
 uint32_t read_magic(const std::string &root) {
@@ -178,10 +172,10 @@ uint32_t read_magic(const std::string &root) {
     return recstore::le32_load(bytes);
 }
 
-bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint64_t max_disk_bytes, ZoneMaps *out,
+bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint32_t magic, ZoneMaps *out,
                     std::string *error) {
-    recstore::DzGeometry g{};
-    if (!recstore::dz_compute_geometry(bytes, max_disk_bytes, &g)) {
+    datazone_info g{};
+    if (datazone_geometry_for(known_magic(magic), bytes, &g) != 0) {
         *error = "the data partition is too small to hold a data zone (" + human_size(bytes) + ")";
         return false;
     }

@@ -63,6 +63,10 @@ int main(int argc, char **argv) {
         return tool::kExitUsage;
     }
     if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) return cmd_help(0, nullptr);
+    if (strcmp(argv[1], "--version") == 0) {
+        printf("%s\n", tool::version_line().c_str());
+        return tool::kExitOk;
+    }
     for (const Command &c : kCommands) {
         if (strcmp(argv[1], c.name) == 0) return c.run(argc - 1, argv + 1);
     }

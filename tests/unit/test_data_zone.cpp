@@ -206,6 +206,67 @@ TEST(DataZoneGeometry, LargerPartitionThanSupportedUsesAtMostTheReservedSlots) {
     EXPECT_EQ(g.data_start, 65u);
 }
 
+TEST(DataZoneGeometry, GeometryForEachFormatOfAPartition) {
+    const struct {
+        uint32_t magic;
+        uint32_t data_start;
+    } cases[] = {{RECSTORE_MAGIC_V7, 257},
+                 {RECSTORE_MAGIC_V6, 129},
+                 {RECSTORE_MAGIC_V5, 65},
+                 {RECSTORE_MAGIC_V1, 65}};
+    for (const auto &c : cases) {
+        datazone_info out;
+        std::memset(&out, 0xAB, sizeof out);
+        ASSERT_EQ(datazone_geometry_for(c.magic, 200 * kGiB, &out), 0) << std::hex << c.magic;
+        EXPECT_STREQ(out.name, "");
+        EXPECT_EQ(out.totalsize, 200 * kGiB);
+        EXPECT_EQ(out.freesize, 0u);
+        EXPECT_EQ(out.cluster_size, 524288u);
+        EXPECT_EQ(out.cluster_perblock, 131072u);
+        EXPECT_EQ(out.cluster_start, 0u);
+        EXPECT_EQ(out.cluster_count, 409600u);
+        EXPECT_EQ(out.bm_start, 0u);
+        EXPECT_EQ(out.bm_count, 1u);
+        EXPECT_EQ(out.block_start, 1u);
+        EXPECT_EQ(out.data_start, c.data_start);
+        EXPECT_EQ(out.block_count, (409600u - c.data_start) >> 17);
+        EXPECT_EQ(out.data_count, out.block_count << 17);
+    }
+}
+
+TEST(DataZoneGeometry, GeometryForRefusesUnknownMagicNullOutputAndSmallPartitions) {
+    LogMask errors(0x1);
+    StdoutCapture cap;
+    datazone_info out;
+    std::memset(&out, 0, sizeof out);
+    out.block_count = 12345;
+    EXPECT_EQ(datazone_geometry_for(0, 200 * kGiB, &out), -1);
+    EXPECT_EQ(datazone_geometry_for(0x12345678u, 200 * kGiB, &out), -1);
+    EXPECT_EQ(datazone_geometry_for(RECSTORE_MAGIC_V7, 200 * kGiB, nullptr), -1);
+    EXPECT_EQ(datazone_geometry_for(RECSTORE_MAGIC_V7, 256ull << 19, &out), -1);
+    EXPECT_EQ(out.block_count, 12345u);  // untouched
+    const std::string text = cap.stop();
+    EXPECT_TRUE(contains(text, "unknown magic:12345678\n")) << text;
+    EXPECT_TRUE(contains(text, "data partition too small: 256 clusters, at least 257 needed\n"))
+        << text;
+}
+
+TEST_F(DataZone, GeometryForTheDiskMagicIsThatOfTheStartedZone) {
+    for (uint32_t magic : {kMagic16T, kMagic8T, RECSTORE_MAGIC_V5}) {
+        g_magic[0] = magic;
+        ASSERT_EQ(init(), 0);
+        datazone_info expected = info();
+        std::memset(expected.name, 0, sizeof expected.name);
+        expected.freesize = 0;
+        datazone_info out;
+        std::memset(&out, 0xAB, sizeof out);
+        ASSERT_EQ(datazone_geometry_for(magic, 200 * kGiB, &out), 0);
+        EXPECT_EQ(std::memcmp(&out, &expected, sizeof out), 0) << std::hex << magic;
+        LogMask quiet(0, 0);
+        datazone_exit(0);
+    }
+}
+
 TEST_F(DataZone, InitLaysOutTheZoneByTheDiskMagic) {
     const struct {
         uint32_t magic;
