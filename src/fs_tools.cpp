@@ -112,7 +112,8 @@ uint32_t tick_now() {
 
 namespace recstore {
 
-// io-seam defaults: the only direct calls of the library (tests/unit/check_io_seam.sh).
+// The defaults that are not plain C library functions: with the table in fs_tools.h, the only
+// direct system calls of the library (tests/unit/check_io_seam.sh checks that).
 // io-seam-defaults-begin
 namespace io_default {
 

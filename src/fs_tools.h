@@ -101,6 +101,7 @@ class IoCall<R(Args...)> {
 };
 
 // Defaults that are not plain C library functions.
+// io-seam-defaults-begin
 namespace io_default {
 // open(2) with the mode always passed (it is only used with O_CREAT).
 int open(const char *path, int flags, mode_t mode);
@@ -109,6 +110,7 @@ int ioctl(int fd, unsigned long request, void *arg);
 // The host's command runner, pip_system, looked up only when a command runs.
 int host_system(const char *command);
 }  // namespace io_default
+// io-seam-defaults-end
 
 // The table of every system call of the library; see the contract at the top of this file.
 struct IoCalls {
