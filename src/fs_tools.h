@@ -81,7 +81,8 @@ template <typename R, typename... Args>
 class IoCall<R(Args...)> {
   public:
     using Fn = R (*)(Args...);
-    constexpr IoCall(Fn real) : real_(real), current_(real) {}  // NOLINT: implicit on purpose
+    // Implicit, so that the table below reads as a list of defaults.
+    constexpr IoCall(Fn real) : real_(real), current_(real) {}
     IoCall(const IoCall &) = delete;
     IoCall &operator=(const IoCall &) = delete;
     // Calls the current function; errno is left as that function leaves it.
@@ -120,19 +121,21 @@ struct IoCalls {
     IoCall<ssize_t(int, void *, size_t)> read{::read};                 // read at the file offset
     IoCall<ssize_t(int, const void *, size_t)> write{::write};         // write at the file offset
     IoCall<ssize_t(int, void *, size_t, off64_t)> pread64{::pread64};  // read at a position
-    IoCall<ssize_t(int, const void *, size_t, off64_t)> pwrite64{
-        ::pwrite64};                                                   // write at a position
+    // write at a position
+    IoCall<ssize_t(int, const void *, size_t, off64_t)> pwrite64{::pwrite64};
     IoCall<ssize_t(int, const struct iovec *, int)> readv{::readv};    // vectored read
     IoCall<ssize_t(int, const struct iovec *, int)> writev{::writev};  // vectored write
-    IoCall<ssize_t(int, const struct iovec *, int, off64_t)> preadv64{::preadv64};  // at a position
-    IoCall<ssize_t(int, const struct iovec *, int, off64_t)> pwritev64{::pwritev64};  // ditto
+    // vectored read at a position
+    IoCall<ssize_t(int, const struct iovec *, int, off64_t)> preadv64{::preadv64};
+    // vectored write at a position
+    IoCall<ssize_t(int, const struct iovec *, int, off64_t)> pwritev64{::pwritev64};
     IoCall<off64_t(int, off64_t, int)> lseek64{::lseek64};             // move the file offset
     IoCall<int(int)> fsync{::fsync};                                   // flush data and metadata
     IoCall<int(int)> fdatasync{::fdatasync};                           // flush data
     IoCall<int(int, off64_t)> ftruncate64{::ftruncate64};              // cut or extend a file
     IoCall<int(int, unsigned long, void *)> ioctl{io_default::ioctl};  // device requests (sizes)
-    IoCall<int(int, const char *, va_list)> vdprintf{
-        ::vdprintf};  // formatted write to a descriptor
+    // formatted write to a descriptor (the event log, the dump functions)
+    IoCall<int(int, const char *, va_list)> vdprintf{::vdprintf};
     // File status.
     IoCall<int(int, struct stat64 *)> fstat64{::fstat64};               // status of a descriptor
     IoCall<int(const char *, struct stat64 *)> stat64{::stat64};        // status, links followed
@@ -158,8 +161,8 @@ struct IoCalls {
     IoCall<void()> sync{::sync};  // write every dirty buffer of every file system
     // Mount table.
     IoCall<FILE *(const char *, const char *)> setmntent{::setmntent};  // open a mount table
-    IoCall<struct mntent *(FILE *, struct mntent *, char *, int)> getmntent_r{
-        ::getmntent_r};                          // next mount entry
+    // next mount entry
+    IoCall<struct mntent *(FILE *, struct mntent *, char *, int)> getmntent_r{::getmntent_r};
     IoCall<int(FILE *)> endmntent{::endmntent};  // close a mount table
     // Shell commands.
     IoCall<int(const char *)> system{::system};                      // run through /bin/sh
@@ -168,7 +171,7 @@ struct IoCalls {
     IoCall<int(FILE *)> pclose{::pclose};                            // wait for a popen command
 
     // Restores the default of every entry.
-    void reset_all();
+    void reset_all() __attribute__((visibility("default")));
 };
 
 // The library's one table.
