@@ -168,7 +168,7 @@ bool block_has_used_clusters(int disk, uint32_t index) {
 }
 
 void close_fd(int &fd, int lowest_open) {
-    if (fd >= lowest_open) close(fd);
+    if (fd >= lowest_open) io_calls().close(fd);
     fd = -1;
 }
 
@@ -182,14 +182,14 @@ int init_failed(datazone_ctx &z) {
 }
 
 void open_descriptors(datazone_ctx &z, const char *path, int directio) {
-    z.fd_rw = open(path, O_RDWR | O_LARGEFILE, kOpenMode);
-    z.fd_rd = open(path, O_RDONLY | O_LARGEFILE, kOpenMode);
+    z.fd_rw = io_calls().open(path, O_RDWR | O_LARGEFILE, kOpenMode);
+    z.fd_rd = io_calls().open(path, O_RDONLY | O_LARGEFILE, kOpenMode);
     if (directio) {
-        z.fd_rd_direct = open(path, O_RDONLY | O_LARGEFILE | O_DIRECT, kOpenMode);
-        z.fd_wr = open(path, O_RDWR | O_LARGEFILE | O_DIRECT, kOpenMode);
+        z.fd_rd_direct = io_calls().open(path, O_RDONLY | O_LARGEFILE | O_DIRECT, kOpenMode);
+        z.fd_wr = io_calls().open(path, O_RDWR | O_LARGEFILE | O_DIRECT, kOpenMode);
     } else {
         z.fd_rd_direct = -1;
-        z.fd_wr = open(path, O_RDWR | O_LARGEFILE, kOpenMode);
+        z.fd_wr = io_calls().open(path, O_RDWR | O_LARGEFILE, kOpenMode);
     }
 }
 
@@ -480,12 +480,12 @@ int datazone_dump(int fd, int disk_id) {
     if (!check_id(disk_id)) return -1;
     uint32_t seq = 0;
     const int earliest = block_earliest(disk_id, &seq);
-    return dprintf(fd,
-                   "datazone blk_cur:%d, blk_earliest:%d seq:%d free_empty?:%d busy_empty?:%d "
-                   "busy_count:%d free_count:%d\n",
-                   block_get_current(disk_id), earliest, static_cast<int>(seq),
-                   block_is_free_empty(disk_id), block_is_busy_empty(disk_id),
-                   datazone_busy_count(disk_id), datazone_free_count(disk_id));
+    return io_dprintf(fd,
+                      "datazone blk_cur:%d, blk_earliest:%d seq:%d free_empty?:%d busy_empty?:%d "
+                      "busy_count:%d free_count:%d\n",
+                      block_get_current(disk_id), earliest, static_cast<int>(seq),
+                      block_is_free_empty(disk_id), block_is_busy_empty(disk_id),
+                      datazone_busy_count(disk_id), datazone_free_count(disk_id));
 }
 
 int datazone_clear(int disk_id) {
@@ -493,7 +493,7 @@ int datazone_clear(int disk_id) {
     std::vector<unsigned char> zero(kClusterSize, 0);
     char path[RECSTORE_PATH_LEN] = {0};
     data_partion(disk_id, path, sizeof(path));
-    FdGuard fd(open(path, O_RDWR | O_LARGEFILE, kOpenMode));
+    FdGuard fd(io_calls().open(path, O_RDWR | O_LARGEFILE, kOpenMode));
     if (fd.get() < 0) {
         FS_LOG_ERR("perror\n");
         perror("open");
@@ -973,15 +973,15 @@ int datazone_write(int disk_id, int cluster_id, const void *buf) {
 int datazone_sync(int disk_id) {
     if (!check_disk(disk_id)) return -1;
     const datazone_ctx &z = zone(disk_id);
-    fsync(z.fd_wr);
-    fsync(z.fd_rd);
-    fsync(z.fd_rw);
+    io_calls().fsync(z.fd_wr);
+    io_calls().fsync(z.fd_rd);
+    io_calls().fsync(z.fd_rw);
     return 0;
 }
 
 int datazone_sync_bm(int disk_id) {
     if (!check_disk(disk_id)) return -1;
-    fsync(zone(disk_id).fd_rw);
+    io_calls().fsync(zone(disk_id).fd_rw);
     return 0;
 }
 

@@ -38,6 +38,7 @@
 #include "fs.h"
 #include "fs_tools.h"
 
+using recstore::io_dprintf;
 using recstore::MutexGuard;
 
 // The build time printed at start: the compiler's own, unless the build gives a fixed one
@@ -498,15 +499,15 @@ int rec_unlockdisk(void) {
 
 void rec_dump(int fd) {
     if (fd < 0) return;
-    dprintf(fd, "inited?:%d curdiskid:%d alldiskfull?:%d\n", load(g_recctx.inited),
-            load(g_recctx.curdiskid), fs_isalldiskfull(-1, recstore::kRecFullRemain));
+    io_dprintf(fd, "inited?:%d curdiskid:%d alldiskfull?:%d\n", load(g_recctx.inited),
+               load(g_recctx.curdiskid), fs_isalldiskfull(-1, recstore::kRecFullRemain));
     ProbeList list;
     if (!probe(list)) return;
     for (int i = 0; i < list.count; i++) {
         const char *dev = list.names[i];
         const int disk = fs_diskid(dev);
-        dprintf(fd, "probe disk:%s diskid:%d version:%s mounted?:%d\n", dev, disk, fs_version(disk),
-                fs_ismounted(dev));
+        io_dprintf(fd, "probe disk:%s diskid:%d version:%s mounted?:%d\n", dev, disk,
+                   fs_version(disk), fs_ismounted(dev));
         cache_dump(fd, disk);
         fs_dump(fd, disk);
     }

@@ -2,11 +2,11 @@
 // block device, allocation, direct-I/O writes and reads of whole clusters, the event log, and
 // the stop/start scenario (a partly used block is resumed), the choice between partly used
 // blocks, clearing a busy block, and refusals that must not reach the device.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -18,33 +18,26 @@
 
 #include "aging.h"
 #include "capture.h"
+#include "fs_tools.h"
 #include "recstore.h"
 #include "rig.h"
 
-// Every cluster transfer of the library goes through read_cluster/write_cluster, which this
-// program interposes (it exports its symbols) to count the calls that reach the device.
+// Every cluster transfer of the library is a positioned read or write of the I/O seam; the
+// DataZoneRig tests count the ones that reach the device.
 namespace {
-int g_cluster_reads = 0;
-int g_cluster_writes = 0;
-}  // namespace
 
-extern "C" ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, int, int, void *, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "read_cluster"));
-    if (real == nullptr) return -1;
+std::atomic<int> g_cluster_reads{0};
+std::atomic<int> g_cluster_writes{0};
+
+ssize_t counted_pread(int fd, void *buf, size_t n, off64_t pos) {
     ++g_cluster_reads;
-    return real(fd, cluster, offset, buf, n);
+    return recstore::io_calls().pread64.real()(fd, buf, n, pos);
 }
 
-extern "C" ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, int, int, const void *, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write_cluster"));
-    if (real == nullptr) return -1;
+ssize_t counted_pwrite(int fd, const void *buf, size_t n, off64_t pos) {
     ++g_cluster_writes;
-    return real(fd, cluster, offset, buf, n);
+    return recstore::io_calls().pwrite64.real()(fd, buf, n, pos);
 }
-
-namespace {
 
 using recstore_test::StdoutCapture;
 
@@ -113,6 +106,11 @@ class DataZoneRig : public ::testing::Test {
     rig::Disk disk_;
     std::string part_;
     uint64_t part_bytes_ = 0;
+    // The seam's positioned reads and writes are counted for the whole test.
+    recstore::IoOverride<ssize_t(int, void *, size_t, off64_t)> reads_{recstore::io_calls().pread64,
+                                                                       counted_pread};
+    recstore::IoOverride<ssize_t(int, const void *, size_t, off64_t)> writes_{
+        recstore::io_calls().pwrite64, counted_pwrite};
 };
 
 TEST_F(DataZoneRig, StartsOnTheRealPartition) {

@@ -1,12 +1,13 @@
 // The data zone on a sparse 200 GiB image file standing in for partition 3 of disk 0: geometry,
 // start-up check and repair, the choice of the current block, cluster allocation and freeing,
 // whole-cluster I/O, the counters, refusals and fault handling.
-#include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -20,39 +21,36 @@
 #include "aging.h"
 #include "capture.h"
 #include "data_zone.h"
+#include "fs_tools.h"
 #include "recstore.h"
 
-// Fault injection: the library's map reads go through read_cluster, which this program
-// interposes (it exports its symbols). When armed, a read of the chosen cluster comes back
-// short.
+// Fault injection: every cluster transfer of the library is a positioned read or write of the
+// I/O seam, which the DataZone tests replace. When armed, a read of the chosen cluster comes back
+// short and a write to the chosen cluster fails with EIO.
 namespace {
+
+constexpr off64_t kClusterBytes = 524288;
+
 int g_short_read_cluster = -1;
-int g_read_cluster_calls = 0;  // every read_cluster call of the library is counted
-}  // namespace
-
-extern "C" ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, int, int, void *, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "read_cluster"));
-    if (real == nullptr) return -1;
-    ++g_read_cluster_calls;
-    if (cluster == g_short_read_cluster && n > 1) return real(fd, cluster, offset, buf, n / 2);
-    return real(fd, cluster, offset, buf, n);
-}
-
-// Map writes go through write_cluster; when armed, a write to the chosen cluster fails.
-namespace {
 int g_fail_write_cluster = -1;
-}  // namespace
+std::atomic<int> g_pread_calls{0};   // every positioned read of the library is counted
+std::atomic<int> g_pwrite_calls{0};  // and every positioned write
 
-extern "C" ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, int, int, const void *, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write_cluster"));
-    if (real == nullptr) return -1;
-    if (cluster == g_fail_write_cluster) return -1;
-    return real(fd, cluster, offset, buf, n);
+ssize_t faulty_pread(int fd, void *buf, size_t n, off64_t pos) {
+    ++g_pread_calls;
+    if (pos / kClusterBytes == g_short_read_cluster && n > 1) n /= 2;
+    return recstore::io_calls().pread64.real()(fd, buf, n, pos);
 }
 
-namespace {
+ssize_t faulty_pwrite(int fd, const void *buf, size_t n, off64_t pos) {
+    ++g_pwrite_calls;
+    if (pos / kClusterBytes == g_fail_write_cluster) {
+        errno = EIO;
+        return -1;
+    }
+    return recstore::io_calls().pwrite64.real()(fd, buf, n, pos);
+}
+
 
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
@@ -126,6 +124,11 @@ class DataZone : public ::testing::Test {
 
     std::string dir_, image_;
     uint32_t saved_magic_ = 0;
+    // The seam's positioned reads and writes go through the fault injectors above.
+    recstore::IoOverride<ssize_t(int, void *, size_t, off64_t)> reads_{recstore::io_calls().pread64,
+                                                                       faulty_pread};
+    recstore::IoOverride<ssize_t(int, const void *, size_t, off64_t)> writes_{
+        recstore::io_calls().pwrite64, faulty_pwrite};
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -922,7 +925,8 @@ TEST_F(DataZone, OutOfRangeClustersAreRefusedWithoutTouchingTheDevice) {
     ASSERT_EQ(init(), 0);
     std::vector<unsigned char> buf(524288, 0xA5);
     LogMask quiet(0, 0);  // the line is printed without the gate
-    g_read_cluster_calls = 0;
+    g_pread_calls = 0;
+    g_pwrite_calls = 0;
     StdoutCapture cap;
     EXPECT_EQ(datazone_read(0, 256, buf.data()), -1);
     EXPECT_EQ(datazone_read(0, 257 + 393216, buf.data()), -1);
@@ -934,7 +938,8 @@ TEST_F(DataZone, OutOfRangeClustersAreRefusedWithoutTouchingTheDevice) {
               "fatal error,cluster:393473,start :257 count:393216\n"
               "fatal error,cluster:0,start :257 count:393216\n"
               "fatal error,cluster:-1,start :257 count:393216\n");
-    EXPECT_EQ(g_read_cluster_calls, 0);
+    EXPECT_EQ(g_pread_calls, 0);
+    EXPECT_EQ(g_pwrite_calls, 0);
     for (unsigned char c : buf) ASSERT_EQ(c, 0xA5);
     EXPECT_EQ(aging::read_entry(img(), 0, 0), 0u);  // the map was not overwritten
 }
@@ -1004,9 +1009,11 @@ TEST_F(DataZone, ClearZeroesEveryMap) {
 TEST_F(DataZone, ReadOnlyStartsWithoutMapsAndRefusesBlocks) {
     ASSERT_TRUE(aging::fill_block(img(), 1, 10, 1000));  // would be repaired in read-write mode
     g_fs_rdonly = 1;
-    g_read_cluster_calls = 0;
+    g_pread_calls = 0;
+    g_pwrite_calls = 0;
     ASSERT_EQ(init(), 0);
-    EXPECT_EQ(g_read_cluster_calls, 0);  // no map was read
+    EXPECT_EQ(g_pread_calls, 0);   // no map was read
+    EXPECT_EQ(g_pwrite_calls, 0);  // nor written
     EXPECT_EQ(g_dz_ctx[0].block_map.vals, nullptr);
     EXPECT_EQ(g_dz_ctx[0].block_map.count, 0u);
     EXPECT_EQ(aging::read_entry(img(), 0, 0), 0x800003E8u);  // nothing written
