@@ -53,8 +53,6 @@ constexpr size_t kNameBuf = 128;           // mount-table names are compared in 
 constexpr size_t kMntStrings = 4096;       // string buffer of one mount-table entry
 constexpr size_t kWalkPath = 256;          // child paths of a directory walk
 constexpr uint64_t kTiB = 0x10000000000ull;
-constexpr uint32_t kMagicV7 = 0x702a2013u;
-constexpr uint32_t kMagicV6 = 0x60282013u;
 
 const char *base_name(const char *file) {
     const char *slash = strrchr(file, '/');
@@ -119,14 +117,27 @@ int (*fs_tools_blk_ioctl)(int fd, unsigned long request, void *arg) = real_blk_i
 // Messages
 // ---------------------------------------------------------------------------------------------
 
+// The one place that prints the coloured "[file:line]:" prefix.
+static void log_prefixed(uint32_t level, const char *file, int line, const char *format,
+                         va_list ap) {
+    printf(prefix_for(level), base_name(file), line);
+    vprintf(format, ap);
+    fflush(stdout);
+}
+
 void fs_log_msg(uint32_t level, const char *file, int line, const char *format, ...) {
     if (!gate_open(level)) return;
-    printf(prefix_for(level), base_name(file), line);
     va_list ap;
     va_start(ap, format);
-    vprintf(format, ap);
+    log_prefixed(level, file, line, format, ap);
     va_end(ap);
-    fflush(stdout);
+}
+
+void fs_log_msg_always(uint32_t level, const char *file, int line, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    log_prefixed(level, file, line, format, ap);
+    va_end(ap);
 }
 
 void fs_log_plain(const char *format, ...) {
@@ -979,9 +990,9 @@ uint64_t get_max_supported_disk_size(int disk_id) {
         return 16 * kTiB;
     }
     switch (g_magic[disk_id]) {
-        case kMagicV7:
+        case RECSTORE_MAGIC_V7:
             return 16 * kTiB;
-        case kMagicV6:
+        case RECSTORE_MAGIC_V6:
             return 8 * kTiB;
         case 0:
             FS_LOG_ERR("fatal error disk is not inited:%d\n", disk_id);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bitmap.h"
+#include "cache.h"
 #include "data_zone.h"
 #include "cli.h"
 #include "commands.h"
@@ -24,7 +25,7 @@ namespace tool {
 namespace {
 
 constexpr const char *kCmd = "check";
-constexpr size_t kTagBytes = 8;
+constexpr size_t kTagBytes = recstore::kCacheTagSize;
 
 // One inconsistency: its kind (a short word scripts can look for) and what was found.
 struct Finding {
@@ -264,8 +265,7 @@ bool read_tags(const std::string &path, std::vector<uint64_t> *tags) {
     if (fd.get() < 0) return false;
     unsigned char b[kTagBytes];
     while (read(fd.get(), b, sizeof b) == static_cast<ssize_t>(sizeof b)) {
-        tags->push_back(static_cast<uint64_t>(recstore::le32_load(b + 4)) << 32 |
-                        recstore::le32_load(b));
+        tags->push_back(recstore::le64_load(b));
     }
     return true;
 }
@@ -385,8 +385,7 @@ bool write_tags(const CacheFile &f) {
         if (fd.get() < 0) return false;
         for (uint64_t tag : f.tags) {
             unsigned char b[kTagBytes];
-            recstore::le32_store(b, static_cast<uint32_t>(tag));
-            recstore::le32_store(b + 4, static_cast<uint32_t>(tag >> 32));
+            recstore::le64_store(b, tag);
             if (write(fd.get(), b, sizeof b) != static_cast<ssize_t>(sizeof b)) return false;
         }
     }

@@ -16,10 +16,11 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "recstore.h"
 #include "rig.h"
+#include "test_util.h"
 
 // Every cluster transfer of the library goes through read_cluster/write_cluster, which this
 // program interposes (it exports its symbols) to count the calls that reach the device.
@@ -51,13 +52,11 @@ using recstore_test::StdoutCapture;
 using recstore_test::LogMask;
 
 constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
-constexpr uint32_t kCluster = 524288;
-constexpr uint32_t kPerBlock = 131072;
-constexpr uint32_t kMagic16T = 0x702a2013u;
+constexpr uint32_t kCluster = RECSTORE_CLUSTER_SIZE;
+constexpr uint32_t kPerBlock = RECSTORE_CLUSTERS_PER_BLOCK;
+constexpr uint32_t kMagic16T = RECSTORE_MAGIC_V7;
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 std::string slurp(const std::string &path) {
     std::ifstream in(path);

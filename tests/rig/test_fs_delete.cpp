@@ -22,7 +22,7 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "recstore.h"
 #include "recording.h"

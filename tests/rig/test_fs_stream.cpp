@@ -25,7 +25,7 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "recstore.h"
 #include "recording.h"
@@ -61,7 +61,7 @@ std::string bitmap_syncs() {
 extern "C" int datazone_sync_bm(int disk_id) {
     using Fn = int (*)(int);
     static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "datazone_sync_bm"));
-    if (disk_id >= 0 && disk_id < RECSTORE_MAX_DISKS) g_bitmap_syncs[disk_id]++;
+    if (recstore::valid_disk_id(disk_id)) g_bitmap_syncs[disk_id]++;
     return real(disk_id);
 }
 

@@ -985,13 +985,13 @@ TEST(MaxDiskSize, ByMagic) {
     LogMask mask(kAllLevels);
     uint32_t saved = g_magic[1];
     const uint64_t TiB = 1ull << 40;
-    g_magic[1] = 0x702a2013;
+    g_magic[1] = RECSTORE_MAGIC_V7;
     EXPECT_EQ(get_max_supported_disk_size(1), 16 * TiB);
-    g_magic[1] = 0x60282013;
+    g_magic[1] = RECSTORE_MAGIC_V6;
     EXPECT_EQ(get_max_supported_disk_size(1), 8 * TiB);
-    g_magic[1] = 0x50202023;
+    g_magic[1] = RECSTORE_MAGIC_V5;
     EXPECT_EQ(get_max_supported_disk_size(1), 4 * TiB);
-    g_magic[1] = 0x10101013;
+    g_magic[1] = RECSTORE_MAGIC_V1;
     EXPECT_EQ(get_max_supported_disk_size(1), 4 * TiB);
     g_magic[1] = 0;
     {
