@@ -27,6 +27,7 @@ constexpr uint32_t kClustersPerBlock = RECSTORE_CLUSTERS_PER_BLOCK;  // entries 
 constexpr uint32_t kBusy = recstore::kEntryBusyBit;                  // state bits of a busy entry
 constexpr uint32_t kError = recstore::kEntryErrBits;  // state bits of an entry in error
 constexpr uint32_t kValueMask = recstore::kEntryValueMask;
+constexpr uint32_t kStateShift = recstore::kEntryStateShift;  // entry >> kStateShift: the state
 // What read_entry gives for an entry it could not read.
 constexpr uint32_t kUnreadableEntry = 0xFFFFFFFFu;
 

@@ -328,10 +328,10 @@ TEST_F(DataZone, BlockAllocStampsTheBlockBusyWithTheClock) {
     ASSERT_EQ(block_alloc(0), 1);
     const uint32_t after = static_cast<uint32_t>(time(nullptr)) >> 2;
     const uint32_t entry = aging::read_entry(img(), 0, 0);
-    EXPECT_EQ(entry >> 30, 2u);
-    EXPECT_GE(entry & 0x3FFFFFFFu, before);
-    EXPECT_LE(entry & 0x3FFFFFFFu, after);
-    EXPECT_EQ(g_dz_ctx[0].cur_block->seq, entry & 0x3FFFFFFFu);
+    EXPECT_EQ(entry >> aging::kStateShift, 2u);
+    EXPECT_GE(entry & aging::kValueMask, before);
+    EXPECT_LE(entry & aging::kValueMask, after);
+    EXPECT_EQ(g_dz_ctx[0].cur_block->seq, entry & aging::kValueMask);
     EXPECT_EQ(block_get_current(0), 1);
     EXPECT_EQ(block_val(0, 1), entry);
     EXPECT_EQ(block_val(0, 4), 0xFFFFFFFFu);
@@ -370,9 +370,10 @@ TEST_F(DataZone, AllocationInAFreshBlockIsAscending) {
     EXPECT_EQ(datazone_alloc(0), start + 2);
     EXPECT_EQ(datazone_busy_count(0), 3);
     EXPECT_EQ(datazone_free_count(0), 3 * kPerBlock - 3);
-    for (uint32_t k = 0; k < 3; ++k) EXPECT_EQ(aging::read_entry(img(), 1, k) >> 30, 2u);
+    for (uint32_t k = 0; k < 3; ++k)
+        EXPECT_EQ(aging::read_entry(img(), 1, k) >> aging::kStateShift, 2u);
     EXPECT_EQ(aging::read_entry(img(), 1, 3), 0u);
-    EXPECT_EQ(datazone_val(0, start + 1) >> 30, 2u);
+    EXPECT_EQ(datazone_val(0, start + 1) >> aging::kStateShift, 2u);
     EXPECT_EQ(datazone_val(0, start + 3), 0u);
 }
 
@@ -385,7 +386,7 @@ TEST_F(DataZone, FreedClusterIsAllocatedAgainFirst) {
     const uint32_t stamped = datazone_val(0, start + 2);
     ASSERT_EQ(datazone_free(0, start + 2), 0);
     EXPECT_EQ(datazone_busy_count(0), 3);
-    EXPECT_EQ(aging::read_entry(img(), 1, 2), stamped & 0x3FFFFFFFu);  // free, value kept
+    EXPECT_EQ(aging::read_entry(img(), 1, 2), stamped & aging::kValueMask);  // free, value kept
     EXPECT_EQ(datazone_alloc(0), start + 2);
     EXPECT_EQ(datazone_alloc(0), start + 4);
     // Freeing twice is refused; the lists stay whole.
@@ -430,21 +431,22 @@ TEST_F(DataZone, StopAndStartResumesThePartlyUsedBlock) {
     ASSERT_EQ(block_alloc(0), 2);
     const int start2 = static_cast<int>(info().data_start + kPerBlock);
     for (int i = 0; i < 3; ++i) ASSERT_EQ(datazone_alloc(0), start2 + i);
-    EXPECT_EQ(aging::read_entry(img(), 0, 1) >> 30, 2u);  // block 2 busy while current
+    EXPECT_EQ(aging::read_entry(img(), 0, 1) >> aging::kStateShift,
+              2u);  // block 2 busy while current
 
     EventLog log;
     StdoutCapture cap;
     restart();
     const std::string out = cap.stop();
     const uint32_t entry2 = aging::read_entry(img(), 0, 1);
-    EXPECT_EQ(entry2 >> 30, 0u);  // partly used: free again, sequence kept
-    EXPECT_NE(entry2 & 0x3FFFFFFFu, 0u);
+    EXPECT_EQ(entry2 >> aging::kStateShift, 0u);  // partly used: free again, sequence kept
+    EXPECT_NE(entry2 & aging::kValueMask, 0u);
     char line[128];
     std::snprintf(line, sizeof(line), "]chk err diskid:0 blockid:2 val:%x busy=>free...\n",
                   entry2 | 0x80000000u);
     EXPECT_TRUE(contains(out, line)) << out;
     EXPECT_TRUE(contains(out, "]fixed\n")) << out;
-    EXPECT_EQ(aging::read_entry(img(), 0, 0), 0x80000000u | 1000u);  // full block stays busy
+    EXPECT_EQ(aging::read_entry(img(), 0, 0), aging::busy_entry(1000u));  // full block stays busy
     EXPECT_EQ(datazone_busy_count(0), kPerBlock + 3);
 
     EXPECT_EQ(block_current(0), 2);
@@ -671,7 +673,7 @@ TEST_F(DataZone, BlockClearRefusesTheCurrentBlock) {
     StdoutCapture cap;
     block_clear(0, 1);
     EXPECT_TRUE(contains(cap.stop(), "block_clear current block:1\n"));
-    EXPECT_EQ(aging::read_entry(img(), 1, 0) >> 30, 2u);
+    EXPECT_EQ(aging::read_entry(img(), 1, 0) >> aging::kStateShift, 2u);
 }
 
 TEST_F(DataZone, FullCurrentBlockMovesToTheNextBlock) {
@@ -1162,7 +1164,8 @@ TEST_F(DataZone, GarbageMapsLoadAndAreRepaired) {
                   bitmap_err_bits(&g_dz_ctx[0].block_map),
               3u);
     // Every block still has free clusters, so no block entry is left busy.
-    for (uint32_t b = 0; b < 3; ++b) EXPECT_NE(aging::read_entry(img(), 0, b) >> 30, 2u);
+    for (uint32_t b = 0; b < 3; ++b)
+        EXPECT_NE(aging::read_entry(img(), 0, b) >> aging::kStateShift, 2u);
     // The repairs reached the disk: a second start finds nothing left to fix.
     {
         EventLog log;
@@ -1179,21 +1182,24 @@ TEST_F(DataZone, GarbageMapsLoadAndAreRepaired) {
     uint32_t best_seq = 0;
     for (uint32_t b = 0; b < 3; ++b) {
         const uint32_t e = aging::read_entry(img(), 0, b);
-        if (e >> 30 != 0) continue;
-        if (expect_block < 0 || (e & 0x3FFFFFFFu) > best_seq) {
+        if (e >> aging::kStateShift != 0) continue;
+        if (expect_block < 0 || (e & aging::kValueMask) > best_seq) {
             expect_block = static_cast<int>(b + 1);
-            best_seq = e & 0x3FFFFFFFu;
+            best_seq = e & aging::kValueMask;
         }
     }
     LogMask quiet(0, 0);
     ASSERT_EQ(block_alloc(0), expect_block);
     ASSERT_GT(expect_block, 0) << "the garbage left no free block";
     uint32_t k = 0;
-    while (aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> 30 != 0) ++k;
+    while (aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> aging::kStateShift !=
+           0)
+        ++k;
     const int cluster = datazone_alloc(0);
     EXPECT_EQ(cluster, static_cast<int>(info().data_start +
                                         static_cast<uint32_t>(expect_block - 1) * kPerBlock + k));
-    EXPECT_EQ(aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> 30, 2u);
+    EXPECT_EQ(
+        aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> aging::kStateShift, 2u);
 }
 
 TEST_F(DataZone, ShortReadOfABlockMapFailsCleanly) {
