@@ -390,20 +390,13 @@ int replace_with_copy(const char *cachefile, const char *tmpfile) {
 namespace recstore {
 
 void cache_tag_to_bytes(uint32_t lo, uint32_t hi, unsigned char (&out)[kCacheTagSize]) {
-    for (size_t i = 0; i < 4; i++) {
-        out[i] = static_cast<unsigned char>(lo >> (8 * i));
-        out[4 + i] = static_cast<unsigned char>(hi >> (8 * i));
-    }
+    le32_store(out, lo);
+    le32_store(out + 4, hi);
 }
 
 void cache_tag_from_bytes(const unsigned char (&in)[kCacheTagSize], uint32_t *lo, uint32_t *hi) {
-    uint32_t l = 0, h = 0;
-    for (size_t i = 0; i < 4; i++) {
-        l |= static_cast<uint32_t>(in[i]) << (8 * i);
-        h |= static_cast<uint32_t>(in[4 + i]) << (8 * i);
-    }
-    *lo = l;
-    *hi = h;
+    *lo = le32_load(in);
+    *hi = le32_load(in + 4);
 }
 
 }  // namespace recstore
@@ -633,7 +626,7 @@ int cache_create(int disk_id, int channel, const struct tm *start, const struct 
 }
 
 int cache_set_loaded(unsigned disk_id, int value) {
-    if (disk_id >= RECSTORE_MAX_DISKS) {
+    if (!valid_disk_id(disk_id)) {
         FS_LOG_ERR("invalid disk id:%u\n", disk_id);
         return -1;
     }
@@ -642,7 +635,7 @@ int cache_set_loaded(unsigned disk_id, int value) {
 }
 
 int cache_is_loaded(unsigned disk_id) {
-    if (disk_id >= RECSTORE_MAX_DISKS) return 0;
+    if (!valid_disk_id(disk_id)) return 0;
     return __atomic_load_n(&g_cache_loaded[disk_id], __ATOMIC_ACQUIRE);
 }
 

@@ -41,6 +41,7 @@
 #include "cache.h"
 #include "data_zone.h"
 #include "fs_tools.h"
+#include "fstype_old.h"
 #include "index.h"
 
 fs_disk_info g_disk[RECSTORE_MAX_DISKS];
@@ -81,13 +82,13 @@ static_assert(offsetof(fs_disk_info, idx_root) == 148, "disk table entry layout"
 const char *fs_version(int disk_id) {
     if (!recstore::valid_disk_id(disk_id)) return "";
     switch (g_magic[disk_id]) {
-        case 0x10101013u:
+        case RECSTORE_MAGIC_V1:
             return "1.0.0.2";
-        case 0x50202023u:
+        case RECSTORE_MAGIC_V5:
             return "5.0.0.0";
-        case 0x60282013u:
+        case RECSTORE_MAGIC_V6:
             return "6.0.0.0";
-        case 0x702a2013u:
+        case RECSTORE_MAGIC_V7:
             return "7.0.0.0";
         default:
             return "";
@@ -1003,11 +1004,6 @@ constexpr uint32_t kCacheRefreshWrites = 16;  // writes between two cache-tag re
 constexpr size_t kPageSize = 4096;
 constexpr size_t kTimeText = 32;  // asctime_r needs 26 bytes
 
-// Writes "invalid param" with the error prefix whatever the log masks say.
-void report_invalid_param_always(int line) {
-    FS_LOG_PLAIN("\e[0;31m[%s:%d]:\e[0m%s", "fs.cpp", line, "invalid param");
-}
-
 bool valid_handle(int handle) {
     return handle >= 0 && handle < RECSTORE_STREAMS;
 }
@@ -1220,7 +1216,7 @@ int fs_write(int handle, const void *buffer, uint32_t length, const kframe *fram
     }
     if (!check_stream(handle)) return -1;
     if (frames == nullptr || buffer == nullptr) {
-        report_invalid_param_always(__LINE__);
+        FS_LOG_ERR_ALWAYS("invalid param");
         return -1;
     }
     // A frame table holds 24 descriptors and a cluster 524288 bytes: more would overrun them.
@@ -1406,7 +1402,7 @@ namespace {
 constexpr uint32_t kNoNextCluster = 0xFFFFFFFFu;  // the next-cluster answer after the last entry
 constexpr int32_t kNothingLoaded = -1;            // preload fields with no cluster
 constexpr int64_t kClusterStep = RECSTORE_CLUSTER_SIZE;
-constexpr int kFullEntry = 204;  // what an entry read returns when it read a whole entry
+constexpr int kFullEntry = recstore::kIndexEntrySize;  // what a read of a whole entry returns
 
 bool read_args_present(const void *buffer, const uint32_t *length, const kframe *frames,
                        const uint32_t *count) {

@@ -72,8 +72,6 @@ constexpr size_t kNameBuf = 128;           // mount-table names are compared in 
 constexpr size_t kMntStrings = 4096;       // string buffer of one mount-table entry
 constexpr size_t kWalkPath = 256;          // child paths of a directory walk
 constexpr uint64_t kTiB = 0x10000000000ull;
-constexpr uint32_t kMagicV7 = 0x702a2013u;
-constexpr uint32_t kMagicV6 = 0x60282013u;
 
 const char *base_name(const char *file) {
     const char *slash = strrchr(file, '/');
@@ -285,19 +283,32 @@ void recstore_set_log_handler(recstore_log_fn fn, void *user) {
     g_log_sink.store(sink, std::memory_order_release);
 }
 
-void fs_log_msg(uint32_t level, const char *file, int line, const char *format, ...) {
-    if (!gate_open(level)) return;
-    va_list ap;
-    va_start(ap, format);
+// The one place that prints the coloured "[file:line]:" prefix, or hands the message to the
+// host's handler when one is installed.
+static void log_prefixed(uint32_t level, const char *file, int line, const char *format,
+                         va_list ap) {
     if (const LogSink *sink = log_sink()) {
         deliver(sink, level, base_name(file), format, ap);
-        va_end(ap);
         return;
     }
     printf(prefix_for(level), base_name(file), line);
     vprintf(format, ap);
-    va_end(ap);
     fflush(stdout);
+}
+
+void fs_log_msg(uint32_t level, const char *file, int line, const char *format, ...) {
+    if (!gate_open(level)) return;
+    va_list ap;
+    va_start(ap, format);
+    log_prefixed(level, file, line, format, ap);
+    va_end(ap);
+}
+
+void fs_log_msg_always(uint32_t level, const char *file, int line, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    log_prefixed(level, file, line, format, ap);
+    va_end(ap);
 }
 
 void fs_log_plain(const char *format, ...) {
@@ -1169,9 +1180,9 @@ int64_t blockdev_size(int /*disk_id*/, int fd) {
 
 uint64_t recstore::max_disk_bytes_for_magic(uint32_t magic) {
     switch (magic) {
-        case kMagicV7:
+        case RECSTORE_MAGIC_V7:
             return 16 * kTiB;
-        case kMagicV6:
+        case RECSTORE_MAGIC_V6:
             return 8 * kTiB;
         default:
             return 4 * kTiB;

@@ -38,6 +38,10 @@ extern "C" {
 // library's bit and loglevel has the message's level bit. Standard output is flushed afterwards.
 void fs_log_msg(uint32_t level, const char *file, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
+// The same message and prefix whatever the host's masks say: for the few errors that are always
+// reported.
+void fs_log_msg_always(uint32_t level, const char *file, int line, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
 // Prints a message without prefix and without the gate, then flushes standard output.
 void fs_log_plain(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Prints the assertion line and "halt\n", then aborts the process.
@@ -65,6 +69,8 @@ void do_fill_find_debug_info(find_debug_info *info, unsigned duration);
 #define FS_LOG_ERR(...) fs_log_msg(RECSTORE_LOG_ERROR, __FILE__, __LINE__, __VA_ARGS__)
 #define FS_LOG_WARN(...) fs_log_msg(RECSTORE_LOG_WARNING, __FILE__, __LINE__, __VA_ARGS__)
 #define FS_LOG_INFO(...) fs_log_msg(RECSTORE_LOG_INFO, __FILE__, __LINE__, __VA_ARGS__)
+#define FS_LOG_ERR_ALWAYS(...) \
+    fs_log_msg_always(RECSTORE_LOG_ERROR, __FILE__, __LINE__, __VA_ARGS__)
 #define FS_LOG_PLAIN(...) fs_log_plain(__VA_ARGS__)
 #define FS_ASSERT(expr) ((expr) ? (void)0 : fs_assert_fail(#expr, __FILE__, __LINE__))
 
@@ -110,6 +116,10 @@ int open(const char *path, int flags, mode_t mode);
 int ioctl(int fd, unsigned long request, void *arg);
 // The host's command runner, pip_system, looked up only when a command runs.
 int host_system(const char *command);
+// close(2) for programs outside the library, which cannot reach the seam (PlainFdGuard).
+inline int plain_close(int fd) {
+    return ::close(fd);
+}
 }  // namespace io_default
 // io-seam-defaults-end
 
@@ -196,22 +206,58 @@ class IoOverride {
     typename IoCall<Sig>::Fn saved_;
 };
 
+// Little-endian loads and stores of the fixed-width fields of every on-disk and cache format,
+// byte by byte: the same bytes on every host byte order, and no alignment needed.
+constexpr uint16_t le16_load(const unsigned char *p) {
+    return static_cast<uint16_t>(p[0] | p[1] << 8);
+}
+constexpr uint32_t le32_load(const unsigned char *p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+constexpr uint64_t le64_load(const unsigned char *p) {
+    return static_cast<uint64_t>(le32_load(p)) | static_cast<uint64_t>(le32_load(p + 4)) << 32;
+}
+constexpr void le16_store(unsigned char *p, uint16_t v) {
+    p[0] = static_cast<unsigned char>(v);
+    p[1] = static_cast<unsigned char>(v >> 8);
+}
+constexpr void le32_store(unsigned char *p, uint32_t v) {
+    p[0] = static_cast<unsigned char>(v);
+    p[1] = static_cast<unsigned char>(v >> 8);
+    p[2] = static_cast<unsigned char>(v >> 16);
+    p[3] = static_cast<unsigned char>(v >> 24);
+}
+constexpr void le64_store(unsigned char *p, uint64_t v) {
+    le32_store(p, static_cast<uint32_t>(v));
+    le32_store(p + 4, static_cast<uint32_t>(v >> 32));
+}
+
 // Valid disk ids are 0..7; anything else (negative included) is refused by every function.
 constexpr bool valid_disk_id(int disk_id) {
     return disk_id >= 0 && disk_id < RECSTORE_MAX_DISKS;
+}
+constexpr bool valid_disk_id(unsigned disk_id) {
+    return disk_id < static_cast<unsigned>(RECSTORE_MAX_DISKS);
 }
 
 // Largest disk a format supports, from the magic value of the disk's magic file: 16 TiB for
 // version 7, 8 TiB for version 6 and 4 TiB for every other value.
 uint64_t max_disk_bytes_for_magic(uint32_t magic);
 
-// Owns a file descriptor and closes it when it goes out of scope.
-class FdGuard {
+// Closes a descriptor through the I/O seam.
+inline int seam_close(int fd) {
+    return io_calls().close(fd);
+}
+
+// Owns a file descriptor and closes it with Close when it goes out of scope.
+template <int (*Close)(int)>
+class BasicFdGuard {
   public:
-    explicit FdGuard(int fd = -1) : fd_(fd) {}
-    ~FdGuard() { reset(); }
-    FdGuard(const FdGuard &) = delete;
-    FdGuard &operator=(const FdGuard &) = delete;
+    explicit BasicFdGuard(int fd = -1) : fd_(fd) {}
+    ~BasicFdGuard() { reset(); }
+    BasicFdGuard(const BasicFdGuard &) = delete;
+    BasicFdGuard &operator=(const BasicFdGuard &) = delete;
     int get() const { return fd_; }
     int release() {
         int fd = fd_;
@@ -219,13 +265,19 @@ class FdGuard {
         return fd;
     }
     void reset(int fd = -1) {
-        if (fd_ >= 0) io_calls().close(fd_);
+        if (fd_ >= 0) Close(fd_);
         fd_ = fd;
     }
 
   private:
     int fd_;
 };
+
+// The library's guard: closes through the I/O seam, so that tests see every close.
+using FdGuard = BasicFdGuard<seam_close>;
+// The guard of programs that link only the exported API (the tool, the test kit): the seam is
+// internal to the library, so they close directly.
+using PlainFdGuard = BasicFdGuard<io_default::plain_close>;
 
 // Holds a pthread mutex for the lifetime of the guard.
 class MutexGuard {

@@ -433,16 +433,16 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
         perror("readv");
         return static_cast<int>(n);
     }
-    *cluster_id = get_u32(head);
-    *length = get_u32(head + 4);
-    *frame_count = get_u32(head + 8);
+    *cluster_id = le32_load(head);
+    *length = le32_load(head + 4);
+    *frame_count = le32_load(head + 8);
     inner_to_frames(table, frames);
     if (next_cluster_id != nullptr) {
         const int64_t pos = cur_pos(s->fd);
         uint8_t next[kEntryHeadSize];
         *next_cluster_id = 0xFFFFFFFFu;
         if (pos >= 1 && io_calls().pread64(s->fd, next, sizeof next, pos) == kEntryHeadSize)
-            *next_cluster_id = get_u32(next);
+            *next_cluster_id = le32_load(next);
     }
     return kIndexEntrySize;
 }
@@ -639,7 +639,7 @@ LastFrames find_last_frames(handle_slot &s, int64_t hdr, int64_t *entry, kframe 
             perror("idx read eof");
             return LastFrames::failed;
         }
-        const uint32_t c = get_u32(head + 8);
+        const uint32_t c = le32_load(head + 8);
         if (c < 1 || c > static_cast<uint32_t>(kMaxKframes)) continue;
         uint8_t table[kFramesSize];
         if (io_calls().read(s.fd, table, sizeof table) != kFramesSize) {
@@ -1046,7 +1046,7 @@ int index_write_magic(int disk_id) {
         return -1;
     }
     uint8_t bytes[4];
-    put_u32(bytes, RECSTORE_MAGIC_V7);
+    le32_store(bytes, RECSTORE_MAGIC_V7);
     if (io_calls().write(fd.get(), bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes)) {
         FS_LOG_ERR("write magic err");
         return -1;
@@ -1071,7 +1071,7 @@ int index_check_magic(int disk_id) {
         FS_LOG_ERR("read magic err");
         return -1;
     }
-    const uint32_t value = get_u32(bytes);
+    const uint32_t value = le32_load(bytes);
     if (!known_magic(value)) {
         FS_LOG_ERR("magic number is not matched");
         return -1;

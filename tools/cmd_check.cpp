@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bitmap.h"
+#include "cache.h"
 #include "data_zone.h"
 #include "cli.h"
 #include "commands.h"
@@ -24,7 +25,7 @@ namespace tool {
 namespace {
 
 constexpr const char *kCmd = "check";
-constexpr size_t kTagBytes = 8;
+constexpr size_t kTagBytes = recstore::kCacheTagSize;
 
 // One inconsistency: its kind (a short word scripts can look for) and what was found.
 struct Finding {
@@ -269,12 +270,11 @@ uint64_t Checker::expected_tag(const Recording &r) const {
 }
 
 bool read_tags(const std::string &path, std::vector<uint64_t> *tags) {
-    recstore::FdGuard fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    recstore::PlainFdGuard fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) return false;
     unsigned char b[kTagBytes];
     while (read(fd.get(), b, sizeof b) == static_cast<ssize_t>(sizeof b)) {
-        tags->push_back(static_cast<uint64_t>(recstore::le32_load(b + 4)) << 32 |
-                        recstore::le32_load(b));
+        tags->push_back(recstore::le64_load(b));
     }
     return true;
 }
@@ -390,12 +390,11 @@ bool write_tags(const CacheFile &f) {
     if (f.tags.empty()) return unlink(f.path.c_str()) == 0;
     const std::string tmp = dir + "/cachetmp";
     {
-        recstore::FdGuard fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        recstore::PlainFdGuard fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (fd.get() < 0) return false;
         for (uint64_t tag : f.tags) {
             unsigned char b[kTagBytes];
-            recstore::le32_store(b, static_cast<uint32_t>(tag));
-            recstore::le32_store(b + 4, static_cast<uint32_t>(tag >> 32));
+            recstore::le64_store(b, tag);
             if (write(fd.get(), b, sizeof b) != static_cast<ssize_t>(sizeof b)) return false;
         }
     }
@@ -550,7 +549,7 @@ int cmd_check(int argc, char **argv) {
     ZoneMaps zone;
     {
         const std::string part = dev + "3";
-        recstore::FdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
+        recstore::PlainFdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
         if (fd.get() < 0) {
             return operational("cannot open the data partition " + part + ": " + strerror(errno) +
                                " (is the disk plugged in and formatted?)");

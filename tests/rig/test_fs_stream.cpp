@@ -24,7 +24,7 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "fs_tools.h"
 #include "recstore.h"
@@ -613,8 +613,8 @@ TEST_F(Stream, BlockChangeOnTheSameDiskWhenTheBlockFills) {
     ASSERT_EQ(e.size(), 1u);
     EXPECT_EQ(e[0].cluster, kFirstData + 131072u);
     // Block 1's map entry is busy on disk: it was taken and filled.
-    EXPECT_EQ(aging::read_entry(part.c_str(), 0, 0) >> 30, 2u);
-    EXPECT_EQ(aging::read_entry(part.c_str(), 0, 1) >> 30, 2u);
+    EXPECT_EQ(aging::read_entry(part.c_str(), 0, 0) >> aging::kStateShift, 2u);
+    EXPECT_EQ(aging::read_entry(part.c_str(), 0, 1) >> aging::kStateShift, 2u);
 }
 
 TEST_F(Stream, BlockChangeToASecondDiskAndWithoutOldBlock) {

@@ -8,11 +8,13 @@
 
 #include <string>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "formatted_disks.h"
+#include "fs_tools.h"
 #include "recording.h"
 #include "rig.h"
+#include "test_util.h"
 
 using namespace recording_test;
 using recstore_test::LogMask;
@@ -77,11 +79,7 @@ class Tool : public ::testing::Test {
     std::unique_ptr<LogMask> quiet_;
 };
 
-size_t occurrences(const std::string &text, const std::string &part) {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) n++;
-    return n;
-}
+using recstore_test::occurrences;
 
 // ---- usage ---------------------------------------------------------------------------------
 
@@ -222,7 +220,7 @@ TEST_F(Tool, CheckReportsAStaleCacheTagAndRewritesItFromTheIndexFile) {
         const int fd = open(cache.c_str(), O_WRONLY | O_TRUNC);
         ASSERT_GE(fd, 0);
         unsigned char b[8];
-        for (int i = 0; i < 8; i++) b[i] = static_cast<unsigned char>(stale >> (8 * i));
+        recstore::le64_store(b, stale);
         ASSERT_EQ(write(fd, b, sizeof b), 8);
         close(fd);
     }

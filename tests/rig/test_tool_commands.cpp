@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint64_t kDiskBytes = 200ull * 1024 * 1024 * 1024;
 constexpr uint64_t kFirstDataCluster = 257;  // first data cluster of a 200 GiB disk
-constexpr uint64_t kCluster = 524288;
+constexpr uint64_t kCluster = RECSTORE_CLUSTER_SIZE;
 
 int tool(const std::string &args, std::string *out) {
     out->clear();

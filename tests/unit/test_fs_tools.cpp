@@ -1071,13 +1071,13 @@ TEST(MaxDiskSize, ByMagic) {
     LogMask mask(kAllLevels);
     uint32_t saved = g_magic[1];
     const uint64_t TiB = 1ull << 40;
-    g_magic[1] = 0x702a2013;
+    g_magic[1] = RECSTORE_MAGIC_V7;
     EXPECT_EQ(get_max_supported_disk_size(1), 16 * TiB);
-    g_magic[1] = 0x60282013;
+    g_magic[1] = RECSTORE_MAGIC_V6;
     EXPECT_EQ(get_max_supported_disk_size(1), 8 * TiB);
-    g_magic[1] = 0x50202023;
+    g_magic[1] = RECSTORE_MAGIC_V5;
     EXPECT_EQ(get_max_supported_disk_size(1), 4 * TiB);
-    g_magic[1] = 0x10101013;
+    g_magic[1] = RECSTORE_MAGIC_V1;
     EXPECT_EQ(get_max_supported_disk_size(1), 4 * TiB);
     g_magic[1] = 0;
     {
@@ -1092,4 +1092,40 @@ TEST(MaxDiskSize, ByMagic) {
                   std::string::npos);
     }
     g_magic[1] = saved;
+}
+
+// ---- little-endian codec ---------------------------------------------------------------------
+
+constexpr unsigned char kLeBytes[8] = {0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01};
+static_assert(recstore::le16_load(kLeBytes) == 0x0708u, "low byte first");
+static_assert(recstore::le32_load(kLeBytes) == 0x05060708u, "low byte first");
+static_assert(recstore::le64_load(kLeBytes) == 0x0102030405060708ull, "low byte first");
+
+TEST(LittleEndian, StoresLowByteFirstAtAnyAlignment) {
+    unsigned char buf[16];
+    for (size_t at = 0; at < 8; at++) {
+        memset(buf, 0xEE, sizeof buf);
+        recstore::le64_store(buf + at, 0x0102030405060708ull);
+        EXPECT_EQ(memcmp(buf + at, kLeBytes, 8), 0) << "offset " << at;
+        EXPECT_EQ(recstore::le64_load(buf + at), 0x0102030405060708ull);
+        recstore::le32_store(buf + at, 0xA1B2C3D4u);
+        EXPECT_EQ(buf[at], 0xD4);
+        EXPECT_EQ(buf[at + 3], 0xA1);
+        EXPECT_EQ(recstore::le32_load(buf + at), 0xA1B2C3D4u);
+        recstore::le16_store(buf + at, 0xBEEF);
+        EXPECT_EQ(buf[at], 0xEF);
+        EXPECT_EQ(buf[at + 1], 0xBE);
+        EXPECT_EQ(recstore::le16_load(buf + at), 0xBEEF);
+        EXPECT_EQ(buf[at + 8], 0xEE) << "nothing written past the field";
+    }
+}
+
+TEST(DiskIds, ValidIdsAreZeroToSevenInBothForms) {
+    EXPECT_TRUE(recstore::valid_disk_id(0));
+    EXPECT_TRUE(recstore::valid_disk_id(RECSTORE_MAX_DISKS - 1));
+    EXPECT_FALSE(recstore::valid_disk_id(-1));
+    EXPECT_FALSE(recstore::valid_disk_id(RECSTORE_MAX_DISKS));
+    EXPECT_TRUE(recstore::valid_disk_id(7u));
+    EXPECT_FALSE(recstore::valid_disk_id(8u));
+    EXPECT_FALSE(recstore::valid_disk_id(0xFFFFFFFFu));
 }
