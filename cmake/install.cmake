@@ -67,7 +67,8 @@ endif()
 # The install check: a staged install, the C example built from it alone through pkg-config and
 # through the CMake package, natively and for ARM, and run on a rig disk with the installed tool.
 # Sanitizer and fuzz builds are left out: a plain program cannot load their instrumented library.
-if(TARGET rig_test_example AND RECSTORE_BUILD_TOOLS AND NOT RECSTORE_SANITIZE AND NOT RECSTORE_FUZZ)
+if(TARGET rig_test_example AND RECSTORE_BUILD_TOOLS AND NOT RECSTORE_SANITIZE AND NOT RECSTORE_FUZZ
+   AND NOT CMAKE_CROSSCOMPILING)
   add_test(NAME rig.install COMMAND ${PROJECT_SOURCE_DIR}/tests/install/check-install.sh
                                     ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
   set_tests_properties(rig.install PROPERTIES LABELS rig SKIP_RETURN_CODE 77 TIMEOUT 1800

@@ -16,10 +16,11 @@ namespace {
 using recording_test::contains;
 using recording_test::kGiB;
 
-// The program named by the environment variable, or the one of this build.
+// The program named by the environment variable, or the one of this build, as a shell starts
+// it: under the emulator in a cross build.
 std::string program(const char *variable, const char *built) {
     const char *given = getenv(variable);
-    return given != nullptr && *given != '\0' ? given : built;
+    return std::string(RECSTORE_EMULATOR) + (given != nullptr && *given != '\0' ? given : built);
 }
 
 TEST(Example, RecordsPlaysBackAndFindsOneChannel) {

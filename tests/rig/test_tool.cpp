@@ -30,7 +30,7 @@ constexpr uint32_t kStrayCluster = 1000;  // a free cluster of block 1 (index in
 // Runs the tool with the arguments; its exit status, its output (both streams) in *out.
 int tool(const std::string &args, std::string *out) {
     out->clear();
-    return rig::run(std::string(RECSTORE_TOOL) + " " + args + " 2>&1", out);
+    return rig::run(std::string(RECSTORE_EMULATOR) + RECSTORE_TOOL + " " + args + " 2>&1", out);
 }
 
 struct tm start_of(int channel) {

@@ -20,7 +20,7 @@ constexpr uint64_t kCluster = RECSTORE_CLUSTER_SIZE;
 
 int tool(const std::string &args, std::string *out) {
     out->clear();
-    return rig::run(std::string(RECSTORE_TOOL) + " " + args + " 2>&1", out);
+    return rig::run(std::string(RECSTORE_EMULATOR) + RECSTORE_TOOL + " " + args + " 2>&1", out);
 }
 
 bool mounted(const std::string &what) {
