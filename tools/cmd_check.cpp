@@ -549,7 +549,7 @@ int cmd_check(int argc, char **argv) {
     ZoneMaps zone;
     {
         const std::string part = dev + "3";
-        recstore::PlainFdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
+        recstore::PlainFdGuard fd(open(part.c_str(), O_RDONLY | O_LARGEFILE | O_CLOEXEC));
         if (fd.get() < 0) {
             return operational("cannot open the data partition " + part + ": " + strerror(errno) +
                                " (is the disk plugged in and formatted?)");

@@ -381,7 +381,7 @@ int inspect_device(const std::string &dev, int disk, bool maps_only, bool json) 
                                  "machine run the tool inside the disk rig");
     }
     const std::string part = dev + "3";
-    recstore::PlainFdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
+    recstore::PlainFdGuard fd(open(part.c_str(), O_RDONLY | O_LARGEFILE | O_CLOEXEC));
     if (fd.get() < 0) {
         return failure(kCmd, "cannot open " + part + ": " + strerror(errno) +
                                  " (plugged in? formatted? root?)");
@@ -425,7 +425,7 @@ int inspect_device(const std::string &dev, int disk, bool maps_only, bool json) 
 }
 
 int inspect_image(const std::string &image, bool maps_only, bool json) {
-    recstore::PlainFdGuard fd(open(image.c_str(), O_RDONLY | O_CLOEXEC));
+    recstore::PlainFdGuard fd(open(image.c_str(), O_RDONLY | O_LARGEFILE | O_CLOEXEC));
     if (fd.get() < 0) return failure(kCmd, "cannot open " + image + ": " + strerror(errno));
     const int64_t bytes = blockdev_size(0, fd.get());
     std::vector<PartitionSpan> parts;

@@ -228,7 +228,7 @@ bool is_dir(const std::string &path) {
 }
 
 void read_recording(int disk_id, Recording *r) {
-    recstore::PlainFdGuard fd(open(r->path.c_str(), O_RDONLY | O_CLOEXEC));
+    recstore::PlainFdGuard fd(open(r->path.c_str(), O_RDONLY | O_LARGEFILE | O_CLOEXEC));
     struct stat st;
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0) return;
     r->file_bytes = static_cast<uint64_t>(st.st_size);
