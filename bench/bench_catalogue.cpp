@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Finding recordings in a large catalogue: 100,000 recordings of 64 channels over 30 days, made
 // through the library itself on one loop-backed disk (each opened with rec_open and closed with
 // an end time; one in a hundred holds one cluster of payload, the rest none). Measured, side by

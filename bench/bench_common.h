@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers shared by the recording benchmarks: wall and machine-wide CPU clocks, medians and
 // percentiles, page-aligned cluster buffers, and the plain sequential O_DIRECT writer of a data
 // partition that serves as the baseline of the write benchmarks.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Data-zone benchmark: the rate of cluster allocation (datazone_alloc: one 4-byte map write, no
 // read) and the time to load a block's cluster map (block_load: one 512 KiB read and one pass),
 // each with a baseline measured in the same run on the same descriptor: raw 4-byte pwrite64

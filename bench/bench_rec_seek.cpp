@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Seek latency through the recording API: one two-hour recording at 4 Mbit/s (500000 bytes per
 // second, 6866 clusters of 512 KiB, a key frame at every whole second, so one or two per
 // cluster) is written once through rec_write; a reader then seeks to random targets over the

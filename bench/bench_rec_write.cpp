@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Recording throughput through the recording API: 64 channels, one thread each (as a recorder
 // runs one thread per camera), each opening its recording with rec_open on the current disk
 // chosen by the daemon and writing whole 512 KiB clusters with one key frame each through

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Recording throughput: N streams (1, 8, 64) each writing whole 512 KiB clusters through
 // fs_write (allocation under the disk's mutex, payload, index entry, cache tag) on a formatted
 // disk, with buffered payload I/O and with O_DIRECT (fs_init flag 2), side by side with a plain

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Installation of recstore, so that a host application or a firmware image can be built from the
 # installed tree alone: the shared library with its version links, the public header, the
 # reference host (static library and header), the recstore tool with its manual page and bash

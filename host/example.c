@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A minimal recorder in C: brings one formatted disk up, records one channel (three clusters
  * with their key frames), plays it back, finds it by channel and day, and shuts down.
  *

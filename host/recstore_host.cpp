@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reference host: the calendar arithmetic, clock, process launcher and log masks that a
 // recorder's application supplies to the library. UTC throughout.
 #include "recstore_host.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * Reference host for librecstore.so.
  *

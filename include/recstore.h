@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * recstore: recording storage for network video recorders.
  *
@@ -65,12 +66,14 @@
  * library is built with on 32-bit targets. A host built with 64-bit off_t or time_t there would
  * disagree with the library on these layouts, so it is refused at compile time. */
 #if ((defined(__SIZEOF_POINTER__) && __SIZEOF_POINTER__ == 4) || defined(__ILP32__) || \
-     defined(__arm__)) &&                                                                   \
+     defined(__arm__)) &&                                                              \
     !defined(__x86_64__)
 #if (defined(_FILE_OFFSET_BITS) && _FILE_OFFSET_BITS == 64) || defined(__USE_FILE_OFFSET64)
-#error "recstore.h: _FILE_OFFSET_BITS=64 changes off_t, struct stat and struct statfs on this 32-bit target, but librecstore.so uses the 32-bit layouts; build the host without _FILE_OFFSET_BITS=64 (use the explicit *64 interfaces, e.g. open with O_LARGEFILE and pread64, for large files)"
+#error \
+    "recstore.h: _FILE_OFFSET_BITS=64 changes off_t, struct stat and struct statfs on this 32-bit target, but librecstore.so uses the 32-bit layouts; build the host without _FILE_OFFSET_BITS=64 (use the explicit *64 interfaces, e.g. open with O_LARGEFILE and pread64, for large files)"
 #elif (defined(_TIME_BITS) && _TIME_BITS == 64) || defined(__USE_TIME_BITS64)
-#error "recstore.h: _TIME_BITS=64 changes time_t on this 32-bit target, but librecstore.so uses the 32-bit time_t; build the host without _TIME_BITS=64 and _FILE_OFFSET_BITS=64"
+#error \
+    "recstore.h: _TIME_BITS=64 changes time_t on this 32-bit target, but librecstore.so uses the 32-bit time_t; build the host without _TIME_BITS=64 and _FILE_OFFSET_BITS=64"
 #endif
 #endif
 

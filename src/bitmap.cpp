@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Cluster bitmaps: one on-disk map cluster held in memory as raw entries plus a node per entry
 // on one of three circular lists (busy, free, error). Taking or deleting a node is memory-only;
 // every state change (a put) is written through to the map at once, 4 bytes at a time.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Cluster bitmaps: the in-memory form of one on-disk map cluster (the block map or a block's
 // cluster map) with a free, a busy and an error list, written through to the disk 4 bytes at a
 // time. The exported operations are declared in recstore.h; this header adds the entry format.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Index cache on tmpfs: a memory-resident mirror of every disk's index tree under "/mnt/cache/",
 // one file of 8-byte tags per leaf directory (channel, day, type), so that search, calendar and
 // deletion need not open every index file on disk. This module mounts and unmounts the tmpfs,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Index cache on tmpfs: internal helpers shared by the cache module, the search and calendar
 // scans and the fuzz target. The exported functions are declared in recstore.h.
 #ifndef RECSTORE_CACHE_H

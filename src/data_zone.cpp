@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The data zone of a disk: its raw data partition cut into 512 KiB clusters and 64 GiB blocks,
 // with the block map in cluster 0 and one cluster map per block. This module opens, lays out,
 // checks and repairs a zone at start, chooses and stamps the current block, finds the earliest

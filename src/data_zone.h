@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The data zone: layout and start-up of a disk's raw data partition, the block manager (current
 // block, sequences, earliest blocks, clearing) and whole-cluster payload I/O with the zone-wide
 // counters. Exported operations are declared in recstore.h; this header adds the geometry.

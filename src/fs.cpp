@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk management and streams: the disk table g_disk with its per-disk mutexes, the disk groups,
 // the library-wide mode flags, the preparation of a disk (partitioning, formatting, checking and
 // mounting through the external tools), bringing a disk's data zone up and the fullness tests;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk management and streams: the disk table, groups and mode flags, the preparation of a disk
 // (partitioning, formatting, checking, mounting), recording streams, block changes and deletion.
 // Exported functions are in recstore.h.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Foundations of the library: message printing and the event log file, the external-command
 // wrapper, broken-down time conversion, walk statistics, the naming of every device, partition,
 // directory, file, link and cache entry (with the cache tag codec), directory walking and

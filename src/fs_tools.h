@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Foundations shared by every module: message printing with the host's level and module gates,
 // assertions, host utilities, the path and name scheme, directory walking, mount-table lookups,
 // block-device sizes and raw cluster I/O. Exported functions are declared in recstore.h; this

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Record-info on-disk format: the layout constants of the index-file header in its two forms
 // (the 896-byte version-1 header and the current 8336-byte header with its optional 2048-byte
 // extension area) and of the 204-byte index entry, plus the inline codecs between those bytes

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Index files: the handle table, the per-disk magic file, creation and reopening of a
 // recording's index file (repairing a header that was never finalised), entries, header
 // rewriting, deletion and positioning inside a recording.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Recording API: the interface the recorder application uses over all disks. It owns the
 // recording context g_recctx (the 128 recording handles and 8 find slots with their locks), the
 // library's start and end, and the daemon thread that follows disks plugged in and out, chooses

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Recording API: the host's interface over all disks (lifecycle, the daemon thread with hot-plug
 // and disk rotation, stream handles). Exported functions are in recstore.h; this header adds the
 // internal pieces shared with the tests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shared pieces of the recstore tool's subcommands.
 #include "cli.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shared pieces of the recstore tool's subcommands: exit codes, option parsing, times and sizes
 // as people read them, disk node names and external commands.
 #ifndef RECSTORE_TOOL_CLI_H

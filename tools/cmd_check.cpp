@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // recstore check: the consistency checker of one disk. Reads the data partition's maps, the index
 // tree and (when mounted) the tmpfs cache, and reports every place where they disagree. With
 // --repair it changes only what is safe to change: stale links and stale cache tags.
@@ -390,7 +391,8 @@ bool write_tags(const CacheFile &f) {
     if (f.tags.empty()) return unlink(f.path.c_str()) == 0;
     const std::string tmp = dir + "/cachetmp";
     {
-        recstore::PlainFdGuard fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        recstore::PlainFdGuard fd(
+            open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (fd.get() < 0) return false;
         for (uint64_t tag : f.tags) {
             unsigned char b[kTagBytes];

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // recstore demo: the recorder's whole job inside the disk rig (tests/rig/rig-run). Two 200 GiB
 // sparse disks are formatted and brought up in the plug-in order, the daemon starts, N channels
 // of a synthetic camera stream are recorded for a set time with a live progress line, a few

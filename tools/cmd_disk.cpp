@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // recstore format, up, down: disk preparation and the plug-in and plug-out orders on real
 // devices.
 #include <stdio.h>

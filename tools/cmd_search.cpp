@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // recstore find, calendar: the search over all disks and the month calendar, from the shell. Both
 // bring the disks up (rec_init and the plug-in order), ask, print and take the disks down.
 #include <stdio.h>

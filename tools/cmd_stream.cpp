@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // recstore record, play: the recording API from the shell.
 #include <stdio.h>
 #include <string.h>

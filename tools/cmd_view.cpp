@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // recstore inspect: a read-only look at one disk or disk image: partitions, geometry, format
 // version, the block map as a grid, per-block cluster counts, the cache state and the recordings
 // per channel and day.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Read-only views of a disk for the inspect and check commands.
 #include "disk_view.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Read-only views of a disk for the inspect and check commands: the raw data partition's maps
 // (read with pread at the partition's offset, from a device or from a disk image), the
 // partition table of an image, and the index tree of a mounted index partition.

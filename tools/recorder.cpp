@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Recording and playing synthetic camera streams through the recording API.
 #include "recorder.h"
 

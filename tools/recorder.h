@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Recording and playing synthetic camera streams through the recording API (rec_open_v2,
 // rec_write, rec_close, rec_tseek, rec_getcurkframe, rec_read), shared by record, play and demo.
 #ifndef RECSTORE_TOOL_RECORDER_H

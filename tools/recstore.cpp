@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // recstore: command-line tool over librecstore.so for recorder firmware engineers. Each
 // subcommand drives the library the way a recorder's application does, or reads a disk without
 // changing it (inspect, check). Disks are the recorder's whole-disk nodes /dev/hd/sda ... sdh;

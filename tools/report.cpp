@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Printers of the search results and the month calendar.
 #include "report.h"
 

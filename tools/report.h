@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Printers of the search results and the month calendar. They take what the recording API
 // hands out (rec_param and rec_find_info pairs, a 31-byte day array) and return the text.
 #ifndef RECSTORE_TOOL_REPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The search and the month calendar over every disk that is up: rec_find_open paged to the end,
 // each result completed from its record info, and rec_get_calendar.
 #include "search.h"

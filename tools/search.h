@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The search and the month calendar over every disk that is up, as the find and calendar
 // commands and the demo use them.
 #ifndef RECSTORE_TOOL_SEARCH_H

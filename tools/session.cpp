@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library as a recorder runs it.
 #include "session.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library as a recorder runs it, for the commands that record, play or bring disks up:
 // rec_init, the plug-in order per disk, the daemon, and everything undone in reverse at the end.
 #ifndef RECSTORE_TOOL_SESSION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tool's synthetic camera stream and its verifier.
 #include "synthetic.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tool's synthetic camera stream: 25 frames a second, a key frame every 1 or 2 seconds, a
 // bitrate of 2-8 Mbit/s chosen per channel. Frames are packed into 512 KiB clusters the way a
 // recorder packs them: a cluster is handed over when the next frame would not fit. Every frame

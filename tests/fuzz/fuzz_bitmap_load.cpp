@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: arbitrary bytes as a map cluster. The first two bytes choose the entry count, the
 // next bytes are the map (possibly shorter than the count needs), and the tail drives a sequence
 // of list operations that keeps to the bitmap's contract (a node is put only after it was taken

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: arbitrary bytes as a cache file. The first byte chooses the rewrite's predicate
 // (none, same start second, start before a time of day) and the next three the time of day; the
 // rest is the file, written into a leaf directory sda/03/2024/05/17/00/ of a scratch cache tree

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the search and calendar walk actions with arbitrary paths below the cache and index
 // roots and arbitrary requests: the name parsers, the level decisions, the channel tests and the
 // calendar's report must take any name without reading or writing out of bounds. No disk is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target for the index-file reading path: the input becomes an index file (raw, or as a
 // header prefix padded to the layout's size followed by entries), which is then read as a header
 // on a plain descriptor, opened as a recording (with the repair of an unfinished header), walked

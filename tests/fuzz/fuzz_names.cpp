@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes every parser of names found on disks and in the cache (index files, links, cache
 // files, device and mount names) and the cache-tag decoder with arbitrary bytes.
 #include <stddef.h>

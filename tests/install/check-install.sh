@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # Install check: installs a build into a staging directory (DESTDIR) and builds the C example
 # (host/example.c) from the installed files alone, once through pkg-config and once through the
 # CMake package, natively and for 32-bit ARM (a second, library-only cross build). The native

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Rig tests of the index cache on a real tmpfs mounted by cache_init on /mnt/cache/ inside the
 // rig's private /mnt: the mount command line and the mount's size, the remount fallback,
 // read-only mode, the exact tag bytes appended, dropping tags and removing empty directories,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The data zone on partition 3 of a real loop-backed 200 GiB disk inside the rig: start-up on a
 // block device, allocation, direct-I/O writes and reads of whole clusters, the event log, and
 // the stop/start scenario (a partly used block is resumed), the choice between partly used

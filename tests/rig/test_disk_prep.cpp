@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk preparation on real loop-backed disks inside the rig: partitioning by disk size (MBR and
 // 8GB up to 512 GiB, GPT and 32GB above), the ext4 file systems, the check, the mounts with their
 // options, the probe of whole disks, a disk the system runs from, and the tool search in the

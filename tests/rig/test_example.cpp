@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The README's minimal recorder in C (host/example.c) on a freshly formatted rig disk: it brings
 // the disk up, records one channel, plays it back, finds it and shuts down, exiting 0 only when
 // every step gave what it should. RECSTORE_EXAMPLE_PROGRAM and RECSTORE_TOOL_PROGRAM in the

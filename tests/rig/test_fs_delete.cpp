@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Deletion on a real disk inside the rig: clearing a block through its link directory, deleting
 // everything that began before a time from the cache and the index partition, deleting one
 // recording with its clusters, and the block searches recycling relies on.

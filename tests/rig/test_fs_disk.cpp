@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The disk table on a real disk inside the rig: bringing a formatted disk up and down, the
 // refusals of a disk whose index is not mounted, whose magic file is missing or wrong or whose
 // data partition cannot be opened (never half initialised), clearing a disk, the fullness tests

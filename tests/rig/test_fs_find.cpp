@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Search and calendar of one disk on real disks inside the rig. A catalogue of a few thousand
 // short recordings over 64 channels, two types, several modes and several days (across midnight,
 // a month boundary and a leap day) is written once on two disks. Every search and calendar is

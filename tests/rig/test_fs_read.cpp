@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reading recordings back on a real disk inside the rig: a recording written through fs_write
 // with a deterministic payload and its key frames is read forward and backward cluster by
 // cluster (every payload byte, length and key-frame table checked), through the preload buffer

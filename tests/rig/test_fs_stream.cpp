@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Recording on a real disk inside the rig: two formatted 200 GiB loop-backed disks brought up in
 // the plug-in order, recordings written through fs_open/fs_write/fs_close and checked on disk
 // (index file, link, cache tag, payload), the stream table's limits, the cache refresh, block

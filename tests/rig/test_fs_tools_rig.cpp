@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Rig tests of the foundations on real block devices and real mounts: device sizes of loop
 // disks and partitions (with the fallback requests), mount-table lookups of real mounts, and the
 // event log file on the system partition's mount point.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Index files under a disk's index root (/mnt/sda inside the rig's private /mnt): the magic
 // file, creating, reopening and closing recordings (file times), the handle limit, repair of a
 // file left by a killed writer, deletion with removal of the emptied directories, clearing a disk

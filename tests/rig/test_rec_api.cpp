@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The recording API as a recorder uses it, inside the disk rig: two formatted 200 GiB disks
 // brought up in the plug-in order, the daemon running, 16 channels recorded at once and checked
 // on disk and through the read functions, the handle limits, disk rotation when the current disk

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A recorder killed in the middle of recording: a child process brings two formatted disks up
 // through the recording API, records eight channels at once (one thread each, deterministic
 // payload, one to three key frames per cluster) and is killed with SIGKILL once every channel has

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Edges of the recording API on two formatted rig disks: every disk full with recycling off (no
 // current disk, no recycling by the daemon), a deletion period that acts only when forced, the
 // read-only mode (writes and creations refused,

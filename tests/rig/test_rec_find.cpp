@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The search and calendar API over all disks, inside the disk rig: recordings made on two
 // formatted disks are found through rec_find_open with every sort mode, paged forward and
 // backward as a whole and per channel, cut at maxcount in disk order, handed out as 60-byte

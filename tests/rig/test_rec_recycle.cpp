@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Recycling of the oldest recordings inside the disk rig, with two formatted 200 GiB disks brought
 // up in the plug-in order: the earliest block over both disks (equal times, the time printed in
 // the event log, no disk initialised), the blocks before a time and their limit, recycling for

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the disk rig itself: the private namespace, loop-backed disks under /dev/hd, their
 // partition nodes, file systems on them, plug-out and plug-in, the partprobe stand-in and the
 // cleanup of runs that were killed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The recstore tool on a real rig disk: its usage errors, "check" on a healthy disk and on disks
 // damaged on purpose (each damage reported by kind, with the count), "check --repair", and
 // "inspect" on the disk and on its image file. The tool runs as a child process in this test's

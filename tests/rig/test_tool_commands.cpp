@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The recstore tool's disk commands on a rig disk of their own: format, up and down, record and
 // play (with the verification catching a changed byte), and check after a recording made by the
 // tool.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The recstore tool's demo, short: two disks formatted and brought up, four channels recorded
 // for five seconds with a disk change and a block change on the way, recordings played back and
 // verified, found again by the search and the month view, the earliest block recycled once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Repeats every failed check at the very end of a test program's output. The rig tests print a
 // lot of library log on purpose; when a run fails, CTest and CI keep only the tail of that output,
 // so the failures themselves must come last to be seen.

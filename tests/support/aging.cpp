@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk aging: raw little-endian map entries written straight into a data partition. Failures are
 // returned with a message, never reported to a test framework.
 #include "aging.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk aging for tests, the tool's demo and the benchmarks: writes map entries straight into a
 // data partition (an image file or a device node), as if months of recording had happened, so
 // that a fill, a change and a recycling of blocks take a handful of real writes.

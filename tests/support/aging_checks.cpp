@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The GoogleTest forms of the disk aging helpers.
 #include "aging_checks.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk aging as the tests use it: the aging helpers without the error argument, their failures
 // reported to the running GoogleTest test. The functions that succeed or fail give an assertion
 // result that carries the reason, so ASSERT_TRUE(aging::fill_block(...)) prints it.

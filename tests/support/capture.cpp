@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Standard-output capture and log-mask scoping for the tests.
 #include "capture.h"
 

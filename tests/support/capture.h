@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Captures what the code under test writes to standard output (descriptor 1), so that tests can
 // check the library's messages byte for byte.
 #ifndef RECSTORE_TEST_CAPTURE_H

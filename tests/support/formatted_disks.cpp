@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formatted disks of a rig test program: attached and formatted once before the first test.
 #include "formatted_disks.h"
 

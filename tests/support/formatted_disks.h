@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A rig test program's formatted disks: 200 GiB loop-backed disks attached and formatted once
 // for the whole program, and the plug-in and plug-out orders of the recording layer.
 #ifndef RECSTORE_TEST_FORMATTED_DISKS_H

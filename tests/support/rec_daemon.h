@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers of the rig tests that run the recording layer's daemon: bounded waits for a condition
 // the daemon brings about, reads of the disk table under its lock, and the current disk.
 #ifndef RECSTORE_TEST_REC_DAEMON_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers of the recording tests on rig disks: constants of a 200 GiB disk's data zone, names of
 // a recording's index file, link and cache file, cache-file tags, page-aligned clusters and a
 // deterministic payload with key frames.

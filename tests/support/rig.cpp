@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk rig helpers for tests: loop-backed disks under /dev/hd inside the rig's private mount
 // namespace (see tests/rig/rig-run). Disks are image files in the rig directory; rig-run
 // detaches every loop device backed by them when the run ends, whatever the test did.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk rig helpers for tests: attach sparse image files as real loop-backed disks under
 // /dev/hd, partition them, plug them out and back in. Only usable inside the rig that
 // tests/rig/rig-run sets up (a private mount namespace with its own /dev/hd and /mnt); every

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers shared by the tests: broken-down times, scratch directories, whole-file reads.
 #include "test_util.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Small helpers shared by the tests: building broken-down times, scratch directories and whole
 // file reads.
 #ifndef RECSTORE_TEST_UTIL_H

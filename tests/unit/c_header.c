@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The public header compiles as plain C, and a C program links against the library. */
 #include "recstore.h"
 

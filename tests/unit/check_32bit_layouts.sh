@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # On the 32-bit ARM target a host built with 64-bit off_t or time_t would disagree with the
 # library on the layout of the records it shares with it, so the public header stops such a
 # build with an error that says why. Checked with the ARM cross compiler: the plain build of a

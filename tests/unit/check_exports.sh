@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # The shared library exports exactly the functions and global variables that the public header
 # declares, apart from the nine host symbols (the program defines those): every name missing on
 # either side is listed and fails the test, and so does an empty list on either side.

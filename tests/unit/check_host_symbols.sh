@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # The nine host symbols are never defined by the library: the ones it uses are undefined symbols
 # resolved from the loading program, and a program linked with the reference host exports all
 # nine so that the dynamic linker can resolve them.

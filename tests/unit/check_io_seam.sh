@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Every system call of the library on disks, partitions, index and cache files, directories, the
 # mount table and the shell goes through the I/O seam (recstore::io_calls() in src/fs_tools.h),
 # so that tests can replace any of them at run time. This check fails when a source file of src/

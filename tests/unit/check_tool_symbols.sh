@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # The recstore tool is shipped: it links the library and the test kit, never GoogleTest. A
 # testing:: symbol in it means that a GoogleTest helper was linked in.
 # usage: check_tool_symbols.sh NM TOOL

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Cluster bitmaps over a map cluster in a sparse image file: loading and classification, the
 // three lists and their order, write-through of every put, clearing, and refusals.
 #include <fcntl.h>

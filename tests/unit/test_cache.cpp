@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Unit tests of the index cache that need no mounted tmpfs: the on-file form of a tag, reading
 // and appending tags, the rewrite of a cache file through "cachetmp" and the removal of empty
 // directories (on a scratch directory under /tmp), the loaded flags, read-only mode, refused

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The data zone on a sparse 200 GiB image file standing in for partition 3 of disk 0: geometry,
 // start-up check and repair, the choice of the current block, cluster allocation and freeing,
 // whole-cluster I/O, the counters, refusals and fault handling.
@@ -51,7 +52,6 @@ ssize_t faulty_pwrite(int fd, const void *buf, size_t n, off64_t pos) {
     }
     return recstore::io_calls().pwrite64.real()(fd, buf, n, pos);
 }
-
 
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;

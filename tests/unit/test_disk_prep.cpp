@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disk preparation without devices: the size -> label decision, the checks on device names and
 // disk ids that keep bad names away from every command line, the tool search order and the
 // parted " -f" decision, the version strings, and the read-only refusal of the check.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Unit tests of the search and calendar walk actions on the paths that decide by name alone (no
 // file is opened): the channel tests of the cache walks (narrowed to a 32-bit signed mask) and of
 // the index-partition walks (exact), the year, month, day and type ranges, the stops, and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reading without disks: the refusals of the read, preload, key-frame and seek functions for
 // handles outside the table, free slots, slots without an index and null pointers, and the
 // preload switch with and without direct I/O.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The disk table without disks: mode flags of fs_init (the cache off), opening and closing
 // entries, groups, the refusals of bad disk ids, group ids and stream handles, read-only mode,
 // the exception-callback tables and a block change on disks without a data zone.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Unit tests of the foundations: messages and their gates, host utilities, time conversion, walk
 // statistics, the name scheme and cache tags, path helpers, directory walking and removal, mount
 // table lookups, cluster I/O and bit helpers. Everything here runs without root.

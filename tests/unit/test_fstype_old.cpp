@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Record-info format: golden bytes of the current and version-1 headers and of the index entry,
 // the header sizes by disk version, and the extension words.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Unit tests of the reference host: the calendar arithmetic, clock and process launcher that a
 // recorder's application supplies to the library.
 #include <gtest/gtest.h>

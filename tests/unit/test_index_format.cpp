@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Record-info headers and index entries on real (temporary) files: header sizes and golden
 // bytes, the extension rules, reading back, entries and end-time tracking, the handle checks,
 // and the repair of a header that its writer never finalised (including a writer killed between

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Positioning inside an open recording: stream positions (ltell/lseek by payload bytes), frame
 // times (ttell/tseek) and the frame-position accessors, on recordings built in temporary files,
 // including damaged entries that must neither crash nor hang the walks.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The I/O seam: a replaced entry is what the library calls, its result and errno reach the
 // caller unchanged, and the default comes back when the replacement's scope ends, after
 // reset_all, and while library threads keep calling through the entry.

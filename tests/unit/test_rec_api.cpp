@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The recording API without disks: start and end, the daemon's start and stop, the settings
 // (period, forced deletion, overlap, clock), the refusals of bad handles, channels and null
 // pointers with their messages, and the choice of a disk when there is none.

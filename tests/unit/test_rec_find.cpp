@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The search and calendar API without disks: the eight find slots and their refusals, the
 // collecting callback filled directly (as the per-disk search calls it), the sort modes, paging
 // through the whole list and through one channel's run, the byte layout of what the host

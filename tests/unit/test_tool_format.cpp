@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The recstore tool's printers (the search-result table and JSON, the month calendar) and its
 // shared command-line pieces: option parsing, JSON strings and the progress line.
 #include <fcntl.h>

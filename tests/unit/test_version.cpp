@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's version: the header's macros are the project's version (passed in by the build),
 // and the library reports the same string.
 #include <gtest/gtest.h>
