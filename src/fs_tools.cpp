@@ -5,9 +5,11 @@
 // removal, mount-table lookups, block-device sizes and raw cluster I/O.
 //
 // File map, in order:
-//   (head) Layout checks of the shared records, constants, small helpers and the block-device
-//     ioctl pointer that tests replace.
-//   Messages: fs_log_msg, fs_log_plain, fs_assert_fail.
+//   (head) Layout checks of the shared records, constants and small helpers.
+//   The I/O seam: the table of every system call the library makes (io_calls), its defaults,
+//     reset_all and io_dprintf.
+//   Messages: the host's log handler (recstore_set_log_handler), fs_log_msg, fs_log_plain,
+//     fs_assert_fail.
 //   Host utilities and the event log: fs_log_init/exit/file, fs_system, fs_tm conversion, walk
 //     statistics text.
 //   Device, partition and index-tree names: disk_root, *_partion, mount_point, idx_root, the
