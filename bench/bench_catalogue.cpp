@@ -116,6 +116,14 @@ bool wait_for(const std::function<bool()> &pred) {
 }
 
 // The plug-in order of a recorder for disk 0; fresh erases the disk first.
+// Detaches the rig disk; a failure is reported on standard error.
+void unplug_rig_disk(rig::Disk &disk) {
+    std::string error;
+    if (!rig::try_unplug(disk, &error)) {
+        fprintf(stderr, "cannot unplug %s: %s\n", disk.node.c_str(), error.c_str());
+    }
+}
+
 bool plug_in(const rig::Disk &disk, bool fresh, double *cache_ms) {
     const char *dev = disk.node.c_str();
     fs_umount(dev);
@@ -412,7 +420,12 @@ int run() {
         return 1;
     }
     loglevel = 0;
-    rig::Disk disk = rig::attach('a', 200 * kGiB);
+    rig::Disk disk;
+    std::string error;
+    if (!rig::try_attach('a', 200 * kGiB, false, &disk, &error)) {
+        fprintf(stderr, "cannot attach a rig disk: %s\n", error.c_str());
+        return 1;
+    }
     std::vector<Row> rows;
     double per_sec = 0, cache_ms = 0, recycle_ms = 0;
     int recycled_files = 0;
@@ -429,7 +442,7 @@ int run() {
     }
     if (!ok) {
         fprintf(stderr, "could not build the catalogue\n");
-        rig::unplug(disk);
+        unplug_rig_disk(disk);
         return 1;
     }
     fprintf(stderr, "catalogue: %d recordings at %.0f per second; cache rebuilt in %.0f ms\n",
@@ -456,7 +469,7 @@ int run() {
     }
     if (!ok) {
         fprintf(stderr, "a measurement failed\n");
-        rig::unplug(disk);
+        unplug_rig_disk(disk);
         return 1;
     }
     for (const Query &q : kQueries) {
@@ -494,7 +507,7 @@ int run() {
         }
         quiet.stop();
     }
-    rig::unplug(disk);
+    unplug_rig_disk(disk);
     unlink(disk.image.c_str());
     unlink(db.c_str());
     printf("\n%d recordings, %d channels, %d days; latencies in ms\n\n", g_recordings, kChannels,

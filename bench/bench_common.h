@@ -157,6 +157,21 @@ inline void rec_stop(const rig::Disk &disk) {
     rec_exit();
 }
 
+// Attaches a rig disk; false, with the reason on standard error, when that fails.
+inline bool attach_disk(char letter, uint64_t bytes, bool direct_io, rig::Disk *disk) {
+    std::string error;
+    if (rig::try_attach(letter, bytes, direct_io, disk, &error)) return true;
+    fprintf(stderr, "cannot attach a rig disk: %s\n", error.c_str());
+    return false;
+}
+
+// Plugs a rig disk out; a failure is reported on standard error.
+inline void unplug_disk(rig::Disk &disk) {
+    std::string error;
+    if (!rig::try_unplug(disk, &error))
+        fprintf(stderr, "cannot unplug %s: %s\n", disk.node.c_str(), error.c_str());
+}
+
 }  // namespace bench
 
 #endif

@@ -47,8 +47,12 @@ struct Target {
 
 bool prepare(Target &t) {
     if (rig::active()) {
-        t.disk = rig::attach('a', 200 * kGiB);
-        rig::partition_simple(t.disk);
+        std::string error;
+        if (!rig::try_attach('a', 200 * kGiB, false, &t.disk, &error) ||
+            !rig::try_partition_simple(t.disk, &error)) {
+            fprintf(stderr, "cannot prepare a rig disk: %s\n", error.c_str());
+            return false;
+        }
         std::snprintf(g_disk[0].devname, sizeof(g_disk[0].devname), "%s", t.disk.node.c_str());
         t.where = "rig: partition 3 of a loop-backed 200 GiB sparse disk (" + t.disk.loop + ")";
         return true;
@@ -71,7 +75,10 @@ void finish(Target &t) {
         unlink((t.cleanup_dir + "/sda3").c_str());
         rmdir(t.cleanup_dir.c_str());
     }
-    if (!t.disk.loop.empty()) rig::unplug(t.disk);
+    std::string error;
+    if (!t.disk.loop.empty() && !rig::try_unplug(t.disk, &error)) {
+        fprintf(stderr, "cannot unplug %s: %s\n", t.disk.node.c_str(), error.c_str());
+    }
 }
 
 int run() {

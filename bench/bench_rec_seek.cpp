@@ -90,7 +90,8 @@ int run() {
         return 1;
     }
     loglevel = 0;  // no per-call messages in the timings
-    rig::Disk disk = rig::attach('a', 200 * kGiB, true);
+    rig::Disk disk;
+    if (!bench::attach_disk('a', 200 * kGiB, true, &disk)) return 1;
     std::vector<Stats> tseek, lseek;
     bool ok = true;
     double write_sec = 0;
@@ -99,7 +100,7 @@ int run() {
         if (fs_format(disk.node.c_str()) != 0 || !rec_start(disk, 0)) {
             const std::string text = quiet.stop();
             fprintf(stderr, "cannot prepare the disk\n%s", text.c_str());
-            rig::unplug(disk);
+            bench::unplug_disk(disk);
             unlink(disk.image.c_str());
             return 1;
         }
@@ -136,7 +137,7 @@ int run() {
         rec_stop(disk);
         quiet.stop();
     }
-    rig::unplug(disk);
+    bench::unplug_disk(disk);
     unlink(disk.image.c_str());
     if (!ok) {
         fprintf(stderr, "the recording could not be written or a seek landed wrong\n");

@@ -175,12 +175,13 @@ int run() {
         return 1;
     }
     loglevel = 0;  // no per-call messages in the timings
-    rig::Disk disk = rig::attach('a', 200 * kGiB, true);
+    rig::Disk disk;
+    if (!bench::attach_disk('a', 200 * kGiB, true, &disk)) return 1;
     {
         recstore_test::StdoutCapture quiet;
         if (fs_format(disk.node.c_str()) != 0) {
             fprintf(stderr, "%s", quiet.stop().c_str());
-            rig::unplug(disk);
+            bench::unplug_disk(disk);
             return 1;
         }
     }
@@ -192,7 +193,7 @@ int run() {
         ok = run_mode(disk, "buffered", 0, rows) && run_mode(disk, "O_DIRECT", kDirectIoFlag, rows);
         quiet.stop();
     }
-    rig::unplug(disk);
+    bench::unplug_disk(disk);
     unlink(disk.image.c_str());
     printf("\n%d runs of %u clusters (%u MiB) per configuration; medians\n", kRuns, kClustersPerRun,
            kClustersPerRun / 2);

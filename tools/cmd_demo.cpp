@@ -533,7 +533,13 @@ bool prepare_disks(Terminal &term, std::vector<rig::Disk> *disks, Figures *f) {
     for (int i = 0; i < kDisks; i++) {
         fprintf(out, "attaching a %s sparse disk as /dev/hd/sd%c",
                 human_size(kDemoDiskBytes).c_str(), kLetters[i]);
-        disks->push_back(rig::attach(kLetters[i], kDemoDiskBytes));
+        rig::Disk disk;
+        std::string error;
+        if (!rig::try_attach(kLetters[i], kDemoDiskBytes, false, &disk, &error)) {
+            fprintf(out, "\nrecstore demo: %s\n", error.c_str());
+            return false;
+        }
+        disks->push_back(disk);
         fprintf(out, " (%s)\n", disks->back().loop.c_str());
     }
     for (int i = 0; i < kDisks; i++) {
@@ -555,13 +561,7 @@ int run_demo(Terminal &term, int channels, int seconds) {
     FILE *out = term.out();
     Figures f;
     std::vector<rig::Disk> disks;
-    bool ok = true;
-    try {
-        ok = prepare_disks(term, &disks, &f);
-    } catch (const std::exception &e) {
-        fprintf(out, "recstore demo: %s\n", e.what());
-        ok = false;
-    }
+    bool ok = prepare_disks(term, &disks, &f);
     if (ok) {
         const uint64_t clusters = expected_clusters(channels, seconds);
         Plan plan;
@@ -625,11 +625,11 @@ int run_demo(Terminal &term, int channels, int seconds) {
         print_summary(out, f, channels);
     }
     for (rig::Disk &d : disks) {
-        try {
-            rig::unplug(d);
+        std::string error;
+        if (rig::try_unplug(d, &error)) {
             unlink(d.image.c_str());
-        } catch (const std::exception &e) {
-            fprintf(out, "recstore demo: %s\n", e.what());
+        } else {
+            fprintf(out, "recstore demo: %s\n", error.c_str());
             ok = false;
         }
     }

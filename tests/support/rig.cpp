@@ -366,4 +366,34 @@ std::string partition(const Disk &disk, int number) {
     return disk.node + std::to_string(number);
 }
 
+// ---- the forms that report by return value ---------------------------------------------------
+
+namespace {
+
+// Runs op; false with its failure's text in *error when it throws.
+template <typename Op>
+bool reported(Op op, std::string *error) {
+    try {
+        op();
+        return true;
+    } catch (const std::exception &e) {
+        if (error != nullptr) *error = e.what();
+        return false;
+    }
+}
+
+}  // namespace
+
+bool try_attach(char letter, uint64_t bytes, bool direct_io, Disk *out, std::string *error) {
+    return reported([&] { *out = attach(letter, bytes, direct_io); }, error);
+}
+
+bool try_unplug(Disk &disk, std::string *error) {
+    return reported([&] { unplug(disk); }, error);
+}
+
+bool try_partition_simple(const Disk &disk, std::string *error) {
+    return reported([&] { partition_simple(disk); }, error);
+}
+
 }  // namespace rig

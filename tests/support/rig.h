@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Disk rig helpers for tests: attach sparse image files as real loop-backed disks under
 // /dev/hd, partition them, plug them out and back in. Only usable inside the rig that
-// tests/rig/rig-run sets up (a private mount namespace with its own /dev/hd and /mnt); every
-// failure throws std::runtime_error saying what went wrong.
+// tests/rig/rig-run sets up (a private mount namespace with its own /dev/hd and /mnt). In tests,
+// every failure throws std::runtime_error saying what went wrong; programs outside the tests (the
+// tool, the benchmarks) use the try_ forms, which report the failure by return value instead.
 #pragma once
 
 #include <cstdint>
@@ -66,5 +67,11 @@ int run(const std::string &command, std::string *output = nullptr);
 
 // Quotes a word for the shell.
 std::string quote(const std::string &word);
+
+// The same operations reporting failure by return value: true when done; false with the reason
+// in *error (when given) otherwise. They never throw.
+bool try_attach(char letter, uint64_t bytes, bool direct_io, Disk *out, std::string *error);
+bool try_unplug(Disk &disk, std::string *error);
+bool try_partition_simple(const Disk &disk, std::string *error);
 
 }  // namespace rig
