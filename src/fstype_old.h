@@ -181,8 +181,8 @@ inline void rec_info_to_inner(const recordinfo *in, uint8_t *out) {
     memcpy(out + kOffReserved, in->reserved, kReservedSize);
 }
 
-// Fills every field of the record from an 8336-byte current header.
-inline void inner_to_rec_info(const uint8_t *in, recordinfo *out) {
+// The fields both header layouts keep at the same offsets, from the disk id to the alarm count.
+inline void decode_head_fields(const uint8_t *in, recordinfo *out) {
     out->disk_id = le32_load(in + kOffDiskId);
     out->block_id = le32_load(in + kOffBlockId);
     out->channel = le32_load(in + kOffChannel);
@@ -194,6 +194,11 @@ inline void inner_to_rec_info(const uint8_t *in, recordinfo *out) {
     out->total_bytes = le64_load(in + kOffTotalBytes);
     out->frame_count = le32_load(in + kOffFrameCount);
     out->alarm_count = static_cast<int32_t>(le32_load(in + kOffAlarmCount));
+}
+
+// Fills every field of the record from an 8336-byte current header.
+inline void inner_to_rec_info(const uint8_t *in, recordinfo *out) {
+    decode_head_fields(in, out);
     for (int i = 0; i < kMaxAlarms; ++i) {
         const uint8_t *a = in + kOffAlarms + i * kAlarmSize;
         out->alarms[i].alarm_a = le32_load(a);
@@ -284,17 +289,7 @@ inline void rec_info_v1_to_inner(const recordinfo_v1 *in, uint8_t *out) {
 // for channels 32 to 63 that is a word of the following alarm record. A value that would land
 // past the last alarm record is dropped; the result is false when that happened.
 inline bool inner_v1_to_rec_info(const uint8_t *in, recordinfo *out) {
-    out->disk_id = le32_load(in + kOffDiskId);
-    out->block_id = le32_load(in + kOffBlockId);
-    out->channel = le32_load(in + kOffChannel);
-    out->start_time = get_fs_tm(in + kOffStart);
-    out->end_time = get_fs_tm(in + kOffEnd);
-    out->mode = le32_load(in + kOffMode);
-    out->open_flags = le32_load(in + kOffOpenFlags);
-    out->entry_count = le32_load(in + kOffEntryCount);
-    out->total_bytes = le64_load(in + kOffTotalBytes);
-    out->frame_count = le32_load(in + kOffFrameCount);
-    out->alarm_count = static_cast<int32_t>(le32_load(in + kOffAlarmCount));
+    decode_head_fields(in, out);
     out->attr_a = le16_load(in + kV1OffAttrA);
     out->attr_b = le16_load(in + kV1OffAttrB);
     out->attr_c = le32_load(in + kV1OffAttrC);

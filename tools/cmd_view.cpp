@@ -110,34 +110,28 @@ ZoneState zone_state(const ZoneMaps &z, bool magic_known, uint32_t magic) {
     return blank ? ZoneState::Uninitialised : ZoneState::NoMagic;
 }
 
-const char *state_word(ZoneState s) {
-    switch (s) {
-        case ZoneState::InUse:
-            return "in-use";
-        case ZoneState::Empty:
-            return "empty";
-        case ZoneState::Uninitialised:
-            return "uninitialised";
-        case ZoneState::NoMagic:
-            return "no-magic";
-        default:
-            return "undetermined";
-    }
-}
+// How a state is named: a word for --json and a sentence for the text report.
+struct StateNames {
+    const char *word;
+    const char *text;
+};
 
-const char *state_text(ZoneState s) {
+StateNames state_names(ZoneState s) {
     switch (s) {
         case ZoneState::InUse:
-            return "in use";
+            return {"in-use", "in use"};
         case ZoneState::Empty:
-            return "empty (initialised, every block and cluster free)";
+            return {"empty", "empty (initialised, every block and cluster free)"};
         case ZoneState::Uninitialised:
-            return "never initialised (no valid magic file on the index partition, blank maps)";
+            return {"uninitialised",
+                    "never initialised (no valid magic file on the index partition, blank maps)"};
         case ZoneState::NoMagic:
-            return "no valid magic file on the index partition, but the maps hold entries";
+            return {"no-magic",
+                    "no valid magic file on the index partition, but the maps hold entries"};
         default:
-            return "blank maps: never initialised or initialised and empty (the index "
-                   "partition's magic file, not read, would tell)";
+            return {"undetermined",
+                    "blank maps: never initialised or initialised and empty (the index "
+                    "partition's magic file, not read, would tell)"};
     }
 }
 
@@ -147,7 +141,7 @@ void print_maps(const ZoneMaps &z, ZoneState state) {
         "data from cluster %u\n",
         human_size(z.partition_bytes).c_str(), z.cluster_count, z.block_count,
         z.block_count == 1 ? "" : "s", z.data_start);
-    printf("data zone state: %s\n", state_text(state));
+    printf("data zone state: %s\n", state_names(state).text);
     const uint32_t current = current_block(z);
     printf("\nblock map (C current, B busy/full, p partly used, . empty, E error):\n");
     for (uint32_t b = 1; b <= z.block_count; b++) {
@@ -192,7 +186,7 @@ std::string json_maps(const ZoneMaps &z, ZoneState state) {
              "{\"bytes\": %llu, \"clusters\": %u, \"blocks\": %u, \"data_start\": %u, "
              "\"state\": \"%s\", \"current_block\": %u, \"block_list\": [",
              static_cast<unsigned long long>(z.partition_bytes), z.cluster_count, z.block_count,
-             z.data_start, state_word(state), current);
+             z.data_start, state_names(state).word, current);
     std::string out = text;
     uint64_t busy = 0, free_count = 0, errors = 0;
     for (uint32_t b = 1; b <= z.block_count; b++) {
