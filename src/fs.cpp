@@ -995,7 +995,10 @@ constexpr int kBlockWaitTries = 20;           // waits for a current block at op
 constexpr long kBlockWaitNs = 100000000L;     // 100 ms between them
 constexpr uint32_t kCacheRefreshWrites = 16;  // writes between two cache-tag refreshes
 constexpr size_t kPageSize = 4096;
-constexpr size_t kTimeText = 32;  // asctime_r needs 26 bytes
+constexpr size_t kTimeText = 32;        // asctime_r needs 26 bytes
+constexpr uint32_t kMaxNameType = 99;   // index, link and cache names hold the type in 2 digits
+constexpr int64_t kMaxNameYear = 9999;  // and the year in 4
+constexpr int64_t kTmYearBase = 1900;
 
 // Writes "invalid param" with the error prefix whatever the log masks say.
 void report_invalid_param_always(int line) {
@@ -1060,6 +1063,22 @@ void clear_kf(fs_file_ctx &f) {
     f.kf_cur = 0;
     f.kf_count = 0;
     f.kf_pos = 0;
+}
+
+// True when the names of a new recording read back as that recording. A longer type or year
+// shifts every later field of the names, and recycling would then miss the recording.
+bool names_hold(const rec_param &p) {
+    if (p.type > kMaxNameType) {
+        FS_LOG_ERR("record type %u out of range 0-%u\n", p.type, kMaxNameType);
+        return false;
+    }
+    const int64_t year = static_cast<int64_t>(p.start.tm_year) + kTmYearBase;
+    if (year < 0 || year > kMaxNameYear) {
+        FS_LOG_ERR("record year %lld out of range 0-%lld\n", static_cast<long long>(year),
+                   static_cast<long long>(kMaxNameYear));
+        return false;
+    }
+    return true;
 }
 
 // Links and caches a recording just created in the slot.
@@ -1164,6 +1183,7 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
         FS_LOG_ERR("disk %d not open", disk_id);
         return -1;
     }
+    if ((flags & O_CREAT) != 0 && !names_hold(*param)) return -1;
     MutexGuard guard(g_fslock);
     int handle = -1;
     for (int i = 0; i < RECSTORE_STREAMS; i++) {

@@ -1,0 +1,138 @@
+// Write paths under conditions that must not cost a recording or hand out space that a
+// recording still references: names the name parsers cannot read back, end times before the
+// start, index headers cut by a power loss, a full index partition and a disk without a current
+// block. One formatted 200 GiB loop-backed disk brought up in the plug-in order.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "capture.h"
+#include "formatted_disks.h"
+#include "recording.h"
+#include "recstore.h"
+#include "rig.h"
+
+namespace {
+
+using recstore_test::LogMask;
+using recstore_test::StdoutCapture;
+
+using namespace recording_test;
+
+const bool g_disks_registered = (use_formatted_disks(1), true);
+
+class WriteHazards : public ::testing::Test {
+  protected:
+    // Starts the layer, brings disk 0 up fresh and, when asked, makes block 1 current.
+    void start(bool current_block = true) {
+        quiet_ = std::make_unique<LogMask>(0, 0);
+        ASSERT_EQ(fs_init(kCacheInodes, kCacheMib, 0), 0);
+        bring_up(0, true);
+        if (current_block) {
+            ASSERT_EQ(block_alloc(0), static_cast<int>(kBlock1));
+        }
+    }
+    void SetUp() override { ASSERT_TRUE(rig::active()); }
+    void TearDown() override {
+        LogMask quiet(0, 0);
+        for (int h = 0; h < RECSTORE_STREAMS; h++) {
+            if (g_file_ctx[h].idx >= 0) fs_close(h, nullptr);
+        }
+        if (!filler_.empty()) unlink(filler_.c_str());
+        take_down(0);
+        fs_exit();
+        quiet_.reset();
+    }
+
+    int create(int channel, const struct tm &start, int type) {
+        const rec_param p = param_of(channel, start, type);
+        return fs_open(0, &p, O_CREAT | O_RDWR, 0x15, 0, nullptr);
+    }
+
+    int open_reader(int channel, const struct tm &start, int type) {
+        const rec_param p = param_of(channel, start, type);
+        return fs_open(0, &p, 0, 0, 0, nullptr);
+    }
+
+    // Writes cluster n of stream s with its key frames; the fs_write result.
+    int write_cluster_n(int h, uint32_t s, uint32_t n, time_t base) {
+        fill_payload(buf_.data(), s, n);
+        kframe frames[RECSTORE_MAX_KFRAMES];
+        const uint32_t count = frames_of(n, base, frames);
+        return fs_write(h, buf_.data(), kCluster, frames, count);
+    }
+
+    recordinfo stat_of(int h) {
+        recordinfo info;
+        memset(&info, 0, sizeof info);
+        EXPECT_EQ(fs_stat(h, &info), 0);
+        return info;
+    }
+
+    // Takes every free block of the index partition of disk 0 with a filler file.
+    void fill_index_partition() {
+        filler_ = "/mnt/sda/filler";
+        const int fd = open(filler_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ASSERT_GE(fd, 0);
+        struct statfs64 sf;
+        ASSERT_EQ(statfs64("/mnt/sda", &sf), 0);
+        const off64_t margin = 64ll << 20;
+        const off64_t bulk = static_cast<off64_t>(sf.f_bfree) * sf.f_bsize - margin;
+        if (bulk > 0) {
+            ASSERT_EQ(posix_fallocate64(fd, 0, bulk), 0);
+        }
+        ASSERT_EQ(lseek64(fd, 0, SEEK_END) >= 0, true);
+        std::vector<char> chunk(4096, 'f');
+        for (;;) {
+            const ssize_t n = write(fd, chunk.data(), chunk.size());
+            if (n < static_cast<ssize_t>(chunk.size())) break;
+        }
+        fsync(fd);
+        close(fd);
+    }
+
+    Cluster buf_;
+    std::string filler_;
+    std::unique_ptr<LogMask> quiet_;
+};
+
+// ---- the tests -----------------------------------------------------------------------------
+
+// A type of three digits or a year of five would make names that read back as another
+// recording: the open is refused and nothing is left on the disk.
+TEST_F(WriteHazards, OpenRefusesTypesAndYearsThatNamesCannotHold) {
+    start();
+    const struct tm t = make_tm(2024, 7, 1, 10, 0, 0);
+    LogMask mask(kAllLevels);
+    {
+        StdoutCapture out;
+        EXPECT_EQ(create(4, t, 100), -1);
+        const std::string text = out.stop();
+        EXPECT_TRUE(contains(text, "record type 100 out of range 0-99")) << text;
+    }
+    EXPECT_FALSE(exists(index_name(0, 4, t, 100)));
+    EXPECT_FALSE(exists(link_name(0, kBlock1, 4, t, 100)));
+    const struct tm far = make_tm(10000, 1, 1, 0, 0, 0);
+    {
+        StdoutCapture out;
+        EXPECT_EQ(create(4, far, 1), -1);
+        const std::string text = out.stop();
+        EXPECT_TRUE(contains(text, "record year 10000 out of range 0-9999")) << text;
+    }
+    EXPECT_FALSE(exists(index_name(0, 4, far, 1)));
+    // The largest values the names hold still open.
+    const int h = create(4, make_tm(9999, 12, 31, 23, 59, 59), 99);
+    EXPECT_GE(h, 0);
+    if (h >= 0) fs_close(h, nullptr);
+    for (int s = 0; s < RECSTORE_STREAMS; s++) EXPECT_EQ(g_file_ctx[s].idx, -1) << s;
+}
+
+}  // namespace
