@@ -1116,6 +1116,17 @@ const void *aligned_source(const void *buffer) {
     return bounce.get();
 }
 
+// A tag cannot end before it starts: such an end time is taken as the start, so that the
+// recording keeps its tag (with a duration of 0) and searches still find it.
+void keep_tag_duration(recordinfo &info) {
+    const struct tm start = tm_from(info.start_time);
+    const struct tm end = tm_from(info.end_time);
+    if (tm_cmp(&start, &end) <= 0) return;
+    FS_LOG_WARN("end time before start, channel:%d type:%d kept with duration 0\n",
+                static_cast<int>(info.channel), static_cast<int>(info.type));
+    info.end_time = info.start_time;
+}
+
 // Every seventeenth write replaces the stream's cache tag with the current state.
 void refresh_cache_tag(fs_file_ctx &f) {
     if (f.cache_writes < kCacheRefreshWrites) {
@@ -1289,6 +1300,7 @@ void fs_close(int handle, const struct tm *end) {
     if (fs_use_cache() && is_writer(f.idx) && index_stat(f.idx, &info) == 0) {
         cache_forget(f.disk_id, info);
         if (end != nullptr) to_fs_tm(end, &info.end_time);
+        keep_tag_duration(info);
         cache_enter(f.disk_id, info);
     }
     index_close(f.idx, end);

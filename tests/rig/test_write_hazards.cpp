@@ -135,4 +135,29 @@ TEST_F(WriteHazards, OpenRefusesTypesAndYearsThatNamesCannotHold) {
     for (int s = 0; s < RECSTORE_STREAMS; s++) EXPECT_EQ(g_file_ctx[s].idx, -1) << s;
 }
 
+// A writer closed with an end time before its start keeps a cache tag (a duration of 0), so
+// that searches still find the recording; the index file's end time is written as given.
+TEST_F(WriteHazards, CloseWithEndBeforeStartKeepsTheRecordingFindable) {
+    start();
+    const struct tm t = make_tm(2024, 7, 2, 12, 30, 0);
+    const time_t base = secs(t);
+    const int h = create(6, t, 2);
+    ASSERT_GE(h, 0);
+    for (uint32_t n = 0; n < 20; n++) ASSERT_EQ(write_cluster_n(h, 3, n, base), int(kCluster));
+    const struct tm before = make_tm(2024, 7, 2, 12, 0, 0);
+    LogMask mask(kAllLevels);
+    StdoutCapture out;
+    fs_close(h, &before);
+    const std::string text = out.stop();
+    EXPECT_TRUE(contains(text, "end time before start")) << text;
+    const std::vector<uint64_t> tags = tags_in(cache_file(0, 6, t, 2));
+    ASSERT_EQ(tags.size(), 1u);
+    EXPECT_EQ(tags[0] & 0xFFFFF, 12u * 3600 + 30 * 60);
+    EXPECT_EQ((tags[0] >> 20) & 0xFFFF, 0u);
+    struct stat64 st;
+    ASSERT_EQ(stat64(index_name(0, 6, t, 2).c_str(), &st), 0);
+    struct tm e = before;
+    EXPECT_EQ(st.st_mtime, mktime(&e));
+}
+
 }  // namespace
