@@ -1050,10 +1050,12 @@ int index_check_magic(int disk_id);
 void index_erase_magic(int disk_id);
 /* Opens (flags with O_CREAT: creates) a recording's index file; flags 0 means O_RDWR. Creating
  * makes the missing directories and writes the header from the arguments (with ext, also the
- * extension area). Opening reads the header, refuses one cut short, and repairs one whose end
- * time lies before its start from the entries (written back only when no open handle, this one
- * with the flags its header records included, holds the recording with O_CREAT); the position is
- * then at the first entry. The handle 0-127, or -1 (bad id, null start, no free handle, open,
+ * extension area). Opening reads the header; one cut short keeps the fields it holds (the type
+ * from the name when cut off), gets zero counters and the start as end time, and is written back
+ * whole unless another handle holds the recording with O_CREAT (refused when it does not reach
+ * the start time). One whose end time lies before its start is repaired from the entries
+ * (written back only when no open handle, this one with the flags its header records included,
+ * holds the recording with O_CREAT); the position is then at the first entry. The handle 0-127, or -1 (bad id, null start, no free handle, open,
  * read or write failure). Not synced. No lock: callers serialise opens and closes with g_fslock. */
 int index_open(int disk_id, uint32_t block_id, const struct tm *start, int channel, int type,
                uint16_t attr_a, uint16_t attr_b, uint32_t attr_c, int flags, uint32_t mode,

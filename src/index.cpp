@@ -711,6 +711,40 @@ int repair_header(int handle, const index_open_args &a) {
     return handle;
 }
 
+// A header cut short, as a power loss during its first write leaves it: the file holds no entry
+// yet. The fields present are kept, the type comes from the name when it was cut off, the
+// counters are zero and the end time is the start; the whole header is written again unless a
+// writer holds the file. Without the start time the file cannot be told apart and is refused.
+int repair_short_header(int handle, const index_open_args &a, ssize_t n) {
+    handle_slot &s = g_idx_ctx[handle];
+    recordinfo *info = s.info;
+    const int64_t hdr = expected_header(a.disk_id, info);
+    if (n < kOffEnd) {
+        FS_LOG_ERR("short header:%d of %d bytes holds no start time\n", static_cast<int>(n),
+                   static_cast<int>(hdr));
+        do_index_release(handle);
+        return -1;
+    }
+    if (!disk_is_v1(a.disk_id) && n < kOffType + 4) info->type = static_cast<uint32_t>(a.type);
+    info->entry_count = 0;
+    info->total_bytes = 0;
+    info->frame_count = 0;
+    info->end_time = info->start_time;
+    info->open_flags = static_cast<uint32_t>(a.flags);  // the flags read are the cut writer's
+    if (!writer_holds(a)) {
+        if (lseek64(s.fd, 0, SEEK_SET) < 0 ||
+            write_recordinfo(a.disk_id, s.fd, info, nullptr, nullptr, &s) <= 0 ||
+            ftruncate64(s.fd, hdr) != 0) {
+            report_errno("write");
+            return repair_failed(handle, hdr, a);
+        }
+    }
+    if (lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
+    FS_LOG_WARN("short header:%d of %d bytes, repaired\n", static_cast<int>(n),
+                static_cast<int>(hdr));
+    return handle;
+}
+
 // Opening an existing file: reads its header and repairs it when it was never finalised.
 int load_header(int handle, const index_open_args &a) {
     handle_slot &s = g_idx_ctx[handle];
@@ -721,13 +755,7 @@ int load_header(int handle, const index_open_args &a) {
         do_index_release(handle);
         return -1;
     }
-    // A header cut short holds no trustworthy field: refuse the file rather than guess.
-    if (n < expected_header(a.disk_id, info)) {
-        FS_LOG_ERR("short header:%d of %d bytes", static_cast<int>(n),
-                   static_cast<int>(expected_header(a.disk_id, info)));
-        do_index_release(handle);
-        return -1;
-    }
+    if (n < expected_header(a.disk_id, info)) return repair_short_header(handle, a, n);
     const struct tm start = tm_of(info->start_time);
     const struct tm end = tm_of(info->end_time);
     if (tm_cmp(&start, &end) < 1) {

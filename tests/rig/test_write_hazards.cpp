@@ -160,4 +160,52 @@ TEST_F(WriteHazards, CloseWithEndBeforeStartKeepsTheRecordingFindable) {
     EXPECT_EQ(st.st_mtime, mktime(&e));
 }
 
+// An index header cut by a power loss is decoded as far as it goes and rewritten whole, so the
+// recording still opens; one too short to tell its start is refused with a message.
+TEST_F(WriteHazards, OpenRepairsAHeaderCutShort) {
+    start();
+    const struct tm t = make_tm(2024, 7, 3, 9, 15, 0);
+    const int h = create(8, t, 5);
+    ASSERT_GE(h, 0);
+    fs_close(h, nullptr);
+    const std::string name = index_name(0, 8, t, 5);
+    ASSERT_EQ(truncate(name.c_str(), 4000), 0);
+    {
+        LogMask mask(kAllLevels);
+        StdoutCapture out;
+        const int r = open_reader(8, t, 5);
+        const std::string text = out.stop();
+        ASSERT_GE(r, 0) << text;
+        EXPECT_TRUE(contains(text, "short header:4000 of 8336 bytes, repaired")) << text;
+        const recordinfo info = stat_of(r);
+        EXPECT_EQ(info.channel, 8u);
+        EXPECT_EQ(info.type, 5u);
+        EXPECT_EQ(info.mode, 0x15u);
+        EXPECT_EQ(info.block_id, kBlock1);
+        EXPECT_EQ(info.entry_count, 0u);
+        EXPECT_EQ(info.start_time.tm_min, 15);
+        EXPECT_EQ(info.end_time.tm_min, 15);
+        uint32_t cluster = 0, length = 0, count = 0;
+        kframe frames[RECSTORE_MAX_KFRAMES];
+        EXPECT_NE(index_read(g_file_ctx[r].idx, &cluster, &length, frames, &count, nullptr),
+                  index_size());
+        fs_close(r, nullptr);
+    }
+    struct stat64 st;
+    ASSERT_EQ(stat64(name.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 8336);
+    const int again = open_reader(8, t, 5);
+    EXPECT_GE(again, 0);
+    if (again >= 0) fs_close(again, nullptr);
+
+    // 30 bytes do not reach the start time.
+    ASSERT_EQ(truncate(name.c_str(), 30), 0);
+    LogMask mask(kAllLevels);
+    StdoutCapture out;
+    EXPECT_EQ(open_reader(8, t, 5), -1);
+    const std::string text = out.stop();
+    EXPECT_TRUE(contains(text, "short header:30 of 8336 bytes holds no start time")) << text;
+    for (int s = 0; s < RECSTORE_STREAMS; s++) EXPECT_EQ(g_file_ctx[s].idx, -1) << s;
+}
+
 }  // namespace
