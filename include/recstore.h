@@ -865,13 +865,15 @@ int datazone_read(int disk_id, int cluster_id, void *buf);
 int datazone_read_direct(int disk_id, int cluster_id, void *buf);
 /* Writes one whole cluster from buf through the payload descriptor (O_DIRECT with direct I/O:
  * buf page-aligned): the bytes written, or -1 for a bad id, a zone not open, a cluster outside
- * the data area or a write error. Not synced. Needs no disk mutex: takes the I/O lock shared. */
+ * the data area, a write error or a short write (reported). Not synced. Needs no disk mutex:
+ * takes the I/O lock shared. */
 int datazone_write(int disk_id, int cluster_id, const void *buf);
-/* fsyncs the zone's payload, read-only and map descriptors (fsync failures are not reported). 0,
- * or -1 for a bad id or a zone not open. Takes no lock. */
+/* fsyncs the zone's payload, read-only and map descriptors (all of them, even after a failure).
+ * 0, or -1 for a bad id, a zone not open or a failed fsync (reported with perror). Takes no
+ * lock. */
 int datazone_sync(int disk_id);
-/* fsyncs the map descriptor (block and cluster maps). 0, or -1 for a bad id or a zone not open.
- * Takes no lock; the fs_* callers hold the disk's mutex. */
+/* fsyncs the map descriptor (block and cluster maps). 0, or -1 for a bad id, a zone not open or
+ * a failed fsync (reported). Takes no lock; the fs_* callers hold the disk's mutex. */
 int datazone_sync_bm(int disk_id);
 /* Busy clusters of the zone as counted in memory, or -1 for a bad id or a zone not open. Caller
  * holds the disk's mutex for a consistent value; no I/O. */
@@ -1021,9 +1023,10 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
                   uint32_t *frame_count, uint32_t *next_cluster_id, int advance);
 /* Writes one entry (cluster, payload length, count and the whole 24-descriptor table) at the
  * position, moving past it with advance, and adds it to the record in memory (entries, bytes,
- * frames; end time from the last frame when that is 0-180 s after the old one). 204, a short
- * count, or -1 (bad handle, null frames, handle not open, count above 24, write error). Not
- * synced; the header on disk is not rewritten. */
+ * frames; end time from the last frame when that is 0-180 s after the old one). 204, or -1 (bad
+ * handle, null frames, handle not open, count above 24, write error, short write: the file is
+ * then cut back to the entry's start when the write ended it). Not synced; the header on disk is
+ * not rewritten. */
 int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
                    uint32_t frame_count, int advance);
 
@@ -1089,8 +1092,9 @@ int index_get(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames
  * walk backwards. 204, a short count, or -1 (also at the first entry, position unchanged). */
 int index_read_r(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
                  uint32_t *frame_count);
-/* Writes an entry at the position and moves past it (do_index_write): 204, a short count or -1.
- * Not synced. */
+/* Writes an entry at the position and moves past it (do_index_write): 204 or -1. A short write
+ * (a full partition) is reported and gives -1; the file is cut back to the entry's start when the
+ * write ended it, and the position stays there, so later entries stay aligned. Not synced. */
 int index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
                 uint32_t frame_count);
 /* Steps back one entry and overwrites it, leaving the position at its start; the record's counts
@@ -1108,7 +1112,7 @@ int index_stat(int handle, recordinfo *out);
  * -1 for a bad or free handle. Not synced. */
 int index_write_info(int handle);
 /* Rewrites the header (index_write_info) and fsyncs the index file: 0, or -1 (reported with
- * perror) when the rewrite failed. */
+ * perror) when the rewrite or the fsync failed. */
 int index_flush_info(int handle);
 /* Sets the record's mode and flushes the header (rewritten and fsynced). 0, or -1 for a bad or
  * free handle or a failed rewrite. */
@@ -1306,7 +1310,8 @@ void fs_close(int handle, const struct tm *end);
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no
  * cluster can be allocated; -1 in read-only mode, for a bad or closed stream, null buffer or
  * frames, count above 24 or length above 524288; else the negative result of the failed payload
- * or entry write (the allocated cluster then stays busy; a short write goes unnoticed). Takes
+ * or entry write, a short write of either counting as failed (the allocated cluster then stays
+ * busy; a short entry is cut off the index file so later entries stay aligned). Takes
  * the disk's mutex only to allocate; payload and entry are written unlocked (one thread per
  * stream), not synced. Every 17th write replaces the cache tag (g_cachelock). */
 int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames, uint32_t count);

@@ -357,6 +357,18 @@ void advance_end_time(recordinfo *info, const kframe *frames, uint32_t count) {
                  xx_text(info->end_time, a), xx_text(latest, b));
 }
 
+// A short entry write (a full partition) would misalign every later entry: when it ended the
+// file, the file is cut back to the entry's start and the position stays there.
+void drop_partial_entry(int fd, int64_t at, ssize_t n) {
+    FS_LOG_ERR("short entry write:%d of %d bytes at %lld\n", static_cast<int>(n), kIndexEntrySize,
+               static_cast<long long>(at));
+    struct stat64 st;
+    if (fstat64(fd, &st) == 0 && static_cast<int64_t>(st.st_size) == at + n &&
+        ftruncate64(fd, at) != 0)
+        report_errno("ftruncate");
+    if (lseek64(fd, at, SEEK_SET) < 0) report_errno("leek64");
+}
+
 }  // namespace
 
 int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
@@ -381,10 +393,15 @@ int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kfram
     entry_head_to_inner(cluster_id, length, frame_count, head);
     frames_to_inner(frames, table);
     struct iovec iov[2] = {{head, sizeof head}, {table, sizeof table}};
+    const int64_t at = cur_pos(s->fd);
     ssize_t n;
     do {
-        n = advance ? writev(s->fd, iov, 2) : pwritev64(s->fd, iov, 2, cur_pos(s->fd));
+        n = advance ? writev(s->fd, iov, 2) : pwritev64(s->fd, iov, 2, at);
     } while (n < 0 && errno == EINTR);
+    if (n >= 0 && n != kIndexEntrySize) {
+        drop_partial_entry(s->fd, at, n);
+        return -1;
+    }
     if (n != kIndexEntrySize) {
         perror("writev");
         return static_cast<int>(n);
@@ -944,8 +961,9 @@ int index_write_info(int handle) {
 
 int index_flush_info(int handle) {
     if (index_write_info(handle) > 0) {
-        fsync(g_idx_ctx[handle].fd);
-        return 0;
+        if (fsync(g_idx_ctx[handle].fd) == 0) return 0;
+        report_errno("fsync");
+        return -1;
     }
     perror("flush_info");
     return -1;

@@ -2,11 +2,14 @@
 // recording still references: names the name parsers cannot read back, end times before the
 // start, index headers cut by a power loss, a full index partition and a disk without a current
 // block. One formatted 200 GiB loop-backed disk brought up in the plug-in order.
+#include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -28,6 +31,34 @@ using recstore_test::StdoutCapture;
 using namespace recording_test;
 
 const bool g_disks_registered = (use_formatted_disks(1), true);
+
+// ---- injected I/O failures -----------------------------------------------------------------
+
+// While set, the next payload write of a whole cluster stores half of it, and every fsync
+// fails with EIO. The library's calls come through the functions below.
+std::atomic<bool> g_short_payload{false};
+std::atomic<bool> g_failing_fsync{false};
+
+}  // namespace
+
+extern "C" ssize_t pwrite64(int fd, const void *buf, size_t n, off64_t pos) {
+    using Fn = ssize_t (*)(int, const void *, size_t, off64_t);
+    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "pwrite64"));
+    if (n == kCluster && g_short_payload.exchange(false)) return real(fd, buf, n / 2, pos);
+    return real(fd, buf, n, pos);
+}
+
+extern "C" int fsync(int fd) {
+    using Fn = int (*)(int);
+    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "fsync"));
+    if (g_failing_fsync) {
+        errno = EIO;
+        return -1;
+    }
+    return real(fd);
+}
+
+namespace {
 
 class WriteHazards : public ::testing::Test {
   protected:
@@ -206,6 +237,61 @@ TEST_F(WriteHazards, OpenRepairsAHeaderCutShort) {
     const std::string text = out.stop();
     EXPECT_TRUE(contains(text, "short header:30 of 8336 bytes holds no start time")) << text;
     for (int s = 0; s < RECSTORE_STREAMS; s++) EXPECT_EQ(g_file_ctx[s].idx, -1) << s;
+}
+
+// On a full index partition a write whose entry does not fit fails, and the file is cut back to
+// its last whole entry so that later entries stay aligned.
+TEST_F(WriteHazards, AFullIndexPartitionFailsTheWriteAndKeepsEntriesWhole) {
+    start();
+    const struct tm t = make_tm(2024, 7, 4, 18, 0, 0);
+    const time_t base = secs(t);
+    const int h = create(9, t, 0);
+    ASSERT_GE(h, 0);
+    fill_index_partition();
+    uint32_t written = 0;
+    int failures = 0;
+    for (uint32_t n = 0; n < 40; n++) {
+        const int r = write_cluster_n(h, 4, n, base);
+        if (r == static_cast<int>(kCluster)) {
+            written++;
+        } else {
+            EXPECT_LT(r, 0) << n;
+            failures++;
+        }
+    }
+    EXPECT_GT(failures, 0);
+    EXPECT_EQ(stat_of(h).entry_count, written);
+    const std::string name = index_name(0, 9, t, 0);
+    struct stat64 st;
+    ASSERT_EQ(stat64(name.c_str(), &st), 0);
+    EXPECT_EQ((st.st_size - 8336) % 204, 0) << st.st_size;
+    EXPECT_EQ((st.st_size - 8336) / 204, written) << st.st_size;
+    fs_close(h, nullptr);
+    const std::vector<Entry> entries = entries_of(0, 9, t, 0);
+    ASSERT_EQ(entries.size(), written);
+    for (uint32_t n = 0; n < written; n++) EXPECT_EQ(entries[n].length, kCluster) << n;
+}
+
+// A payload write that stores less than the cluster fails the write and adds no entry; a failed
+// fsync fails fs_sync.
+TEST_F(WriteHazards, AShortPayloadWriteAndAFailedSyncAreReported) {
+    start();
+    const struct tm t = make_tm(2024, 7, 5, 6, 0, 0);
+    const time_t base = secs(t);
+    const int h = create(10, t, 0);
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(write_cluster_n(h, 5, 0, base), static_cast<int>(kCluster));
+    g_short_payload = true;
+    const int r = write_cluster_n(h, 5, 1, base);
+    g_short_payload = false;
+    EXPECT_LT(r, 0);
+    EXPECT_EQ(stat_of(h).entry_count, 1u);
+    EXPECT_EQ(fs_sync(h), 0);
+    g_failing_fsync = true;
+    const int synced = fs_sync(h);
+    g_failing_fsync = false;
+    EXPECT_EQ(synced, -1);
+    fs_close(h, nullptr);
 }
 
 }  // namespace
