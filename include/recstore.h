@@ -1296,8 +1296,9 @@ extern pthread_mutex_t g_fslock; /* guards g_file_ctx */
 /* Opens a recording: with O_CREAT in flags it is created in the disk's current block (index file
  * header written, not synced; link; cache tag), otherwise it is opened for reading. The stream
  * handle, or -1 for a bad id, null param, a channel above 63, a disk not open, no free stream or
- * index_open's failure. Takes g_fslock (must not be held); creating waits up to 2 s for a
- * current block under the disk's mutex (without one the recording gets block 0xFFFFFFFF). Link
+ * index_open's failure; creating also gives -1 (reported) for a type above 99 or a year outside
+ * 0-9999, which the names cannot hold. Takes g_fslock (must not be held); creating waits up to
+ * 2 s for a current block under the disk's mutex and is refused (reported) without one. Link
  * and cache failures are only reported. */
 int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint32_t attr_d,
             const ext_desc *ext);

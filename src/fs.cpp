@@ -1212,6 +1212,11 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
     uint32_t block = kNoBlock;
     if (creating) {
         block = fs_getblockid(disk_id);
+        // A recording outside every block would never be recycled, nor its link directory.
+        if (block == kNoBlock) {
+            FS_LOG_ERR("no current block on disk %d, recording refused\n", disk_id);
+            return -1;
+        }
         FS_LOG_INFO("create a record diskid: %d, blockid:%d \n", disk_id, static_cast<int>(block));
     }
     const struct tm start = tm_from(param->start);

@@ -294,4 +294,20 @@ TEST_F(WriteHazards, AShortPayloadWriteAndAFailedSyncAreReported) {
     fs_close(h, nullptr);
 }
 
+// Without a current block a recording would be created in block 0xFFFFFFFF, with a link
+// directory that no recycling clears: the open is refused after the wait and leaves nothing.
+TEST_F(WriteHazards, OpenWithoutACurrentBlockIsRefused) {
+    start(false);
+    const struct tm t = make_tm(2024, 7, 6, 7, 8, 9);
+    LogMask mask(kAllLevels);
+    StdoutCapture out;
+    EXPECT_EQ(create(11, t, 0), -1);
+    const std::string text = out.stop();
+    EXPECT_TRUE(contains(text, "waiting for current block reach the max count")) << text;
+    EXPECT_TRUE(contains(text, "no current block on disk 0, recording refused")) << text;
+    EXPECT_FALSE(exists(index_name(0, 11, t, 0)));
+    EXPECT_FALSE(exists("/mnt/sda/link/-0000001"));
+    for (int s = 0; s < RECSTORE_STREAMS; s++) EXPECT_EQ(g_file_ctx[s].idx, -1) << s;
+}
+
 }  // namespace
