@@ -603,8 +603,17 @@ int create_header(int handle, const index_open_args &a, const char *name) {
     info->attr_b = a.attr_b;
     info->attr_c = a.attr_c;
     info->attr_d = a.attr_d;
-    if (write_recordinfo(a.disk_id, s.fd, info, a.ext, copy_ext_callback, &s) <= 0) {
+    const ssize_t n = write_recordinfo(a.disk_id, s.fd, info, a.ext, copy_ext_callback, &s);
+    if (n <= 0) {
         report_errno("write");
+        do_index_release(handle);
+        return -1;
+    }
+    // Entries written after a cut header would be read as part of it: refuse the recording.
+    if (n != sizeof_recordinfo(info)) {
+        FS_LOG_ERR("short header write:%d of %d bytes\n", static_cast<int>(n),
+                   sizeof_recordinfo(info));
+        if (!a.existed && unlink(name) != 0) report_errno("unlink");
         do_index_release(handle);
         return -1;
     }

@@ -38,6 +38,8 @@ const bool g_disks_registered = (use_formatted_disks(1), true);
 // fails with EIO. The library's calls come through the functions below.
 std::atomic<bool> g_short_payload{false};
 std::atomic<bool> g_failing_fsync{false};
+// While set, the next write of a whole 8336-byte index header stores 4000 bytes of it.
+std::atomic<bool> g_short_header{false};
 
 }  // namespace
 
@@ -46,6 +48,13 @@ extern "C" ssize_t pwrite64(int fd, const void *buf, size_t n, off64_t pos) {
     static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "pwrite64"));
     if (n == kCluster && g_short_payload.exchange(false)) return real(fd, buf, n / 2, pos);
     return real(fd, buf, n, pos);
+}
+
+extern "C" ssize_t write(int fd, const void *buf, size_t n) {
+    using Fn = ssize_t (*)(int, const void *, size_t);
+    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write"));
+    if (n == 8336 && g_short_header.exchange(false)) return real(fd, buf, 4000);
+    return real(fd, buf, n);
 }
 
 extern "C" int fsync(int fd) {
@@ -307,6 +316,24 @@ TEST_F(WriteHazards, OpenWithoutACurrentBlockIsRefused) {
     EXPECT_TRUE(contains(text, "no current block on disk 0, recording refused")) << text;
     EXPECT_FALSE(exists(index_name(0, 11, t, 0)));
     EXPECT_FALSE(exists("/mnt/sda/link/-0000001"));
+    for (int s = 0; s < RECSTORE_STREAMS; s++) EXPECT_EQ(g_file_ctx[s].idx, -1) << s;
+}
+
+// A new recording whose header write stores only part of the header is refused and leaves no
+// index file: entries written after a cut header would be read as part of it.
+TEST_F(WriteHazards, ACreateWhoseHeaderWriteIsCutIsRefused) {
+    start();
+    const struct tm t = make_tm(2024, 7, 7, 3, 4, 5);
+    LogMask mask(kAllLevels);
+    StdoutCapture out;
+    g_short_header = true;
+    const int h = create(12, t, 0);
+    g_short_header = false;
+    const std::string text = out.stop();
+    EXPECT_EQ(h, -1);
+    EXPECT_TRUE(contains(text, "short header write:4000 of 8336 bytes")) << text;
+    EXPECT_FALSE(exists(index_name(0, 12, t, 0)));
+    EXPECT_FALSE(exists(link_name(0, kBlock1, 12, t, 0)));
     for (int s = 0; s < RECSTORE_STREAMS; s++) EXPECT_EQ(g_file_ctx[s].idx, -1) << s;
 }
 
