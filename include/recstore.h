@@ -1058,8 +1058,10 @@ void index_erase_magic(int disk_id);
  * whole unless another handle holds the recording with O_CREAT (refused when it does not reach
  * the start time). One whose end time lies before its start is repaired from the entries
  * (written back only when no open handle, this one with the flags its header records included,
- * holds the recording with O_CREAT); the position is then at the first entry. The handle 0-127, or -1 (bad id, null start, no free handle, open,
- * read or write failure). Not synced. No lock: callers serialise opens and closes with g_fslock. */
+ * holds the recording with O_CREAT); the position is then at the first entry. The handle 0-127, or
+ * -1 (bad id, null start, no free handle, open, read or write failure, a new header written only
+ * in part: a file made by this open is then removed). Not synced. No lock: callers serialise
+ * opens and closes with g_fslock. */
 int index_open(int disk_id, uint32_t block_id, const struct tm *start, int channel, int type,
                uint16_t attr_a, uint16_t attr_b, uint32_t attr_c, int flags, uint32_t mode,
                uint32_t attr_d, const ext_desc *ext);
@@ -1305,8 +1307,8 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
 /* Frees the handle and its preload buffer. For a writer it finalises the header (end time: the
  * given one, or the last frame's when null; rewritten, not synced; file times set) and replaces
  * the cache tag with the final one (an end time before the start gives a tag of duration 0, with
- * a warning, so that the recording stays findable). Nothing for a bad handle, and nothing (the slot stays taken)
- * when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */
+ * a warning, so that the recording stays findable). Nothing for a bad handle, and nothing (the slot
+ * stays taken) when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */
 void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no
