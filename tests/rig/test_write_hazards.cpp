@@ -1,6 +1,7 @@
 // Write paths under conditions that must not cost a recording or hand out space that a
 // recording still references: names the name parsers cannot read back, end times before the
-// start, index headers cut by a power loss, a full index partition and a disk without a current
+// start, index headers cut by a power loss, a full index partition, short payload and header
+// writes and failed fsyncs (injected by the functions below), and a disk without a current
 // block. One formatted 200 GiB loop-backed disk brought up in the plug-in order.
 #include <dlfcn.h>
 #include <errno.h>
