@@ -35,7 +35,7 @@
 namespace {
 
 constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
-constexpr uint32_t kCluster = 524288;
+constexpr uint32_t kCluster = RECSTORE_CLUSTER_SIZE;
 constexpr int kDefaultRecordings = 100000;
 // RECSTORE_BENCH_RECORDINGS makes a smaller catalogue, for a quick trial of the program.
 int g_recordings = kDefaultRecordings;

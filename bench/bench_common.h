@@ -24,7 +24,7 @@
 namespace bench {
 
 constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
-constexpr uint32_t kCluster = 524288;
+constexpr uint32_t kCluster = RECSTORE_CLUSTER_SIZE;
 constexpr uint32_t kFirstDataCluster = 257;  // first data cluster of a 200 GiB disk
 
 inline double now_sec() {

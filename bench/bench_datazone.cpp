@@ -15,13 +15,14 @@
 #include <string>
 #include <vector>
 
+#include "bitmap.h"
 #include "recstore.h"
 #include "rig.h"
 
 namespace {
 
 constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
-constexpr uint32_t kCluster = 524288;
+constexpr uint32_t kCluster = RECSTORE_CLUSTER_SIZE;
 constexpr int kRuns = 7;
 constexpr int kAllocsPerRun = 16000;  // 7 runs stay inside one 131072-cluster block
 constexpr int kLoadsPerRun = 20;
@@ -74,7 +75,7 @@ void finish(Target &t) {
 
 int run() {
     loglevel = 0;  // no per-call messages in the timings
-    g_magic[0] = 0x702a2013u;
+    g_magic[0] = RECSTORE_MAGIC_V7;
     Target t;
     if (!prepare(t)) {
         std::fprintf(stderr, "cannot prepare the data partition\n");
@@ -104,7 +105,8 @@ int run() {
 
         t0 = now_sec();
         for (int i = 0; i < kAllocsPerRun; ++i) {
-            const off64_t pos = static_cast<off64_t>(spare_map) * kCluster + (i % 131072) * 4;
+            const off64_t pos = static_cast<off64_t>(spare_map) * kCluster +
+                                (i % RECSTORE_CLUSTERS_PER_BLOCK) * recstore::kEntryBytes;
             if (pwrite64(fd, zero, sizeof(zero), pos) != 4) return 1;
         }
         pwrite_rate.push_back(kAllocsPerRun / (now_sec() - t0));

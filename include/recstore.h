@@ -46,6 +46,12 @@
 #ifndef RECSTORE_H
 #define RECSTORE_H
 
+/* Version of this header and of the library built with it (see also recstore_version()). */
+#define RECSTORE_VERSION_MAJOR 0
+#define RECSTORE_VERSION_MINOR 1
+#define RECSTORE_VERSION_PATCH 0
+#define RECSTORE_VERSION_STRING "0.1.0"
+
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -54,9 +60,26 @@
 #include <sys/types.h>
 #include <time.h>
 
+/* Host-visible records and prototypes (struct statfs in fs_disk_info, struct stat in the walk
+ * actions, time_t in the time callbacks) have the layout of the 32-bit off_t and time_t that the
+ * library is built with on 32-bit targets. A host built with 64-bit off_t or time_t there would
+ * disagree with the library on these layouts, so it is refused at compile time. */
+#if ((defined(__SIZEOF_POINTER__) && __SIZEOF_POINTER__ == 4) || defined(__ILP32__) || \
+     defined(__arm__)) &&                                                                   \
+    !defined(__x86_64__)
+#if (defined(_FILE_OFFSET_BITS) && _FILE_OFFSET_BITS == 64) || defined(__USE_FILE_OFFSET64)
+#error "recstore.h: _FILE_OFFSET_BITS=64 changes off_t, struct stat and struct statfs on this 32-bit target, but librecstore.so uses the 32-bit layouts; build the host without _FILE_OFFSET_BITS=64 (use the explicit *64 interfaces, e.g. open with O_LARGEFILE and pread64, for large files)"
+#elif (defined(_TIME_BITS) && _TIME_BITS == 64) || defined(__USE_TIME_BITS64)
+#error "recstore.h: _TIME_BITS=64 changes time_t on this 32-bit target, but librecstore.so uses the 32-bit time_t; build the host without _TIME_BITS=64 and _FILE_OFFSET_BITS=64"
+#endif
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* The library's version, "0.1.0" (RECSTORE_VERSION_STRING of the build). */
+const char *recstore_version(void);
 
 /* ============================================================================================
  * Limits shared by every module.
@@ -215,6 +238,15 @@ char *find_debug_info_tostring(const find_debug_info *info, char *dst, size_t n)
 /* Appends "kind:[count total average max min] " for every kind of step that counted something to
  * the string dst already holds (n bytes in all; start from ""). Returns dst. */
 char *find_debug_tostring(const find_debug *stats, char *dst, size_t n);
+/* Level handed to a log handler for the messages printed without prefix and gate. */
+#define RECSTORE_LOG_PLAIN 0x0u
+/* Receives each library message instead of standard output: level (RECSTORE_LOG_ERROR, _WARNING,
+ * _INFO or _PLAIN), module (source file's base name; "recstore" for plain messages, "event" for
+ * event-log lines), text (as printed, newline included, without the colour prefix). Called from
+ * any library thread, the daemon included, possibly concurrently; must not call the library. */
+typedef void (*recstore_log_fn)(void *user, uint32_t level, const char *module, const char *text);
+/* Sends every later message to fn(user, ...); NULL restores standard output. Thread-safe. */
+void recstore_set_log_handler(recstore_log_fn fn, void *user);
 
 /* ============================================================================================
  * Path and name scheme. Builders write at most n bytes (snprintf semantics) and return dst.
@@ -750,6 +782,10 @@ void do_block_chk(dz_block *block, int fix);
  * clusters x 524288 (both also stored in the zone). 0, or -1 for a bad id, a zone not open or
  * null out. Caller holds the disk's mutex. */
 int datazone_getinfo(int disk_id, datazone_info *out);
+/* Geometry of a data partition of data_bytes on a disk whose magic file holds magic (one of the
+ * RECSTORE_MAGIC_ values): fills *out as datazone_getinfo would (name empty, freesize 0) and
+ * returns 0; -1 for an unknown magic, a null out or a partition too small for a data zone. */
+int datazone_geometry_for(uint32_t magic, uint64_t data_bytes, datazone_info *out);
 /* Writes one line on the zone's current block, earliest block and counts to fd: dprintf's
  * result, or -1 for a negative fd or a bad id. Caller holds the disk's mutex (the maps are read;
  * the earliest-block search writes the event log). */

@@ -51,18 +51,6 @@ constexpr uint32_t make_err_entry(uint32_t value) {
     return value | kEntryErrBits;
 }
 
-// Little-endian conversion of on-disk entries, independent of the host's byte order.
-inline uint32_t le32_load(const unsigned char *p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
-inline void le32_store(unsigned char *p, uint32_t v) {
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-    p[2] = static_cast<unsigned char>(v >> 16);
-    p[3] = static_cast<unsigned char>(v >> 24);
-}
-
 // Takes entry id's node off whatever list holds it without touching any count; false when the
 // node is on no list. Used where an entry changes state without the list bookkeeping (a single
 // cluster freed in the current block), so that the lists stay well formed.

@@ -38,6 +38,8 @@
 #include "fs_tools.h"
 
 using recstore::FdGuard;
+using recstore::io_calls;
+using recstore::io_dprintf;
 using recstore::kCacheTagSize;
 using recstore::MutexGuard;
 using recstore::valid_disk_id;
@@ -76,7 +78,7 @@ bool cache_rdonly() {
 
 bool path_exists(const char *path) {
     struct stat64 st;
-    return stat64(path, &st) == 0;
+    return io_calls().stat64(path, &st) == 0;
 }
 
 // Copies "prefix + suffix" into dst; false (reported) when it does not fit.
@@ -153,11 +155,11 @@ void make_dir(const char *dir) {
 // the tags appended later stay on 8-byte boundaries.
 void append_tag(int fd, uint64_t tag) {
     struct stat64 st;
-    off64_t before = fstat64(fd, &st) == 0 ? st.st_size : -1;
+    off64_t before = io_calls().fstat64(fd, &st) == 0 ? st.st_size : -1;
     int n = do_cache_write_tag(fd, static_cast<uint32_t>(tag), static_cast<uint32_t>(tag >> 32));
     if (n == static_cast<int>(kCacheTagSize)) return;
     perror("write");
-    if (n > 0 && before >= 0 && ftruncate64(fd, before) < 0) perror("ftruncate");
+    if (n > 0 && before >= 0 && io_calls().ftruncate64(fd, before) < 0) perror("ftruncate");
 }
 
 // Disks the probe finds; 1 when it finds none or more than a recorder has.
@@ -363,7 +365,7 @@ bool copy_kept_tags(int in, int out, cache_tag_pred pred, const struct tm *t) {
         perror("read cache tag");
         return false;
     }
-    if (ftruncate64(out, written) < 0) {
+    if (io_calls().ftruncate64(out, written) < 0) {
         perror("ftruncate");
         return false;
     }
@@ -372,14 +374,14 @@ bool copy_kept_tags(int in, int out, cache_tag_pred pred, const struct tm *t) {
 
 // Puts the finished copy in place of the cache file; an empty result is removed.
 int replace_with_copy(const char *cachefile, const char *tmpfile) {
-    if (remove(cachefile) < 0) perror("remove");
-    if (rename(tmpfile, cachefile) < 0) perror("rename");
+    if (io_calls().remove(cachefile) < 0) perror("remove");
+    if (io_calls().rename(tmpfile, cachefile) < 0) perror("rename");
     struct stat64 st;
-    if (stat64(cachefile, &st) < 0) {
+    if (io_calls().stat64(cachefile, &st) < 0) {
         perror("stat");
         return -1;
     }
-    if (st.st_size == 0) remove(cachefile);
+    if (st.st_size == 0) io_calls().remove(cachefile);
     return 0;
 }
 
@@ -388,20 +390,13 @@ int replace_with_copy(const char *cachefile, const char *tmpfile) {
 namespace recstore {
 
 void cache_tag_to_bytes(uint32_t lo, uint32_t hi, unsigned char (&out)[kCacheTagSize]) {
-    for (size_t i = 0; i < 4; i++) {
-        out[i] = static_cast<unsigned char>(lo >> (8 * i));
-        out[4 + i] = static_cast<unsigned char>(hi >> (8 * i));
-    }
+    le32_store(out, lo);
+    le32_store(out + 4, hi);
 }
 
 void cache_tag_from_bytes(const unsigned char (&in)[kCacheTagSize], uint32_t *lo, uint32_t *hi) {
-    uint32_t l = 0, h = 0;
-    for (size_t i = 0; i < 4; i++) {
-        l |= static_cast<uint32_t>(in[i]) << (8 * i);
-        h |= static_cast<uint32_t>(in[4 + i]) << (8 * i);
-    }
-    *lo = l;
-    *hi = h;
+    *lo = le32_load(in);
+    *hi = le32_load(in + 4);
 }
 
 }  // namespace recstore
@@ -415,7 +410,7 @@ int do_cache_read_tag(int fd, uint32_t *lo, uint32_t *hi) {
     unsigned char bytes[kCacheTagSize];
     size_t got = 0;
     while (got < sizeof bytes) {
-        ssize_t n = read(fd, bytes + got, sizeof bytes - got);
+        ssize_t n = io_calls().read(fd, bytes + got, sizeof bytes - got);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return -1;
         if (n == 0) return 0;  // end of file, or a partial tail that is dropped
@@ -430,7 +425,7 @@ int do_cache_write_tag(int fd, uint32_t lo, uint32_t hi) {
     recstore::cache_tag_to_bytes(lo, hi, bytes);
     ssize_t n;
     do {
-        n = write(fd, bytes, sizeof bytes);
+        n = io_calls().write(fd, bytes, sizeof bytes);
     } while (n < 0 && errno == EINTR);
     return static_cast<int>(n);
 }
@@ -445,9 +440,10 @@ int do_cache_rewrite(const char *cachefile, const char *tmpfile, cache_tag_pred 
         FS_LOG_INFO("cache file :%s not exist\n", cachefile);
         return -1;
     }
-    FdGuard in(open(cachefile, O_RDONLY | O_LARGEFILE));
-    FdGuard out(in.get() < 0 ? -1
-                             : open(tmpfile, O_WRONLY | O_CREAT | O_LARGEFILE, kCacheFileMode));
+    FdGuard in(io_calls().open(cachefile, O_RDONLY | O_LARGEFILE, 0));
+    FdGuard out(in.get() < 0
+                    ? -1
+                    : io_calls().open(tmpfile, O_WRONLY | O_CREAT | O_LARGEFILE, kCacheFileMode));
     if (in.get() < 0 || out.get() < 0) {
         FS_LOG_ERR("cache file :%s open err\n", cachefile);
         return -1;
@@ -455,7 +451,7 @@ int do_cache_rewrite(const char *cachefile, const char *tmpfile, cache_tag_pred 
     // On any failure the half-written "cachetmp" is dropped and the cache file stays as it was.
     if (!copy_kept_tags(in.get(), out.get(), pred, t)) {
         out.reset();
-        remove(tmpfile);
+        io_calls().remove(tmpfile);
         return -1;
     }
     in.reset();
@@ -619,7 +615,8 @@ int cache_create(int disk_id, int channel, const struct tm *start, const struct 
     // cannot remove it between its creation and the append.
     MutexGuard guard(g_cachelock);
     make_dir(paths.dir);
-    FdGuard fd(open(paths.file, O_WRONLY | O_CREAT | O_APPEND | O_LARGEFILE, kCacheFileMode));
+    FdGuard fd(
+        io_calls().open(paths.file, O_WRONLY | O_CREAT | O_APPEND | O_LARGEFILE, kCacheFileMode));
     if (fd.get() < 0) {
         FS_LOG_ERR("open file :%s err\n", paths.file);
         return -1;
@@ -629,7 +626,7 @@ int cache_create(int disk_id, int channel, const struct tm *start, const struct 
 }
 
 int cache_set_loaded(unsigned disk_id, int value) {
-    if (disk_id >= RECSTORE_MAX_DISKS) {
+    if (!valid_disk_id(disk_id)) {
         FS_LOG_ERR("invalid disk id:%u\n", disk_id);
         return -1;
     }
@@ -638,14 +635,14 @@ int cache_set_loaded(unsigned disk_id, int value) {
 }
 
 int cache_is_loaded(unsigned disk_id) {
-    if (disk_id >= RECSTORE_MAX_DISKS) return 0;
+    if (!valid_disk_id(disk_id)) return 0;
     return __atomic_load_n(&g_cache_loaded[disk_id], __ATOMIC_ACQUIRE);
 }
 
 int cache_isfull(void) {
     if (!find_mount_point(recstore::kCacheRoot, nullptr)) return 0;
     struct statfs64 sf;
-    if (statfs64(recstore::kCacheRoot, &sf) != 0) return 0;
+    if (io_calls().statfs64(recstore::kCacheRoot, &sf) != 0) return 0;
     // A tmpfs without a block or inode limit reports 0 total and 0 free of it: never full.
     bool blocks_full = sf.f_blocks != 0 && sf.f_bfree <= 1;
     bool inodes_full = sf.f_files != 0 && sf.f_ffree <= 1;
@@ -661,8 +658,8 @@ int cache_is_readonly(void) {
 
 void cache_dump(int fd, int disk_id) {
     if (fd < 0 || disk_id < 0) return;
-    dprintf(fd, "cache full?:%d rdonly?:%d loaded?:%d", cache_isfull(), cache_is_readonly(),
-            cache_is_loaded(static_cast<unsigned>(disk_id)));
+    io_dprintf(fd, "cache full?:%d rdonly?:%d loaded?:%d", cache_isfull(), cache_is_readonly(),
+               cache_is_loaded(static_cast<unsigned>(disk_id)));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -738,7 +735,7 @@ bool cache_channel_ok(uint64_t chanbits, int channel) {
 // g_cachelock so that it never sees a file half rewritten; the callback runs under it.
 int do_cache_find_scan(const char *path, fs_find_req *req) {
     MutexGuard guard(g_cachelock);
-    FdGuard fd(open(path, O_RDONLY | O_LARGEFILE));
+    FdGuard fd(io_calls().open(path, O_RDONLY | O_LARGEFILE, 0));
     if (fd.get() < 0) {
         FS_LOG_ERR("open %s err\n", path);
         return kWalkSkip;

@@ -168,7 +168,7 @@ bool block_has_used_clusters(int disk, uint32_t index) {
 }
 
 void close_fd(int &fd, int lowest_open) {
-    if (fd >= lowest_open) close(fd);
+    if (fd >= lowest_open) io_calls().close(fd);
     fd = -1;
 }
 
@@ -182,19 +182,19 @@ int init_failed(datazone_ctx &z) {
 }
 
 void open_descriptors(datazone_ctx &z, const char *path, int directio) {
-    z.fd_rw = open(path, O_RDWR | O_LARGEFILE, kOpenMode);
-    z.fd_rd = open(path, O_RDONLY | O_LARGEFILE, kOpenMode);
+    z.fd_rw = io_calls().open(path, O_RDWR | O_LARGEFILE, kOpenMode);
+    z.fd_rd = io_calls().open(path, O_RDONLY | O_LARGEFILE, kOpenMode);
     if (directio) {
-        z.fd_rd_direct = open(path, O_RDONLY | O_LARGEFILE | O_DIRECT, kOpenMode);
-        z.fd_wr = open(path, O_RDWR | O_LARGEFILE | O_DIRECT, kOpenMode);
+        z.fd_rd_direct = io_calls().open(path, O_RDONLY | O_LARGEFILE | O_DIRECT, kOpenMode);
+        z.fd_wr = io_calls().open(path, O_RDWR | O_LARGEFILE | O_DIRECT, kOpenMode);
     } else {
         z.fd_rd_direct = -1;
-        z.fd_wr = open(path, O_RDWR | O_LARGEFILE, kOpenMode);
+        z.fd_wr = io_calls().open(path, O_RDWR | O_LARGEFILE, kOpenMode);
     }
 }
 
-void fill_info(int disk, datazone_ctx &z, const char *path, uint64_t total, const DzGeometry &g) {
-    datazone_info &i = z.info;
+// The zone's description from its geometry; freesize stays 0.
+void fill_geometry(datazone_info &i, const char *path, uint64_t total, const DzGeometry &g) {
     std::memset(&i, 0, sizeof(i));
     std::snprintf(i.name, sizeof(i.name), "%s", path);
     i.totalsize = total;
@@ -208,6 +208,11 @@ void fill_info(int disk, datazone_ctx &z, const char *path, uint64_t total, cons
     i.block_count = g.block_count;
     i.data_start = g.data_start;
     i.data_count = g.data_count;
+}
+
+void fill_info(int disk, datazone_ctx &z, const char *path, uint64_t total, const DzGeometry &g) {
+    datazone_info &i = z.info;
+    fill_geometry(i, path, total, g);
     fs_log_file(
         "diskid:%d name:%s totalsize:%llu cluster size:%u cluster perblock:%u fs_rdonly:%d\n", disk,
         i.name, static_cast<unsigned long long>(i.totalsize), i.cluster_size, i.cluster_perblock,
@@ -308,6 +313,19 @@ bool recstore::dz_compute_geometry(uint64_t partition_bytes, uint64_t max_disk_b
     out->data_start = 1 + reserved;
     out->data_count = block_count << kBlockShift;
     return true;
+}
+
+int datazone_geometry_for(uint32_t magic, uint64_t data_bytes, datazone_info *out) {
+    if (out == nullptr) return -1;
+    if (magic != RECSTORE_MAGIC_V7 && magic != RECSTORE_MAGIC_V6 && magic != RECSTORE_MAGIC_V5 &&
+        magic != RECSTORE_MAGIC_V1) {
+        FS_LOG_ERR("unknown magic:%x\n", magic);
+        return -1;
+    }
+    DzGeometry g{};
+    if (!dz_compute_geometry(data_bytes, max_disk_bytes_for_magic(magic), &g)) return -1;
+    fill_geometry(*out, "", data_bytes, g);
+    return 0;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -462,12 +480,12 @@ int datazone_dump(int fd, int disk_id) {
     if (!check_id(disk_id)) return -1;
     uint32_t seq = 0;
     const int earliest = block_earliest(disk_id, &seq);
-    return dprintf(fd,
-                   "datazone blk_cur:%d, blk_earliest:%d seq:%d free_empty?:%d busy_empty?:%d "
-                   "busy_count:%d free_count:%d\n",
-                   block_get_current(disk_id), earliest, static_cast<int>(seq),
-                   block_is_free_empty(disk_id), block_is_busy_empty(disk_id),
-                   datazone_busy_count(disk_id), datazone_free_count(disk_id));
+    return io_dprintf(fd,
+                      "datazone blk_cur:%d, blk_earliest:%d seq:%d free_empty?:%d busy_empty?:%d "
+                      "busy_count:%d free_count:%d\n",
+                      block_get_current(disk_id), earliest, static_cast<int>(seq),
+                      block_is_free_empty(disk_id), block_is_busy_empty(disk_id),
+                      datazone_busy_count(disk_id), datazone_free_count(disk_id));
 }
 
 int datazone_clear(int disk_id) {
@@ -475,7 +493,7 @@ int datazone_clear(int disk_id) {
     std::vector<unsigned char> zero(kClusterSize, 0);
     char path[RECSTORE_PATH_LEN] = {0};
     data_partion(disk_id, path, sizeof(path));
-    FdGuard fd(open(path, O_RDWR | O_LARGEFILE, kOpenMode));
+    FdGuard fd(io_calls().open(path, O_RDWR | O_LARGEFILE, kOpenMode));
     if (fd.get() < 0) {
         FS_LOG_ERR("perror\n");
         perror("open");
@@ -963,7 +981,7 @@ namespace {
 
 // Flushes one descriptor of the zone; false (reported) when the flush failed.
 bool synced_fd(int fd) {
-    if (fd < 0 || fsync(fd) == 0) return true;
+    if (fd < 0 || io_calls().fsync(fd) == 0) return true;
     perror("fsync");
     return false;
 }

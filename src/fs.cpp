@@ -41,6 +41,7 @@
 #include "cache.h"
 #include "data_zone.h"
 #include "fs_tools.h"
+#include "fstype_old.h"
 #include "index.h"
 
 fs_disk_info g_disk[RECSTORE_MAX_DISKS];
@@ -81,17 +82,21 @@ static_assert(offsetof(fs_disk_info, idx_root) == 148, "disk table entry layout"
 const char *fs_version(int disk_id) {
     if (!recstore::valid_disk_id(disk_id)) return "";
     switch (g_magic[disk_id]) {
-        case 0x10101013u:
+        case RECSTORE_MAGIC_V1:
             return "1.0.0.2";
-        case 0x50202023u:
+        case RECSTORE_MAGIC_V5:
             return "5.0.0.0";
-        case 0x60282013u:
+        case RECSTORE_MAGIC_V6:
             return "6.0.0.0";
-        case 0x702a2013u:
+        case RECSTORE_MAGIC_V7:
             return "7.0.0.0";
         default:
             return "";
     }
+}
+
+const char *recstore_version(void) {
+    return RECSTORE_VERSION_STRING;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -104,6 +109,8 @@ const char *fs_version(int disk_id) {
 namespace {
 
 using recstore::FdGuard;
+using recstore::io_calls;
+using recstore::io_dprintf;
 using recstore::MutexGuard;
 
 constexpr const char *kImgMountDir = "/mnt/img";   // system partition of one disk at a time
@@ -148,14 +155,14 @@ PartitionNodes partition_nodes(const char *dev) {
 
 // Deleters for the directory stream and the command pipe.
 struct DirCloser {
-    void operator()(DIR *dir) const { closedir(dir); }
+    void operator()(DIR *dir) const { io_calls().closedir(dir); }
 };
 struct PipeCloser {
-    void operator()(FILE *pipe) const { pclose(pipe); }
+    void operator()(FILE *pipe) const { io_calls().pclose(pipe); }
 };
 
 bool path_exists(const char *path) {
-    return access(path, F_OK) == 0;
+    return io_calls().access(path, F_OK) == 0;
 }
 
 bool all_partitions_exist(const PartitionNodes &nodes) {
@@ -211,7 +218,7 @@ bool is_tool_name(const char *tool) {
 bool help_mentions_fix(const char *tool_path) {
     char cmd[kCmdLen];
     if (!build_cmd(cmd, sizeof cmd, "%s -h | grep fix", tool_path)) return false;
-    std::unique_ptr<FILE, PipeCloser> pipe(popen(cmd, "r"));
+    std::unique_ptr<FILE, PipeCloser> pipe(io_calls().popen(cmd, "r"));
     if (!pipe) return false;
     bool fix = false;
     char line[kHelpLineLen];
@@ -226,7 +233,7 @@ void run_tool_if_found(const char *tool) {
     char cmd[kCmdLen];
     if (fs_get_cmd(tool, cmd, sizeof cmd) != 0) return;
     run_cmd(cmd);
-    sync();
+    io_calls().sync();
 }
 
 // Removes every partition, writes the label the disk's size calls for and makes the system,
@@ -257,7 +264,7 @@ int partition_disk(const char *dev, uint64_t disk_bytes) {
         run_cmd(cmd);
     }
     if (build_cmd(cmd, sizeof cmd, "%s -s %s print\n", parted, dev)) run_cmd(cmd);
-    sync();
+    io_calls().sync();
     return 0;
 }
 
@@ -285,17 +292,17 @@ int build_filesystems(const char *dev, bool system_on_disk) {
     char cmd[kCmdLen];
     if (!system_on_disk) {
         if (build_cmd(cmd, sizeof cmd, "%s -j -F %s1\n", mkfs, dev)) run_cmd(cmd);
-        sync();
+        io_calls().sync();
     }
     // One inode per 4096 bytes: the index partition holds many small index files.
     if (build_cmd(cmd, sizeof cmd, "%s -i 4096 -j -F %s2\n", mkfs, dev)) run_cmd(cmd);
-    sync();
+    io_calls().sync();
     return 0;
 }
 
 // The disk's size in bytes, or -1 when the device cannot be opened read-write.
 int64_t open_and_measure(int disk_id, const char *dev) {
-    FdGuard fd(open(dev, O_RDWR | O_CLOEXEC | O_LARGEFILE));
+    FdGuard fd(io_calls().open(dev, O_RDWR | O_CLOEXEC | O_LARGEFILE, 0));
     if (fd.get() < 0) {
         FS_LOG_PLAIN("open dev:%s error\n", dev);
         return -1;
@@ -313,7 +320,7 @@ bool wait_for_nodes_before_check(const PartitionNodes &nodes) {
             FS_LOG_PLAIN("%s\n\n", cmd);
             fs_system(cmd);
         }
-        sync();
+        io_calls().sync();
         sleep_between_tries();
         FS_LOG_PLAIN("try to check %s %s for %d times\n", nodes.sys, nodes.idx, attempt);
         if (all_partitions_exist(nodes)) return true;
@@ -377,7 +384,7 @@ int mount_locked(int disk_id, const char *dev) {
     char mnt_dir[RECSTORE_PATH_LEN + 1];
     snprintf(mnt_dir, sizeof mnt_dir, "%s/", mnt);
     mkdir_recursive(mnt_dir);
-    sync();
+    io_calls().sync();
     // Only the index partition is mounted with data=writeback: its files are rewritten often
     // and their contents are made consistent by the index layer itself.
     if (mount_or_remount("noatime,nodiratime,data=writeback", nodes.idx, mnt) != 0) return -1;
@@ -507,7 +514,7 @@ int fs_chk(const char *dev) {
     const PartitionNodes nodes = partition_nodes(dev);
     if (!wait_for_nodes_before_check(nodes)) return 0;
     const int result = check_index_partition(disk_id, dev, nodes);
-    if (result == 0) sync();
+    if (result == 0) io_calls().sync();
     return result;
 }
 
@@ -515,7 +522,7 @@ int fs_mount(const char *dev) {
     const int disk_id = recstore::checked_disk_id(dev);
     if (disk_id < 0) return -1;
     if (mount_locked(disk_id, dev) != 0) return -1;
-    sync();
+    io_calls().sync();
     return 0;
 }
 
@@ -523,7 +530,7 @@ int fs_umount(const char *dev) {
     const int disk_id = recstore::checked_disk_id(dev);
     if (disk_id < 0) return -1;
     umount_locked(disk_id, dev);
-    sync();
+    io_calls().sync();
     return 0;
 }
 
@@ -531,9 +538,9 @@ int fs_probe(char (*list)[RECSTORE_PATH_LEN], int *count) {
     if (list == nullptr || count == nullptr) return -1;
     std::array<DiskPath, RECSTORE_PROBE_MAX> found{};
     int n = 0;
-    std::unique_ptr<DIR, DirCloser> dir(opendir(kDiskDir));
+    std::unique_ptr<DIR, DirCloser> dir(io_calls().opendir(kDiskDir));
     if (dir) {
-        while (const struct dirent *entry = readdir(dir.get())) {
+        while (const struct dirent *entry = io_calls().readdir(dir.get())) {
             char path[RECSTORE_PATH_LEN];
             const int len = snprintf(path, sizeof path, "%s%s", kDiskDir, entry->d_name);
             if (len < 0 || static_cast<size_t>(len) >= sizeof path) continue;
@@ -803,7 +810,7 @@ int fs_disk_is_inited(int disk_id) {
 int fs_cleardisk(int disk_id) {
     if (!check_disk_id(disk_id)) return -1;
     fs_disk_info &d = g_disk[disk_id];
-    sync();
+    io_calls().sync();
     {
         MutexGuard guard(d.lock);
         if (d.devname[0] == '\0') {
@@ -815,7 +822,7 @@ int fs_cleardisk(int disk_id) {
         if (index_write_magic(disk_id) != 0) return -1;
         if (g_fs_usecache) cache_clear(d.devname);
     }
-    sync();
+    io_calls().sync();
     return 0;
 }
 
@@ -848,7 +855,7 @@ int fs_getdiskinfo(int disk_id, fs_disk_info *out) {
         return 0;
     }
     idx_root(disk_id, d.idx_root, sizeof d.idx_root);
-    if (statfs(d.idx_root, &d.idx_statfs) != 0) {
+    if (io_calls().statfs(d.idx_root, &d.idx_statfs) != 0) {
         FS_LOG_ERR("statfs err\n");
         return 0;
     }
@@ -999,11 +1006,6 @@ constexpr size_t kTimeText = 32;        // asctime_r needs 26 bytes
 constexpr uint32_t kMaxNameType = 99;   // index, link and cache names hold the type in 2 digits
 constexpr int64_t kMaxNameYear = 9999;  // and the year in 4
 constexpr int64_t kTmYearBase = 1900;
-
-// Writes "invalid param" with the error prefix whatever the log masks say.
-void report_invalid_param_always(int line) {
-    FS_LOG_PLAIN("\e[0;31m[%s:%d]:\e[0m%s", "fs.cpp", line, "invalid param");
-}
 
 bool valid_handle(int handle) {
     return handle >= 0 && handle < RECSTORE_STREAMS;
@@ -1167,7 +1169,7 @@ int fs_create_link(int disk_id, uint32_t block_id, const char *name, const char 
     }
     char dir[RECSTORE_PATH_LEN + 1];
     mk_idx_linkpath(disk_id, dir, RECSTORE_PATH_LEN, static_cast<int>(block_id));
-    if (access(dir, F_OK) != 0) {
+    if (io_calls().access(dir, F_OK) != 0) {
         // mkdir_recursive makes the directories that end in '/'.
         const size_t len = strlen(dir);
         dir[len] = '/';
@@ -1176,7 +1178,7 @@ int fs_create_link(int disk_id, uint32_t block_id, const char *name, const char 
     }
     char link[RECSTORE_PATH_LEN] = "";
     mk_idx_linkname(disk_id, link, sizeof link, static_cast<int>(block_id), name);
-    if (link[0] == '\0' || symlink(target, link) != 0) {
+    if (link[0] == '\0' || io_calls().symlink(target, link) != 0) {
         perror("symlink");
         return -1;
     }
@@ -1250,7 +1252,7 @@ int fs_write(int handle, const void *buffer, uint32_t length, const kframe *fram
     }
     if (!check_stream(handle)) return -1;
     if (frames == nullptr || buffer == nullptr) {
-        report_invalid_param_always(__LINE__);
+        FS_LOG_ERR_ALWAYS("invalid param");
         return -1;
     }
     // A frame table holds 24 descriptors and a cluster 524288 bytes: more would overrun them.
@@ -1391,35 +1393,35 @@ int fs_access(int disk_id, const rec_param *param) {
     char name[RECSTORE_PATH_LEN];
     mk_idx_fullname(disk_id, name, sizeof name, static_cast<int>(param->channel), &start,
                     static_cast<int>(param->type));
-    return name[0] != '\0' && access(name, F_OK) == 0 ? 0 : -1;
+    return name[0] != '\0' && io_calls().access(name, F_OK) == 0 ? 0 : -1;
 }
 
 void fs_dump(int fd, int disk_id) {
     if (fd < 0 || disk_id < 0) return;
     if (!check_disk_id(disk_id)) return;
-    dprintf(fd, "diskid:%d disk_inited?:%d dz_inited?:%d disk_full?:%d\n", disk_id,
-            fs_disk_is_inited(disk_id), fs_datazone_is_inited(disk_id), fs_isdiskfull(disk_id));
+    io_dprintf(fd, "diskid:%d disk_inited?:%d dz_inited?:%d disk_full?:%d\n", disk_id,
+               fs_disk_is_inited(disk_id), fs_datazone_is_inited(disk_id), fs_isdiskfull(disk_id));
     std::unique_ptr<fs_disk_info> info(new fs_disk_info());
     if (fs_getdiskinfo(disk_id, info.get()) == 0 && info->inited) {
         const fs_disk_info &d = *info;
-        dprintf(fd, "inited?:%d formatted?:%d magic:%x diskid:%d groupid:%d path:%s\n",
-                static_cast<int>(d.inited), static_cast<int>(d.magic_ok), g_magic[disk_id],
-                static_cast<int>(d.diskid), static_cast<int>(d.grp), d.devname);
+        io_dprintf(fd, "inited?:%d formatted?:%d magic:%x diskid:%d groupid:%d path:%s\n",
+                   static_cast<int>(d.inited), static_cast<int>(d.magic_ok), g_magic[disk_id],
+                   static_cast<int>(d.diskid), static_cast<int>(d.grp), d.devname);
         const struct statfs &s = d.idx_statfs;
-        dprintf(fd, "index part:%s %ux %ux %lux %lux %lux %lux %lux\n", d.idx_root,
-                static_cast<unsigned>(s.f_type), static_cast<unsigned>(s.f_bsize),
-                static_cast<unsigned long>(s.f_blocks), static_cast<unsigned long>(s.f_bfree),
-                static_cast<unsigned long>(s.f_bavail), static_cast<unsigned long>(s.f_files),
-                static_cast<unsigned long>(s.f_ffree));
+        io_dprintf(fd, "index part:%s %ux %ux %lux %lux %lux %lux %lux\n", d.idx_root,
+                   static_cast<unsigned>(s.f_type), static_cast<unsigned>(s.f_bsize),
+                   static_cast<unsigned long>(s.f_blocks), static_cast<unsigned long>(s.f_bfree),
+                   static_cast<unsigned long>(s.f_bavail), static_cast<unsigned long>(s.f_files),
+                   static_cast<unsigned long>(s.f_ffree));
         const datazone_info &z = d.dz_info;
-        dprintf(fd,
-                "dzone part:%s dz_size:%llu dz_left:%llu cluster_size:%u clusters_per_block:%u "
-                "start:%u count:%u bm_start:%u bm_count:%u blk_start:%u blk_count:%u "
-                "dat_start:%u dat_count:%u\n",
-                z.name, static_cast<unsigned long long>(z.totalsize),
-                static_cast<unsigned long long>(z.freesize), z.cluster_size, z.cluster_perblock,
-                z.cluster_start, z.cluster_count, z.bm_start, z.bm_count, z.block_start,
-                z.block_count, z.data_start, z.data_count);
+        io_dprintf(fd,
+                   "dzone part:%s dz_size:%llu dz_left:%llu cluster_size:%u clusters_per_block:%u "
+                   "start:%u count:%u bm_start:%u bm_count:%u blk_start:%u blk_count:%u "
+                   "dat_start:%u dat_count:%u\n",
+                   z.name, static_cast<unsigned long long>(z.totalsize),
+                   static_cast<unsigned long long>(z.freesize), z.cluster_size, z.cluster_perblock,
+                   z.cluster_start, z.cluster_count, z.bm_start, z.bm_count, z.block_start,
+                   z.block_count, z.data_start, z.data_count);
     }
     datazone_dump(fd, disk_id);
 }
@@ -1437,7 +1439,7 @@ namespace {
 constexpr uint32_t kNoNextCluster = 0xFFFFFFFFu;  // the next-cluster answer after the last entry
 constexpr int32_t kNothingLoaded = -1;            // preload fields with no cluster
 constexpr int64_t kClusterStep = RECSTORE_CLUSTER_SIZE;
-constexpr int kFullEntry = 204;  // what an entry read returns when it read a whole entry
+constexpr int kFullEntry = recstore::kIndexEntrySize;  // what a read of a whole entry returns
 
 bool read_args_present(const void *buffer, const uint32_t *length, const kframe *frames,
                        const uint32_t *count) {
@@ -2105,7 +2107,7 @@ int file_delete_index_before_action(const char *path, void *t) {
         FS_LOG_INFO("time out of range:%s", path);
         return kWalkSkip;
     }
-    if (remove(path) == 0) {
+    if (io_calls().remove(path) == 0) {
         FS_LOG_INFO("del file name:%s before:%s ok\n", path, before_text);
     } else {
         FS_LOG_INFO("del file name:%s before:%s error:%s\n", path, before_text, strerror(errno));
@@ -2158,8 +2160,8 @@ int file_delete_link_action(const char *path, struct stat *st, void * /*user*/) 
     }
     char name[RECSTORE_PATH_LEN];
     mk_idx_fullname(disk_id, name, sizeof name, channel, &start, type);
-    if (name[0] != '\0') remove(name);
-    remove(path);
+    if (name[0] != '\0') io_calls().remove(name);
+    io_calls().remove(path);
     char leaf[RECSTORE_PATH_LEN];
     char root[RECSTORE_PATH_LEN];
     mk_idx_fullpath(disk_id, leaf, sizeof leaf, channel, &start, type);

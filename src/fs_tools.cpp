@@ -31,6 +31,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 
 #include "fs.h"     // g_disk: the device names every disk path is built from
@@ -71,8 +72,6 @@ constexpr size_t kNameBuf = 128;           // mount-table names are compared in 
 constexpr size_t kMntStrings = 4096;       // string buffer of one mount-table entry
 constexpr size_t kWalkPath = 256;          // child paths of a directory walk
 constexpr uint64_t kTiB = 0x10000000000ull;
-constexpr uint32_t kMagicV7 = 0x702a2013u;
-constexpr uint32_t kMagicV6 = 0x60282013u;
 
 const char *base_name(const char *file) {
     const char *slash = strrchr(file, '/');
@@ -124,12 +123,102 @@ uint32_t tick_now() {
 
 }  // namespace
 
-// The ioctl used to size block devices. Tests replace it to emulate a device that refuses one of
-// the size requests; the library itself never changes it.
-static int real_blk_ioctl(int fd, unsigned long request, void *arg) {
-    return ioctl(fd, request, arg);
+// ---------------------------------------------------------------------------------------------
+// The I/O seam
+// ---------------------------------------------------------------------------------------------
+
+namespace recstore {
+
+// The defaults that are not plain C library functions: with the table in fs_tools.h, the only
+// direct system calls of the library (tests/unit/check_io_seam.sh checks that).
+// io-seam-defaults-begin
+namespace io_default {
+
+int open(const char *path, int flags, mode_t mode) {
+    return ::open(path, flags, mode);
 }
-int (*fs_tools_blk_ioctl)(int fd, unsigned long request, void *arg) = real_blk_ioctl;
+
+int ioctl(int fd, unsigned long request, void *arg) {
+    return ::ioctl(fd, request, arg);
+}
+
+int host_system(const char *command) {
+    return ::pip_system(command);
+}
+
+}  // namespace io_default
+// io-seam-defaults-end
+
+namespace {
+
+// The table starts with every default in place before any code of the library runs.
+IoCalls g_io_calls;
+
+}  // namespace
+
+IoCalls &io_calls() {
+    return g_io_calls;
+}
+
+// Every entry of IoCalls is reset here; the size check catches an entry added without a line.
+void IoCalls::reset_all() {
+    constexpr size_t kEntries = 42;
+    static_assert(sizeof(IoCalls) == kEntries * sizeof(IoCall<int(int)>), "reset every entry");
+    open.reset();
+    close.reset();
+    read.reset();
+    write.reset();
+    pread64.reset();
+    pwrite64.reset();
+    readv.reset();
+    writev.reset();
+    preadv64.reset();
+    pwritev64.reset();
+    lseek64.reset();
+    fsync.reset();
+    fdatasync.reset();
+    ftruncate64.reset();
+    ioctl.reset();
+    vdprintf.reset();
+    fstat64.reset();
+    stat64.reset();
+    lstat64.reset();
+    statfs.reset();
+    statfs64.reset();
+    access.reset();
+    futimes.reset();
+    unlink.reset();
+    remove.reset();
+    rmdir.reset();
+    mkdir.reset();
+    symlink.reset();
+    readlink.reset();
+    rename.reset();
+    opendir.reset();
+    readdir.reset();
+    readdir64.reset();
+    closedir.reset();
+    sync.reset();
+    setmntent.reset();
+    getmntent_r.reset();
+    endmntent.reset();
+    system.reset();
+    host_system.reset();
+    popen.reset();
+    pclose.reset();
+}
+
+int io_dprintf(int fd, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    const int n = io_calls().vdprintf(fd, format, ap);
+    va_end(ap);
+    return n;
+}
+
+}  // namespace recstore
+
+using recstore::io_calls;
 
 // Every function below is declared with C linkage in recstore.h or fs_tools.h.
 
@@ -137,25 +226,112 @@ int (*fs_tools_blk_ioctl)(int fd, unsigned long request, void *arg) = real_blk_i
 // Messages
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+constexpr const char *kPlainModule = "recstore";  // module of the messages printed plain
+constexpr const char *kEventModule = "event";     // module of the event log's lines
+constexpr size_t kLogText = 512;                  // messages up to this size need no allocation
+
+// A host's log handler as installed. Sinks are never freed: a thread that loaded one may still be
+// calling it while the host installs another. Each keeps the one installed before it reachable.
+struct LogSink {
+    recstore_log_fn fn;
+    void *user;
+    const LogSink *older;
+};
+std::atomic<const LogSink *> g_log_sink{nullptr};  // the handler in use, null: standard output
+const LogSink *g_log_sinks = nullptr;              // every sink made, newest first (under lock)
+pthread_mutex_t g_log_sinks_lock = PTHREAD_MUTEX_INITIALIZER;
+
+const LogSink *log_sink() {
+    return g_log_sink.load(std::memory_order_acquire);
+}
+
+std::string format_text(const char *format, va_list ap) {
+    va_list again;
+    va_copy(again, ap);
+    char small[kLogText];
+    const int n = vsnprintf(small, sizeof small, format, ap);
+    std::string text;
+    if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
+        text.assign(small, static_cast<size_t>(n));
+    } else if (n >= 0) {
+        text.resize(static_cast<size_t>(n) + 1);
+        vsnprintf(&text[0], text.size(), format, again);
+        text.resize(static_cast<size_t>(n));
+    }
+    va_end(again);
+    return text;
+}
+
+void deliver(const LogSink *sink, uint32_t level, const char *module, const char *format,
+             va_list ap) {
+    const std::string text = format_text(format, ap);
+    sink->fn(sink->user, level, module, text.c_str());
+}
+
+}  // namespace
+
+void recstore_set_log_handler(recstore_log_fn fn, void *user) {
+    if (fn == nullptr) {
+        g_log_sink.store(nullptr, std::memory_order_release);
+        return;
+    }
+    recstore::MutexGuard hold(g_log_sinks_lock);
+    LogSink *sink = new LogSink{fn, user, g_log_sinks};
+    g_log_sinks = sink;
+    g_log_sink.store(sink, std::memory_order_release);
+}
+
+// The one place that prints the coloured "[file:line]:" prefix, or hands the message to the
+// host's handler when one is installed.
+static void log_prefixed(uint32_t level, const char *file, int line, const char *format,
+                         va_list ap) {
+    if (const LogSink *sink = log_sink()) {
+        deliver(sink, level, base_name(file), format, ap);
+        return;
+    }
+    printf(prefix_for(level), base_name(file), line);
+    vprintf(format, ap);
+    fflush(stdout);
+}
+
 void fs_log_msg(uint32_t level, const char *file, int line, const char *format, ...) {
     if (!gate_open(level)) return;
-    printf(prefix_for(level), base_name(file), line);
     va_list ap;
     va_start(ap, format);
-    vprintf(format, ap);
+    log_prefixed(level, file, line, format, ap);
     va_end(ap);
-    fflush(stdout);
+}
+
+void fs_log_msg_always(uint32_t level, const char *file, int line, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    log_prefixed(level, file, line, format, ap);
+    va_end(ap);
 }
 
 void fs_log_plain(const char *format, ...) {
     va_list ap;
     va_start(ap, format);
+    if (const LogSink *sink = log_sink()) {
+        deliver(sink, RECSTORE_LOG_PLAIN, kPlainModule, format, ap);
+        va_end(ap);
+        return;
+    }
     vprintf(format, ap);
     va_end(ap);
     fflush(stdout);
 }
 
 void fs_assert_fail(const char *expr, const char *file, int line) {
+    if (const LogSink *sink = log_sink()) {
+        const std::string text = std::string("assert expression: ") + expr +
+                                 ",at file:" + base_name(file) + ",line:" + std::to_string(line) +
+                                 "\nhalt\n";
+        sink->fn(sink->user, RECSTORE_LOG_ERROR, base_name(file), text.c_str());
+        abort();
+    }
     printf("assert expression: %s,at file:%s,line:%d\n", expr, base_name(file), line);
     printf("halt\n");
     fflush(stdout);
@@ -185,13 +361,14 @@ void fs_log_exit(void) {
 
 int fs_log_file(const char *format, ...) {
     if (!fs_log_is_inited()) return -1;
-    recstore::FdGuard file(open(kLogFile, O_RDWR | O_CREAT | O_APPEND | O_LARGEFILE, 0777));
+    recstore::FdGuard file(
+        io_calls().open(kLogFile, O_RDWR | O_CREAT | O_APPEND | O_LARGEFILE, 0777));
     if (file.get() < 0) perror("open log");
     if (file.get() >= 0) {
         struct stat64 st;
-        if (fstat64(file.get(), &st) == 0 && st.st_size > kLogFileMax) {
-            if (ftruncate64(file.get(), 0) < 0) perror("ftruncate");
-            lseek64(file.get(), 0, SEEK_SET);
+        if (io_calls().fstat64(file.get(), &st) == 0 && st.st_size > kLogFileMax) {
+            if (io_calls().ftruncate64(file.get(), 0) < 0) perror("ftruncate");
+            io_calls().lseek64(file.get(), 0, SEEK_SET);
         }
     }
     char stamp[64] = {0};
@@ -200,24 +377,32 @@ int fs_log_file(const char *format, ...) {
     localtime_r(&now, &local);
     strftime(stamp, sizeof stamp, "%x %X", &local);
 
-    fflush(stdout);  // keep the order of buffered and direct writes to descriptor 1
-    dprintf(1, "[%s]", stamp);
-    if (file.get() > 0) dprintf(file.get(), "[%s]", stamp);
+    const LogSink *sink = log_sink();
+    if (sink == nullptr) {
+        fflush(stdout);  // keep the order of buffered and direct writes to descriptor 1
+        recstore::io_dprintf(1, "[%s]", stamp);
+    }
+    if (file.get() > 0) recstore::io_dprintf(file.get(), "[%s]", stamp);
     va_list ap;
     va_start(ap, format);
     va_list again;
     va_copy(again, ap);
-    vdprintf(1, format, ap);
-    if (file.get() > 0) vdprintf(file.get(), format, again);
+    if (sink != nullptr) {
+        const std::string text = "[" + std::string(stamp) + "]" + format_text(format, ap);
+        sink->fn(sink->user, RECSTORE_LOG_PLAIN, kEventModule, text.c_str());
+    } else {
+        io_calls().vdprintf(1, format, ap);
+    }
+    if (file.get() > 0) io_calls().vdprintf(file.get(), format, again);
     va_end(again);
     va_end(ap);
     return 0;
 }
 
 int fs_system(char *command) {
-    if (loglevel < RECSTORE_LOG_USE_SYSTEM) return pip_system(command);
+    if (loglevel < RECSTORE_LOG_USE_SYSTEM) return io_calls().host_system(command);
     fflush(stdout);
-    return system(command);
+    return io_calls().system(command);
 }
 
 namespace {
@@ -633,13 +818,13 @@ int mkdir_recursive(char *path) {
         char saved = *p;
         *p = '\0';
         bool stop = false;
-        if (mkdir(path, 0777) < 0) {
+        if (io_calls().mkdir(path, 0777) < 0) {
             if (errno != EEXIST) {
                 perror("mkdir");
                 stop = true;
             } else {
                 struct stat64 st;
-                if (stat64(path, &st) == 0 && !S_ISDIR(st.st_mode)) {
+                if (io_calls().stat64(path, &st) == 0 && !S_ISDIR(st.st_mode)) {
                     errno = ENOTDIR;
                     perror("mkdir");
                     stop = true;
@@ -674,22 +859,22 @@ char *concat_subpath_file(char *dst, size_t n, const char *path, const char *fil
 }
 
 int is_dir_empty(const char *path) {
-    DIR *dir = path ? opendir(path) : nullptr;
+    DIR *dir = path ? io_calls().opendir(path) : nullptr;
     if (!dir) return 1;
     int empty = 1;
-    while (struct dirent64 *de = readdir64(dir)) {
+    while (struct dirent64 *de = io_calls().readdir64(dir)) {
         if (strcmp(de->d_name, ".") != 0 && strcmp(de->d_name, "..") != 0) {
             empty = 0;
             break;
         }
     }
-    closedir(dir);
+    io_calls().closedir(dir);
     return empty;
 }
 
 int rm_empty_dir(const char *path) {
     if (!is_dir_empty(path)) return -1;
-    if (path) rmdir(path);
+    if (path) io_calls().rmdir(path);
     return 0;
 }
 
@@ -749,15 +934,15 @@ bool child_path(char *dst, const char *dir, const char *name) {
 }  // namespace
 
 DIR *do_opendir(const char *path, find_debug *stats) {
-    return timed(stats, &find_debug::opendir, [&] { return opendir(path); });
+    return timed(stats, &find_debug::opendir, [&] { return io_calls().opendir(path); });
 }
 
 struct dirent64 *do_readdir(DIR *dir, find_debug *stats) {
-    return timed(stats, &find_debug::readdir, [&] { return readdir64(dir); });
+    return timed(stats, &find_debug::readdir, [&] { return io_calls().readdir64(dir); });
 }
 
 int do_closedir(DIR *dir, find_debug *stats) {
-    return timed(stats, &find_debug::closedir, [&] { return closedir(dir); });
+    return timed(stats, &find_debug::closedir, [&] { return io_calls().closedir(dir); });
 }
 
 int do_fileAction(find_action action, const char *path, struct stat *st, void *user,
@@ -826,8 +1011,9 @@ int find_recursive(char *path, int recurse, int follow_links, int depth_first,
                    find_action file_action, find_action dir_action, void *user, find_debug *stats) {
     if (!path) return 1;
     struct stat64 st64;
-    int r = timed(stats, &find_debug::stat,
-                  [&] { return follow_links ? stat64(path, &st64) : lstat64(path, &st64); });
+    int r = timed(stats, &find_debug::stat, [&] {
+        return follow_links ? io_calls().stat64(path, &st64) : io_calls().lstat64(path, &st64);
+    });
     if (r != 0) return 1;
     struct stat st = stat_for_callback(st64);
     if (!follow_links && S_ISLNK(st.st_mode)) {
@@ -872,7 +1058,7 @@ int remove_file(const char *path, int flags) {
         return -1;
     }
     struct stat64 st;
-    if (lstat64(path, &st) < 0) {
+    if (io_calls().lstat64(path, &st) < 0) {
         if (errno == ENOENT) {
             if (flags & 4) return 0;
             FS_LOG_ERR("cannot remove `%s'", path);
@@ -882,7 +1068,7 @@ int remove_file(const char *path, int flags) {
         return -1;
     }
     if (!S_ISDIR(st.st_mode)) {
-        if (remove(path) < 0) {
+        if (io_calls().remove(path) < 0) {
             FS_LOG_ERR("unable to remove %s\n", path);
             return -1;
         }
@@ -892,24 +1078,24 @@ int remove_file(const char *path, int flags) {
         FS_LOG_ERR("%s: is a directory", path);
         return -1;
     }
-    DIR *dir = opendir(path);
+    DIR *dir = io_calls().opendir(path);
     if (!dir) {
         FS_LOG_ERR("unable to open `%s'", path);
         return -1;
     }
     int status = 0;
-    while (struct dirent64 *de = readdir64(dir)) {
+    while (struct dirent64 *de = io_calls().readdir64(dir)) {
         if (strcmp(de->d_name, ".") == 0 || strcmp(de->d_name, "..") == 0) continue;
         std::string child = path;
         if (child.back() != '/') child += '/';
         child += de->d_name;
         if (remove_file(child.c_str(), flags) < 0) status = -1;
     }
-    if (closedir(dir) < 0) {
+    if (io_calls().closedir(dir) < 0) {
         FS_LOG_ERR("unable to close %s\n", path);
         return -1;
     }
-    if (rmdir(path) < 0) {
+    if (io_calls().rmdir(path) < 0) {
         FS_LOG_ERR("unable to remove %s\n", path);
         return -1;
     }
@@ -931,18 +1117,18 @@ void mount_name(char (&dst)[kNameBuf], const char *src) {
 
 template <typename Match>
 int scan_mounts(const char *table, Match match) {
-    FILE *f = setmntent(table ? table : "/proc/mounts", "r");
+    FILE *f = io_calls().setmntent(table ? table : "/proc/mounts", "r");
     if (!f) return 0;
     struct mntent entry;
     char strings[kMntStrings];
     int found = 0;
-    while (getmntent_r(f, &entry, strings, sizeof strings)) {
+    while (io_calls().getmntent_r(f, &entry, strings, sizeof strings)) {
         if (match(entry)) {
             found = 1;
             break;
         }
     }
-    endmntent(f);
+    io_calls().endmntent(f);
     return found;
 }
 
@@ -969,20 +1155,21 @@ int find_mount_pair(const char *device, const char *dir, const char *table) {
 
 int64_t blockdev_size(int /*disk_id*/, int fd) {
     struct stat64 st;
-    if (fstat64(fd, &st) == 0 && S_ISREG(st.st_mode)) return static_cast<int64_t>(st.st_size);
+    if (io_calls().fstat64(fd, &st) == 0 && S_ISREG(st.st_mode))
+        return static_cast<int64_t>(st.st_size);
 
     uint64_t bytes = 0;
-    if (fs_tools_blk_ioctl(fd, BLKGETSIZE64, &bytes) == 0) return static_cast<int64_t>(bytes);
+    if (io_calls().ioctl(fd, BLKGETSIZE64, &bytes) == 0) return static_cast<int64_t>(bytes);
     perror("size64");
     int sector = 512;
-    if (fs_tools_blk_ioctl(fd, BLKSSZGET, &sector) < 0) {
+    if (io_calls().ioctl(fd, BLKSSZGET, &sector) < 0) {
         perror("setor");
         sector = 512;
     }
     FS_LOG_INFO("sector size:%d\n", sector);
     unsigned long sectors = 0;
     uint64_t size = 0;
-    if (fs_tools_blk_ioctl(fd, BLKGETSIZE, &sectors) == 0) {
+    if (io_calls().ioctl(fd, BLKGETSIZE, &sectors) == 0) {
         size = static_cast<uint64_t>(sectors) * static_cast<uint64_t>(sector);
     } else {
         perror("size");
@@ -991,22 +1178,27 @@ int64_t blockdev_size(int /*disk_id*/, int fd) {
     return static_cast<int64_t>(size);
 }
 
+uint64_t recstore::max_disk_bytes_for_magic(uint32_t magic) {
+    switch (magic) {
+        case RECSTORE_MAGIC_V7:
+            return 16 * kTiB;
+        case RECSTORE_MAGIC_V6:
+            return 8 * kTiB;
+        default:
+            return 4 * kTiB;
+    }
+}
+
 uint64_t get_max_supported_disk_size(int disk_id) {
     if (!valid_disk_id(disk_id)) {
         FS_LOG_ERR("fatal error disk:%d\n", disk_id);
         return 16 * kTiB;
     }
-    switch (g_magic[disk_id]) {
-        case kMagicV7:
-            return 16 * kTiB;
-        case kMagicV6:
-            return 8 * kTiB;
-        case 0:
-            FS_LOG_ERR("fatal error disk is not inited:%d\n", disk_id);
-            return 16 * kTiB;
-        default:
-            return 4 * kTiB;
+    if (g_magic[disk_id] == 0) {
+        FS_LOG_ERR("fatal error disk is not inited:%d\n", disk_id);
+        return 16 * kTiB;
     }
+    return recstore::max_disk_bytes_for_magic(g_magic[disk_id]);
 }
 
 static off64_t cluster_position(int cluster, int offset) {
@@ -1014,11 +1206,11 @@ static off64_t cluster_position(int cluster, int offset) {
 }
 
 ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n) {
-    return pread64(fd, buf, n, cluster_position(cluster, offset));
+    return io_calls().pread64(fd, buf, n, cluster_position(cluster, offset));
 }
 
 ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n) {
-    ssize_t r = pwrite64(fd, buf, n, cluster_position(cluster, offset));
+    ssize_t r = io_calls().pwrite64(fd, buf, n, cluster_position(cluster, offset));
     if (r < 0) {
         FS_LOG_PLAIN("perror\n");
         perror("write");

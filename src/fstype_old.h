@@ -119,47 +119,21 @@ struct recordinfo_v1 {
     uint8_t reserved[kV1ReservedSize];  // written as zeros
 };
 
-// ---- little-endian byte access ---------------------------------------------------------------
-
-inline void put_u16(uint8_t *p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-inline void put_u32(uint8_t *p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-inline void put_u64(uint8_t *p, uint64_t v) {
-    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-inline uint16_t get_u16(const uint8_t *p) {
-    return static_cast<uint16_t>(p[0] | (static_cast<uint16_t>(p[1]) << 8));
-}
-inline uint32_t get_u32(const uint8_t *p) {
-    uint32_t v = 0;
-    for (int i = 3; i >= 0; --i) v = (v << 8) | p[i];
-    return v;
-}
-inline uint64_t get_u64(const uint8_t *p) {
-    uint64_t v = 0;
-    for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
-    return v;
-}
-
 // ---- times -----------------------------------------------------------------------------------
 
 // Nine words of the broken-down time, then two zero words (the stored form is always clean).
 inline void put_fs_tm(uint8_t *p, const fs_tm &t) {
     const int32_t words[9] = {t.tm_sec,  t.tm_min,  t.tm_hour, t.tm_mday, t.tm_mon,
                               t.tm_year, t.tm_wday, t.tm_yday, t.tm_isdst};
-    for (int i = 0; i < 9; ++i) put_u32(p + 4 * i, static_cast<uint32_t>(words[i]));
-    put_u32(p + 36, 0);
-    put_u32(p + 40, 0);
+    for (int i = 0; i < 9; ++i) le32_store(p + 4 * i, static_cast<uint32_t>(words[i]));
+    le32_store(p + 36, 0);
+    le32_store(p + 40, 0);
 }
 inline fs_tm get_fs_tm(const uint8_t *p) {
     fs_tm t{};
     int32_t *words[9] = {&t.tm_sec,  &t.tm_min,  &t.tm_hour, &t.tm_mday, &t.tm_mon,
                          &t.tm_year, &t.tm_wday, &t.tm_yday, &t.tm_isdst};
-    for (int i = 0; i < 9; ++i) *words[i] = static_cast<int32_t>(get_u32(p + 4 * i));
+    for (int i = 0; i < 9; ++i) *words[i] = static_cast<int32_t>(le32_load(p + 4 * i));
     return t;
 }
 // struct tm with every member cleared, then the nine stored fields.
@@ -178,61 +152,61 @@ inline bool fs_tm_unset(const fs_tm &t) {
 
 // Fills the 8336-byte current header from the in-memory record.
 inline void rec_info_to_inner(const recordinfo *in, uint8_t *out) {
-    put_u32(out + kOffDiskId, in->disk_id);
-    put_u32(out + kOffBlockId, in->block_id);
-    put_u32(out + kOffChannel, in->channel);
+    le32_store(out + kOffDiskId, in->disk_id);
+    le32_store(out + kOffBlockId, in->block_id);
+    le32_store(out + kOffChannel, in->channel);
     put_fs_tm(out + kOffStart, in->start_time);
     put_fs_tm(out + kOffEnd, in->end_time);
-    put_u32(out + kOffMode, in->mode);
-    put_u32(out + kOffOpenFlags, in->open_flags);
-    put_u32(out + kOffEntryCount, in->entry_count);
-    put_u64(out + kOffTotalBytes, in->total_bytes);
-    put_u32(out + kOffFrameCount, in->frame_count);
-    put_u32(out + kOffAlarmCount, static_cast<uint32_t>(in->alarm_count));
+    le32_store(out + kOffMode, in->mode);
+    le32_store(out + kOffOpenFlags, in->open_flags);
+    le32_store(out + kOffEntryCount, in->entry_count);
+    le64_store(out + kOffTotalBytes, in->total_bytes);
+    le32_store(out + kOffFrameCount, in->frame_count);
+    le32_store(out + kOffAlarmCount, static_cast<uint32_t>(in->alarm_count));
     for (int i = 0; i < kMaxAlarms; ++i) {
         uint8_t *a = out + kOffAlarms + i * kAlarmSize;
-        put_u32(a, in->alarms[i].alarm_a);
-        put_u32(a + 4, in->alarms[i].alarm_b);
+        le32_store(a, in->alarms[i].alarm_a);
+        le32_store(a + 4, in->alarms[i].alarm_b);
         memcpy(a + 8, in->alarms[i].alarm_data, RECSTORE_ALARM_DATA);
     }
-    put_u16(out + kOffAttrA, in->attr_a);
-    put_u16(out + kOffAttrB, in->attr_b);
-    put_u32(out + kOffAttrC, in->attr_c);
-    put_u32(out + kOffType, in->type);
-    put_u32(out + kOffAttrD, in->attr_d);
-    put_u32(out + kOffExtMagic, in->ext_magic);
-    put_u32(out + kOffExtType, in->ext_type);
-    put_u32(out + kOffExtLen, in->ext_len);
+    le16_store(out + kOffAttrA, in->attr_a);
+    le16_store(out + kOffAttrB, in->attr_b);
+    le32_store(out + kOffAttrC, in->attr_c);
+    le32_store(out + kOffType, in->type);
+    le32_store(out + kOffAttrD, in->attr_d);
+    le32_store(out + kOffExtMagic, in->ext_magic);
+    le32_store(out + kOffExtType, in->ext_type);
+    le32_store(out + kOffExtLen, in->ext_len);
     memcpy(out + kOffReserved, in->reserved, kReservedSize);
 }
 
 // Fills every field of the record from an 8336-byte current header.
 inline void inner_to_rec_info(const uint8_t *in, recordinfo *out) {
-    out->disk_id = get_u32(in + kOffDiskId);
-    out->block_id = get_u32(in + kOffBlockId);
-    out->channel = get_u32(in + kOffChannel);
+    out->disk_id = le32_load(in + kOffDiskId);
+    out->block_id = le32_load(in + kOffBlockId);
+    out->channel = le32_load(in + kOffChannel);
     out->start_time = get_fs_tm(in + kOffStart);
     out->end_time = get_fs_tm(in + kOffEnd);
-    out->mode = get_u32(in + kOffMode);
-    out->open_flags = get_u32(in + kOffOpenFlags);
-    out->entry_count = get_u32(in + kOffEntryCount);
-    out->total_bytes = get_u64(in + kOffTotalBytes);
-    out->frame_count = get_u32(in + kOffFrameCount);
-    out->alarm_count = static_cast<int32_t>(get_u32(in + kOffAlarmCount));
+    out->mode = le32_load(in + kOffMode);
+    out->open_flags = le32_load(in + kOffOpenFlags);
+    out->entry_count = le32_load(in + kOffEntryCount);
+    out->total_bytes = le64_load(in + kOffTotalBytes);
+    out->frame_count = le32_load(in + kOffFrameCount);
+    out->alarm_count = static_cast<int32_t>(le32_load(in + kOffAlarmCount));
     for (int i = 0; i < kMaxAlarms; ++i) {
         const uint8_t *a = in + kOffAlarms + i * kAlarmSize;
-        out->alarms[i].alarm_a = get_u32(a);
-        out->alarms[i].alarm_b = get_u32(a + 4);
+        out->alarms[i].alarm_a = le32_load(a);
+        out->alarms[i].alarm_b = le32_load(a + 4);
         memcpy(out->alarms[i].alarm_data, a + 8, RECSTORE_ALARM_DATA);
     }
-    out->attr_a = get_u16(in + kOffAttrA);
-    out->attr_b = get_u16(in + kOffAttrB);
-    out->attr_c = get_u32(in + kOffAttrC);
-    out->type = get_u32(in + kOffType);
-    out->attr_d = get_u32(in + kOffAttrD);
-    out->ext_magic = get_u32(in + kOffExtMagic);
-    out->ext_type = get_u32(in + kOffExtType);
-    out->ext_len = get_u32(in + kOffExtLen);
+    out->attr_a = le16_load(in + kOffAttrA);
+    out->attr_b = le16_load(in + kOffAttrB);
+    out->attr_c = le32_load(in + kOffAttrC);
+    out->type = le32_load(in + kOffType);
+    out->attr_d = le32_load(in + kOffAttrD);
+    out->ext_magic = le32_load(in + kOffExtMagic);
+    out->ext_type = le32_load(in + kOffExtType);
+    out->ext_len = le32_load(in + kOffExtLen);
     memcpy(out->reserved, in + kOffReserved, kReservedSize);
 }
 
@@ -282,26 +256,26 @@ inline void rec_info_to_v1(const recordinfo *in, recordinfo_v1 *out) {
 // Fills an 896-byte version-1 header from the staging record (reserved bytes zero).
 inline void rec_info_v1_to_inner(const recordinfo_v1 *in, uint8_t *out) {
     memset(out, 0, kRecordInfoV1Size);
-    put_u32(out + kOffDiskId, in->disk_id);
-    put_u32(out + kOffBlockId, in->block_id);
-    put_u32(out + kOffChannel, in->channel);
+    le32_store(out + kOffDiskId, in->disk_id);
+    le32_store(out + kOffBlockId, in->block_id);
+    le32_store(out + kOffChannel, in->channel);
     put_fs_tm(out + kOffStart, in->start_time);
     put_fs_tm(out + kOffEnd, in->end_time);
-    put_u32(out + kOffMode, in->mode);
-    put_u32(out + kOffOpenFlags, in->open_flags);
-    put_u32(out + kOffEntryCount, in->entry_count);
-    put_u64(out + kOffTotalBytes, in->total_bytes);
-    put_u32(out + kOffFrameCount, in->frame_count);
-    put_u32(out + kOffAlarmCount, in->alarm_count);
+    le32_store(out + kOffMode, in->mode);
+    le32_store(out + kOffOpenFlags, in->open_flags);
+    le32_store(out + kOffEntryCount, in->entry_count);
+    le64_store(out + kOffTotalBytes, in->total_bytes);
+    le32_store(out + kOffFrameCount, in->frame_count);
+    le32_store(out + kOffAlarmCount, in->alarm_count);
     for (int i = 0; i < kMaxAlarms; ++i) {
         uint8_t *a = out + kOffAlarms + i * kAlarmV1Size;
-        put_u32(a, in->alarms[i].alarm_a);
-        put_u32(a + 4, in->alarms[i].alarm_b);
-        put_u32(a + 8, in->alarms[i].value);
+        le32_store(a, in->alarms[i].alarm_a);
+        le32_store(a + 4, in->alarms[i].alarm_b);
+        le32_store(a + 8, in->alarms[i].value);
     }
-    put_u16(out + kV1OffAttrA, in->attr_a);
-    put_u16(out + kV1OffAttrB, in->attr_b);
-    put_u32(out + kV1OffAttrC, in->attr_c);
+    le16_store(out + kV1OffAttrA, in->attr_a);
+    le16_store(out + kV1OffAttrB, in->attr_b);
+    le32_store(out + kV1OffAttrC, in->attr_c);
 }
 
 // Decodes an 896-byte version-1 header into the record. type, attr_d, the extension words and
@@ -309,32 +283,32 @@ inline void rec_info_v1_to_inner(const recordinfo_v1 *in, uint8_t *out) {
 // for channels 32 to 63 that is a word of the following alarm record. A value that would land
 // past the last alarm record is dropped; the result is false when that happened.
 inline bool inner_v1_to_rec_info(const uint8_t *in, recordinfo *out) {
-    out->disk_id = get_u32(in + kOffDiskId);
-    out->block_id = get_u32(in + kOffBlockId);
-    out->channel = get_u32(in + kOffChannel);
+    out->disk_id = le32_load(in + kOffDiskId);
+    out->block_id = le32_load(in + kOffBlockId);
+    out->channel = le32_load(in + kOffChannel);
     out->start_time = get_fs_tm(in + kOffStart);
     out->end_time = get_fs_tm(in + kOffEnd);
-    out->mode = get_u32(in + kOffMode);
-    out->open_flags = get_u32(in + kOffOpenFlags);
-    out->entry_count = get_u32(in + kOffEntryCount);
-    out->total_bytes = get_u64(in + kOffTotalBytes);
-    out->frame_count = get_u32(in + kOffFrameCount);
-    out->alarm_count = static_cast<int32_t>(get_u32(in + kOffAlarmCount));
-    out->attr_a = get_u16(in + kV1OffAttrA);
-    out->attr_b = get_u16(in + kV1OffAttrB);
-    out->attr_c = get_u32(in + kV1OffAttrC);
+    out->mode = le32_load(in + kOffMode);
+    out->open_flags = le32_load(in + kOffOpenFlags);
+    out->entry_count = le32_load(in + kOffEntryCount);
+    out->total_bytes = le64_load(in + kOffTotalBytes);
+    out->frame_count = le32_load(in + kOffFrameCount);
+    out->alarm_count = static_cast<int32_t>(le32_load(in + kOffAlarmCount));
+    out->attr_a = le16_load(in + kV1OffAttrA);
+    out->attr_b = le16_load(in + kV1OffAttrB);
+    out->attr_c = le32_load(in + kV1OffAttrC);
     bool all_stored = true;
     uint8_t *bytes = reinterpret_cast<uint8_t *>(out);
     for (int i = 0; i < kMaxAlarms; ++i) {
         const uint8_t *a = in + kOffAlarms + i * kAlarmV1Size;
-        out->alarms[i].alarm_a = get_u32(a);
-        out->alarms[i].alarm_b = get_u32(a + 4);
+        out->alarms[i].alarm_a = le32_load(a);
+        out->alarms[i].alarm_b = le32_load(a + 4);
         if (out->channel >= RECSTORE_MAX_CHANNELS) continue;
         if (!alarm_word_fits(i, out->channel)) {
             all_stored = false;
             continue;
         }
-        const uint32_t v = get_u32(a + 8);
+        const uint32_t v = le32_load(a + 8);
         memcpy(bytes + alarm_word_pos(i, out->channel), &v, 4);
     }
     return all_stored;
@@ -344,20 +318,20 @@ inline bool inner_v1_to_rec_info(const uint8_t *in, recordinfo *out) {
 
 inline void entry_head_to_inner(uint32_t cluster_id, uint32_t length, uint32_t count,
                                 uint8_t *out) {
-    put_u32(out, cluster_id);
-    put_u32(out + 4, length);
-    put_u32(out + 8, count);
+    le32_store(out, cluster_id);
+    le32_store(out + 4, length);
+    le32_store(out + 8, count);
 }
 inline void frames_to_inner(const kframe *frames, uint8_t *out) {
     for (int i = 0; i < kMaxKframes; ++i) {
-        put_u32(out + 8 * i, frames[i].frame_offset);
-        put_u32(out + 8 * i + 4, frames[i].frame_time);
+        le32_store(out + 8 * i, frames[i].frame_offset);
+        le32_store(out + 8 * i + 4, frames[i].frame_time);
     }
 }
 inline void inner_to_frames(const uint8_t *in, kframe *frames) {
     for (int i = 0; i < kMaxKframes; ++i) {
-        frames[i].frame_offset = get_u32(in + 8 * i);
-        frames[i].frame_time = get_u32(in + 8 * i + 4);
+        frames[i].frame_offset = le32_load(in + 8 * i);
+        frames[i].frame_time = le32_load(in + 8 * i + 4);
     }
 }
 

@@ -113,7 +113,7 @@ const char *xx_text(const fs_tm &t, char (&buf)[kTextBuf]) {
 }
 
 int64_t cur_pos(int fd) {
-    return lseek64(fd, 0, SEEK_CUR);
+    return io_calls().lseek64(fd, 0, SEEK_CUR);
 }
 
 // The key-frame count of an entry as an index bound: 0 to 24 whatever the file holds.
@@ -227,7 +227,7 @@ ssize_t read_recordinfo(int disk_id, int fd, recordinfo *out, handle_slot *slot)
     }
     if (disk_is_v1(disk_id)) {
         uint8_t buf[kRecordInfoV1Size] = {};
-        const ssize_t n = read(fd, buf, sizeof buf);
+        const ssize_t n = io_calls().read(fd, buf, sizeof buf);
         if (n <= 0) return n;
         if (!inner_v1_to_rec_info(buf, out))
             FS_LOG_WARN("alarm word of channel %u lies past the last alarm, dropped", out->channel);
@@ -235,7 +235,7 @@ ssize_t read_recordinfo(int disk_id, int fd, recordinfo *out, handle_slot *slot)
     }
     static_assert(kRecordInfoExtSize < 16384, "header buffer stays small enough for the stack");
     uint8_t buf[kRecordInfoExtSize] = {};
-    const ssize_t n = read(fd, buf, sizeof buf);
+    const ssize_t n = io_calls().read(fd, buf, sizeof buf);
     if (n <= 0) return n;
     inner_to_rec_info(buf, out);
     const int len = do_ext_get_len(out);
@@ -243,8 +243,8 @@ ssize_t read_recordinfo(int disk_id, int fd, recordinfo *out, handle_slot *slot)
     // start); a garbage length that reads as negative is no reason to treat the area as entries.
     if (len >= 0 || out->ext_magic == kExtMagic) {
         do_index_copy_ext(buf + kRecordInfoSize, len, slot);
-    } else if (lseek64(fd, kRecordInfoSize, SEEK_SET) < 0) {
-        report_errno("leek64");
+    } else if (io_calls().lseek64(fd, kRecordInfoSize, SEEK_SET) < 0) {
+        report_errno("lseek64");
     }
     return n;
 }
@@ -290,18 +290,18 @@ ssize_t write_recordinfo(int disk_id, int fd, recordinfo *info, const ext_desc *
     if (disk_is_v1(disk_id)) {
         uint8_t buf[kRecordInfoV1Size];
         encode_v1(info, buf);
-        return write(fd, buf, sizeof buf);
+        return io_calls().write(fd, buf, sizeof buf);
     }
     if (!ext_usable(ext)) {
         uint8_t buf[kRecordInfoSize];
         rec_info_to_inner(info, buf);
-        return write(fd, buf, sizeof buf);
+        return io_calls().write(fd, buf, sizeof buf);
     }
     do_ext_fill(info, ext->type, ext->len);
     uint8_t buf[kRecordInfoExtSize] = {};
     rec_info_to_inner(info, buf);
     memcpy(buf + kRecordInfoSize, ext->data, static_cast<size_t>(ext->len));
-    const ssize_t n = write(fd, buf, sizeof buf);
+    const ssize_t n = io_calls().write(fd, buf, sizeof buf);
     if (cb != nullptr) {
         char scratch[4] = {};
         cb(ext->data, ext->len, slot, scratch);
@@ -321,13 +321,13 @@ ssize_t pwrite_recordinfo(int disk_id, int fd, const recordinfo *info) {
     if (disk_is_v1(disk_id)) {
         uint8_t buf[kRecordInfoV1Size];
         encode_v1(info, buf);
-        return pwrite64(fd, buf, sizeof buf, 0);
+        return io_calls().pwrite64(fd, buf, sizeof buf, 0);
     }
     // Rewrites never carry an extension descriptor; the message is part of every rewrite.
     FS_LOG_ERR("nullptr");
     uint8_t buf[kRecordInfoSize];
     rec_info_to_inner(info, buf);
-    return pwrite64(fd, buf, sizeof buf, 0);
+    return io_calls().pwrite64(fd, buf, sizeof buf, 0);
 }
 
 // ============================================================================================
@@ -363,10 +363,10 @@ void drop_partial_entry(int fd, int64_t at, ssize_t n) {
     FS_LOG_ERR("short entry write:%d of %d bytes at %lld\n", static_cast<int>(n), kIndexEntrySize,
                static_cast<long long>(at));
     struct stat64 st;
-    if (fstat64(fd, &st) == 0 && static_cast<int64_t>(st.st_size) == at + n &&
-        ftruncate64(fd, at) != 0)
+    if (io_calls().fstat64(fd, &st) == 0 && static_cast<int64_t>(st.st_size) == at + n &&
+        io_calls().ftruncate64(fd, at) != 0)
         report_errno("ftruncate");
-    if (lseek64(fd, at, SEEK_SET) < 0) report_errno("leek64");
+    if (io_calls().lseek64(fd, at, SEEK_SET) < 0) report_errno("lseek64");
 }
 
 }  // namespace
@@ -396,7 +396,7 @@ int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kfram
     const int64_t at = cur_pos(s->fd);
     ssize_t n;
     do {
-        n = advance ? writev(s->fd, iov, 2) : pwritev64(s->fd, iov, 2, at);
+        n = advance ? io_calls().writev(s->fd, iov, 2) : io_calls().pwritev64(s->fd, iov, 2, at);
     } while (n < 0 && errno == EINTR);
     if (n >= 0 && n != kIndexEntrySize) {
         drop_partial_entry(s->fd, at, n);
@@ -434,7 +434,8 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
     struct iovec iov[2] = {{head, sizeof head}, {table, sizeof table}};
     ssize_t n;
     do {
-        n = advance ? readv(s->fd, iov, 2) : preadv64(s->fd, iov, 2, cur_pos(s->fd));
+        n = advance ? io_calls().readv(s->fd, iov, 2)
+                    : io_calls().preadv64(s->fd, iov, 2, cur_pos(s->fd));
     } while (n < 0 && errno == EINTR);
     if (n < 0) {
         perror("readv");
@@ -448,16 +449,16 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
         perror("readv");
         return static_cast<int>(n);
     }
-    *cluster_id = get_u32(head);
-    *length = get_u32(head + 4);
-    *frame_count = get_u32(head + 8);
+    *cluster_id = le32_load(head);
+    *length = le32_load(head + 4);
+    *frame_count = le32_load(head + 8);
     inner_to_frames(table, frames);
     if (next_cluster_id != nullptr) {
         const int64_t pos = cur_pos(s->fd);
         uint8_t next[kEntryHeadSize];
         *next_cluster_id = 0xFFFFFFFFu;
-        if (pos >= 1 && pread64(s->fd, next, sizeof next, pos) == kEntryHeadSize)
-            *next_cluster_id = get_u32(next);
+        if (pos >= 1 && io_calls().pread64(s->fd, next, sizeof next, pos) == kEntryHeadSize)
+            *next_cluster_id = le32_load(next);
     }
     return kIndexEntrySize;
 }
@@ -483,13 +484,13 @@ namespace {
 // otherwise the step is undone (false, -1 to the caller). Seek failures are reported.
 enum class StepBack { ok, before_header, failed };
 StepBack step_back_entry(handle_slot *s) {
-    const int64_t pos = lseek64(s->fd, -kIndexEntrySize, SEEK_CUR);
+    const int64_t pos = io_calls().lseek64(s->fd, -kIndexEntrySize, SEEK_CUR);
     if (pos < 1) {
-        report_errno("leek64");
+        report_errno("lseek64");
         return StepBack::failed;
     }
     if (pos >= sizeof_recordinfo(s->info)) return StepBack::ok;
-    lseek64(s->fd, kIndexEntrySize, SEEK_CUR);
+    io_calls().lseek64(s->fd, kIndexEntrySize, SEEK_CUR);
     return StepBack::before_header;
 }
 
@@ -538,7 +539,7 @@ int index_init(void) {
 
 void index_exit(void) {
     for (handle_slot &s : g_idx_ctx) {
-        if (s.fd > 0) close(s.fd);
+        if (s.fd > 0) io_calls().close(s.fd);
         free(s.info);
         free(s.ext);
     }
@@ -573,7 +574,7 @@ int do_index_take_slot() {
 void do_index_release(int handle) {
     if (!valid_handle(handle)) return;
     handle_slot &s = g_idx_ctx[handle];
-    if (s.fd >= 0) close(s.fd);
+    if (s.fd >= 0) io_calls().close(s.fd);
     free(s.ext);
     free(s.info);
     s = handle_slot{-1, 0, 0, nullptr, nullptr};
@@ -613,7 +614,7 @@ int create_header(int handle, const index_open_args &a, const char *name) {
     if (n != sizeof_recordinfo(info)) {
         FS_LOG_ERR("short header write:%d of %d bytes\n", static_cast<int>(n),
                    sizeof_recordinfo(info));
-        if (!a.existed && unlink(name) != 0) report_errno("unlink");
+        if (!a.existed && io_calls().unlink(name) != 0) report_errno("unlink");
         do_index_release(handle);
         return -1;
     }
@@ -649,24 +650,24 @@ enum class LastFrames { found, none, failed };
 LastFrames find_last_frames(handle_slot &s, int64_t hdr, int64_t *entry, kframe *frames,
                             uint32_t *count) {
     struct stat64 st;
-    if (fstat64(s.fd, &st) != 0) {
+    if (io_calls().fstat64(s.fd, &st) != 0) {
         perror("stat");
         return LastFrames::failed;
     }
     for (int64_t k = (static_cast<int64_t>(st.st_size) - hdr) / kIndexEntrySize - 1; k >= 0; --k) {
-        if (lseek64(s.fd, hdr + kIndexEntrySize * k, SEEK_SET) < 0) {
+        if (io_calls().lseek64(s.fd, hdr + kIndexEntrySize * k, SEEK_SET) < 0) {
             perror("leek64");
             return LastFrames::failed;
         }
         uint8_t head[kEntryHeadSize];
-        if (read(s.fd, head, sizeof head) != kEntryHeadSize) {
+        if (io_calls().read(s.fd, head, sizeof head) != kEntryHeadSize) {
             perror("idx read eof");
             return LastFrames::failed;
         }
-        const uint32_t c = get_u32(head + 8);
+        const uint32_t c = le32_load(head + 8);
         if (c < 1 || c > static_cast<uint32_t>(kMaxKframes)) continue;
         uint8_t table[kFramesSize];
-        if (read(s.fd, table, sizeof table) != kFramesSize) {
+        if (io_calls().read(s.fd, table, sizeof table) != kFramesSize) {
             perror("info read eof");
             return LastFrames::failed;
         }
@@ -681,7 +682,7 @@ LastFrames find_last_frames(handle_slot &s, int64_t hdr, int64_t *entry, kframe 
 // The repair failed: the file is still opened, positioned at its first entry.
 int repair_failed(int handle, int64_t hdr, const index_open_args &a) {
     handle_slot &s = g_idx_ctx[handle];
-    lseek64(s.fd, hdr, SEEK_SET);
+    io_calls().lseek64(s.fd, hdr, SEEK_SET);
     char t1[kTextBuf], t2[kTextBuf];
     FS_LOG_ERR("try to fix end time %s - %s err,entering the failed process...\n",
                asc_text(s.info->start_time, t1), asc_text(s.info->end_time, t2));
@@ -720,17 +721,17 @@ int repair_header(int handle, const index_open_args &a) {
     if (held) {
         FS_LOG_INFO("start:%s end:%s", asc_text(info->start_time, t1),
                     asc_text(info->end_time, t2));
-        if (lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
+        if (io_calls().lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
     } else {
         FS_LOG_INFO("try to fix start:%s end:%s...", asc_text(info->start_time, t1),
                     asc_text(info->end_time, t2));
-        if (lseek64(s.fd, 0, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
+        if (io_calls().lseek64(s.fd, 0, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
         if (write_recordinfo(a.disk_id, s.fd, info, nullptr, nullptr, &s) <= 0) {
             perror("write");
             return repair_failed(handle, hdr, a);
         }
         // The plain header ends before an extension area: entries start after it.
-        if (lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
+        if (io_calls().lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
         FS_LOG_PLAIN("done\n");
     }
     info->open_flags = static_cast<uint32_t>(a.flags);
@@ -758,14 +759,14 @@ int repair_short_header(int handle, const index_open_args &a, ssize_t n) {
     info->end_time = info->start_time;
     info->open_flags = static_cast<uint32_t>(a.flags);  // the flags read are the cut writer's
     if (!writer_holds(a)) {
-        if (lseek64(s.fd, 0, SEEK_SET) < 0 ||
+        if (io_calls().lseek64(s.fd, 0, SEEK_SET) < 0 ||
             write_recordinfo(a.disk_id, s.fd, info, nullptr, nullptr, &s) <= 0 ||
-            ftruncate64(s.fd, hdr) != 0) {
+            io_calls().ftruncate64(s.fd, hdr) != 0) {
             report_errno("write");
             return repair_failed(handle, hdr, a);
         }
     }
-    if (lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
+    if (io_calls().lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
     FS_LOG_WARN("short header:%d of %d bytes, repaired\n", static_cast<int>(n),
                 static_cast<int>(hdr));
     return handle;
@@ -808,12 +809,12 @@ int do_index_setup(int handle, int fd, const index_open_args &a) {
 int do_index_attach(int fd, const index_open_args &args) {
     if (fd < 0 || !valid_disk_id(args.disk_id) || args.start == nullptr) {
         FS_LOG_ERR("invalid param");
-        if (fd >= 0) close(fd);
+        if (fd >= 0) io_calls().close(fd);
         return -1;
     }
     const int handle = do_index_take_slot();
     if (handle < 0) {
-        if (fd >= 0) close(fd);
+        if (fd >= 0) io_calls().close(fd);
         return -1;
     }
     return do_index_setup(handle, fd, args);
@@ -852,10 +853,10 @@ int index_open(int disk_id, uint32_t block_id, const struct tm *start, int chann
     char name[kPathLen] = {}, dir[kPathLen] = {};
     mk_idx_fullname(disk_id, name, sizeof name, channel, start, type);
     mk_idx_fullpath(disk_id, dir, sizeof dir, channel, start, type);
-    a.existed = access(name, F_OK) == 0;
+    a.existed = io_calls().access(name, F_OK) == 0;
     if (!a.existed) mkdir_recursive(dir);
 
-    const int fd = open(name, a.flags | O_LARGEFILE, kFileMode);
+    const int fd = io_calls().open(name, a.flags | O_LARGEFILE, kFileMode);
     if (fd < 0) {
         char t[kTextBuf];
         FS_LOG_ERR("channel :%d,time:%s,name:%s\n", channel, asc_text(*start, t), name);
@@ -881,14 +882,14 @@ void index_close(int handle, const struct tm *end) {
         char t[kTextBuf];
         FS_LOG_PLAIN("close channel:%d type:%d fd:%d endtime:%s\n", static_cast<int>(info->channel),
                      static_cast<int>(info->type), s->fd, xx_text(info->end_time, t));
-        if (lseek64(s->fd, 0, SEEK_SET) < 0) report_errno("leek64");
+        if (io_calls().lseek64(s->fd, 0, SEEK_SET) < 0) report_errno("lseek64");
         if (write_recordinfo(static_cast<int>(info->disk_id), s->fd, info, nullptr, nullptr, s) <=
             0)
             report_errno("write");
         struct tm st = tm_of(info->start_time);
         struct tm et = tm_of(info->end_time);
         struct timeval times[2] = {{mktime(&st), 0}, {mktime(&et), 0}};
-        if (futimes(s->fd, times) != 0) perror("futimes");
+        if (io_calls().futimes(s->fd, times) != 0) perror("futimes");
     }
     do_index_release(handle);
 }
@@ -970,7 +971,7 @@ int index_write_info(int handle) {
 
 int index_flush_info(int handle) {
     if (index_write_info(handle) > 0) {
-        if (fsync(g_idx_ctx[handle].fd) == 0) return 0;
+        if (io_calls().fsync(g_idx_ctx[handle].fd) == 0) return 0;
         report_errno("fsync");
         return -1;
     }
@@ -1048,7 +1049,7 @@ int index_del(int disk_id, const struct tm *start, int channel, int type) {
     }
     char name[kPathLen] = {};
     mk_idx_fullname(disk_id, name, sizeof name, channel, start, type);
-    if (remove(name) != 0) {
+    if (io_calls().remove(name) != 0) {
         report_errno("remove");
         return -1;
     }
@@ -1092,15 +1093,15 @@ int index_write_magic(int disk_id) {
     }
     char path[kPathLen] = {};
     const bool named = magic_path(disk_id, path);
-    FdGuard fd(named ? open(path, O_RDWR | O_CREAT, kFileMode) : -1);
+    FdGuard fd(named ? io_calls().open(path, O_RDWR | O_CREAT, kFileMode) : -1);
     if (fd.get() < 0) {
         FS_LOG_ERR("diskid:%d open magic :%s err\n", disk_id, path);
         perror("open");
         return -1;
     }
     uint8_t bytes[4];
-    put_u32(bytes, RECSTORE_MAGIC_V7);
-    if (write(fd.get(), bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes)) {
+    le32_store(bytes, RECSTORE_MAGIC_V7);
+    if (io_calls().write(fd.get(), bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes)) {
         FS_LOG_ERR("write magic err");
         return -1;
     }
@@ -1114,17 +1115,17 @@ int index_check_magic(int disk_id) {
     }
     char path[kPathLen] = {};
     const bool named = magic_path(disk_id, path);
-    FdGuard fd(named ? open(path, O_RDONLY) : -1);
+    FdGuard fd(named ? io_calls().open(path, O_RDONLY, 0) : -1);
     if (fd.get() < 0) {
         FS_LOG_ERR("open magic :%s err", path);
         return -1;
     }
     uint8_t bytes[4];
-    if (read(fd.get(), bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes)) {
+    if (io_calls().read(fd.get(), bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes)) {
         FS_LOG_ERR("read magic err");
         return -1;
     }
-    const uint32_t value = get_u32(bytes);
+    const uint32_t value = le32_load(bytes);
     if (!known_magic(value)) {
         FS_LOG_ERR("magic number is not matched");
         return -1;
@@ -1141,11 +1142,11 @@ void index_erase_magic(int disk_id) {
     char path[kPathLen] = {};
     if (!magic_path(disk_id, path)) return;
     for (int i = 0; i < kEraseMagicTries; ++i) {
-        if (access(path, F_OK) != 0 && errno == ENOENT) return;
+        if (io_calls().access(path, F_OK) != 0 && errno == ENOENT) return;
         FS_LOG_INFO("remove magic file:%s", path);
         remove_file(path, kRemoveAll);
         remove_file(path, kRemoveAll);
-        sync();
+        io_calls().sync();
     }
     FS_LOG_ERR("index_erase_magic %s reach max retry", path);
 }
@@ -1159,7 +1160,7 @@ int index_isfull(int disk_id) {
     char root[kPathLen] = {};
     idx_root(disk_id, root, sizeof root);
     struct statfs st;
-    if (statfs(root, &st) != 0) return 0;
+    if (io_calls().statfs(root, &st) != 0) return 0;
     const uint64_t free_bytes = static_cast<uint64_t>(st.f_bsize) * st.f_bfree;
     const long free_blocks = static_cast<long>(st.f_bfree);
     const long free_inodes = static_cast<long>(st.f_ffree);
@@ -1253,8 +1254,8 @@ Peek peek_entry(int handle) {
 }
 
 bool step_entry(int fd, int64_t delta) {
-    if (lseek64(fd, delta, SEEK_CUR) < 0) {
-        report_errno("leek64");
+    if (io_calls().lseek64(fd, delta, SEEK_CUR) < 0) {
+        report_errno("lseek64");
         return false;
     }
     return true;
@@ -1340,8 +1341,8 @@ int64_t index_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out
     FS_LOG_INFO("lseek mod :%d offset :%lld", whence, static_cast<long long>(offset));
     if (whence == SEEK_SET) {
         if (offset < 0) return -1;
-        if (lseek64(s->fd, sizeof_recordinfo(s->info), SEEK_SET) < 0) {
-            report_errno("leek64");
+        if (io_calls().lseek64(s->fd, sizeof_recordinfo(s->info), SEEK_SET) < 0) {
+            report_errno("lseek64");
             return -1;
         }
         return lseek_forward(handle, offset, false, offset_out);
@@ -1400,8 +1401,8 @@ int64_t tseek_absolute(int handle, int32_t sec, int32_t *seq) {
                    static_cast<long>(secs_of(info->end_time)));
         return -1;
     }
-    if (lseek64(s.fd, sizeof_recordinfo(info), SEEK_SET) < 0) {
-        report_errno("leek64");
+    if (io_calls().lseek64(s.fd, sizeof_recordinfo(info), SEEK_SET) < 0) {
+        report_errno("lseek64");
         return -1;
     }
     bool first = true;

@@ -38,7 +38,17 @@
 #include "fs.h"
 #include "fs_tools.h"
 
+using recstore::io_dprintf;
 using recstore::MutexGuard;
+
+// The build time printed at start: the compiler's own, unless the build gives a fixed one
+// (reproducible builds, in the same formats "Mmm dd yyyy" and "hh:mm:ss").
+#ifndef RECSTORE_BUILD_DATE
+#define RECSTORE_BUILD_DATE __DATE__
+#endif
+#ifndef RECSTORE_BUILD_TIME
+#define RECSTORE_BUILD_TIME __TIME__
+#endif
 
 rec_ctx g_recctx;
 char g_devname[RECSTORE_PROBE_MAX][RECSTORE_PATH_LEN];
@@ -338,7 +348,7 @@ int rec_init(int cache_inodes, unsigned cache_mib_per_disk, int mode_flags) {
     store(g_recctx.overlap, 1);
     store(g_recctx.period, -1);
     store(g_recctx.force, 0);
-    FS_LOG_PLAIN("filesystem compile at %s %s\n", __DATE__, __TIME__);
+    FS_LOG_PLAIN("filesystem compile at %s %s\n", RECSTORE_BUILD_DATE, RECSTORE_BUILD_TIME);
     return 0;
 }
 
@@ -489,15 +499,15 @@ int rec_unlockdisk(void) {
 
 void rec_dump(int fd) {
     if (fd < 0) return;
-    dprintf(fd, "inited?:%d curdiskid:%d alldiskfull?:%d\n", load(g_recctx.inited),
-            load(g_recctx.curdiskid), fs_isalldiskfull(-1, recstore::kRecFullRemain));
+    io_dprintf(fd, "inited?:%d curdiskid:%d alldiskfull?:%d\n", load(g_recctx.inited),
+               load(g_recctx.curdiskid), fs_isalldiskfull(-1, recstore::kRecFullRemain));
     ProbeList list;
     if (!probe(list)) return;
     for (int i = 0; i < list.count; i++) {
         const char *dev = list.names[i];
         const int disk = fs_diskid(dev);
-        dprintf(fd, "probe disk:%s diskid:%d version:%s mounted?:%d\n", dev, disk, fs_version(disk),
-                fs_ismounted(dev));
+        io_dprintf(fd, "probe disk:%s diskid:%d version:%s mounted?:%d\n", dev, disk,
+                   fs_version(disk), fs_ismounted(dev));
         cache_dump(fd, disk);
         fs_dump(fd, disk);
     }

@@ -2,6 +2,7 @@
 #include "cli.h"
 
 #include <fcntl.h>
+#include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,7 +10,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <climits>
 
+#include "recstore.h"
 #include "rig.h"
 
 namespace tool {
@@ -23,51 +27,67 @@ std::string Args::value(const std::string &name, const std::string &fallback) co
     return it == values.end() ? fallback : it->second;
 }
 
-namespace {
-
-bool listed(const std::vector<std::string> &list, const std::string &word) {
-    return std::find(list.begin(), list.end(), word) != list.end();
-}
-
-}  // namespace
-
 bool parse_args(int argc, char **argv, const std::vector<std::string> &value_options,
                 const std::vector<std::string> &flags, Args *out, std::string *error) {
-    for (int i = 1; i < argc; i++) {
-        std::string word = argv[i];
-        if (word.size() < 2 || word[0] != '-') {
-            out->words.push_back(word);
-            continue;
-        }
-        std::string value;
-        bool inline_value = false;
-        const size_t eq = word.find('=');
-        if (eq != std::string::npos) {
-            value = word.substr(eq + 1);
-            word = word.substr(0, eq);
-            inline_value = true;
-        }
-        if (listed(flags, word) && !inline_value) {
-            out->flags.push_back(word);
-        } else if (listed(value_options, word)) {
-            if (!inline_value) {
-                if (i + 1 >= argc) {
-                    *error = "option " + word + " needs a value";
-                    return false;
-                }
-                value = argv[++i];
+    // Option i is returned as kFirstOption + i (above every character code); the names keep the
+    // dashes, the table takes them without.
+    constexpr int kFirstOption = 256;
+    std::vector<std::string> names;
+    std::vector<struct option> table;
+    for (const std::string &v : value_options) names.push_back(v);
+    for (const std::string &f : flags) names.push_back(f);
+    for (size_t i = 0; i < names.size(); i++) {
+        const bool takes_value = i < value_options.size();
+        table.push_back({names[i].c_str() + 2, takes_value ? required_argument : no_argument,
+                         nullptr, kFirstOption + static_cast<int>(i)});
+    }
+    table.push_back({nullptr, 0, nullptr, 0});
+    auto option_name = [&](int code) -> const std::string * {
+        const int i = code - kFirstOption;
+        return i >= 0 && static_cast<size_t>(i) < names.size() ? &names[static_cast<size_t>(i)]
+                                                               : nullptr;
+    };
+    // getopt_long keeps its position in globals: start from scratch on every call. "-" hands
+    // the words back in order (whatever POSIXLY_CORRECT says), ":" leaves the errors to us.
+    optind = 0;
+    opterr = 0;
+    int c;
+    while ((c = getopt_long(argc, argv, "-:", table.data(), nullptr)) != -1) {
+        const std::string word = argv[optind - 1] == nullptr ? "" : argv[optind - 1];
+        if (c == 1) {
+            out->words.push_back(optarg);
+        } else if (const std::string *name = option_name(c)) {
+            if (static_cast<size_t>(c - kFirstOption) < value_options.size()) {
+                out->values[*name] = optarg;
+            } else {
+                out->flags.push_back(*name);
             }
-            out->values[word] = value;
+        } else if (c == ':') {
+            const std::string *name = option_name(optopt);
+            *error = "option " + (name ? *name : word) + " needs a value";
+            return false;
+        } else if (const std::string *flag = option_name(optopt)) {
+            *error = "option " + *flag + " takes no value";
+            return false;
+        } else if (optopt != 0) {
+            *error = std::string("unknown option \"-") + static_cast<char>(optopt) + "\"";
+            return false;
         } else {
-            *error = "unknown option \"" + word + "\"";
+            *error = "unknown option \"" + word.substr(0, word.find('=')) + "\"";
             return false;
         }
     }
+    for (int i = optind; i < argc; i++) out->words.push_back(argv[i]);
     return true;
+}
+
+std::string version_line() {
+    return std::string("recstore ") + recstore_version();
 }
 
 bool wants_help(int argc, char **argv) {
     for (int i = 1; i < argc; i++) {
+        if (strcmp(argv[i], "--") == 0) return false;  // words only from here on
         if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) return true;
     }
     return false;
@@ -185,6 +205,111 @@ bool is_root() {
 bool in_rig() {
     const char *dir = getenv("RECSTORE_RIG_DIR");
     return dir != nullptr && dir[0] != '\0' && is_root() && rig::active();
+}
+
+namespace {
+
+std::string g_start_dir;  // the working directory the tool was started in
+
+// The library's messages, on standard error: plain ones as they are, the others after the name
+// of the part of the library that printed them.
+void log_to_stderr(void *, uint32_t level, const char *module, const char *text) {
+    if (level == RECSTORE_LOG_PLAIN) {
+        fputs(text, stderr);
+    } else {
+        fprintf(stderr, "[%s] %s", module, text);
+    }
+}
+
+}  // namespace
+
+void prepare_process() {
+    fflush(stdout);
+    const int own = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    FILE *out = own >= 0 ? fdopen(own, "w") : nullptr;
+    if (out != nullptr && dup2(STDERR_FILENO, STDOUT_FILENO) == STDOUT_FILENO) {
+        stdout = out;
+    } else if (out != nullptr) {
+        fclose(out);
+    }
+    recstore_set_log_handler(log_to_stderr, nullptr);
+    char dir[PATH_MAX];
+    if (getcwd(dir, sizeof dir) != nullptr) g_start_dir = dir;
+    if (chdir("/") != 0) perror("recstore: chdir /");
+}
+
+std::string from_start_dir(const std::string &path) {
+    if (path.empty() || path[0] == '/' || g_start_dir.empty()) return path;
+    return g_start_dir + "/" + path;
+}
+
+ProgressLine::ProgressLine(FILE *out) : out_(out), terminal_(isatty(fileno(out)) == 1) {}
+
+void ProgressLine::update(const std::string &text) {
+    if (!terminal_) return;
+    // Spaces wipe what a longer line before left behind.
+    const size_t pad = width_ > text.size() ? width_ - text.size() : 0;
+    fprintf(out_, "\r%s%*s", text.c_str(), static_cast<int>(pad), "");
+    fflush(out_);
+    width_ = text.size();
+    dirty_ = true;
+}
+
+void ProgressLine::finish() {
+    if (!dirty_) return;
+    fputc('\n', out_);
+    fflush(out_);
+    dirty_ = false;
+    width_ = 0;
+}
+
+ProgressTicker::ProgressTicker(FILE *out, const std::string &label) : line_(out), label_(label) {
+    if (!line_.shown()) return;
+    thread_ = std::thread([this] {
+        const auto start = std::chrono::steady_clock::now();
+        std::unique_lock<std::mutex> hold(lock_);
+        for (long seconds = 0; !stopping_; seconds++) {
+            line_.update(label_ + ": " + std::to_string(seconds) + " s");
+            wake_.wait_until(hold, start + std::chrono::seconds(seconds + 1),
+                             [this] { return stopping_; });
+        }
+        line_.finish();
+    });
+}
+
+ProgressTicker::~ProgressTicker() {
+    stop();
+}
+
+void ProgressTicker::stop() {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (thread_.joinable()) thread_.join();
+}
+
+std::string json_string(const std::string &text) {
+    std::string out = "\"";
+    for (const char ch : text) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += ch;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20) {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += ch;
+        }
+    }
+    return out + "\"";
 }
 
 int run_command(const std::vector<std::string> &argv, std::string *output) {

@@ -3,11 +3,15 @@
 #ifndef RECSTORE_TOOL_CLI_H
 #define RECSTORE_TOOL_CLI_H
 
+#include <stdio.h>
 #include <time.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace tool {
@@ -15,6 +19,13 @@ namespace tool {
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
+
+// Exit status of check, as file-system checkers give it: the bits add up.
+constexpr int kCheckClean = 0;        // nothing found
+constexpr int kCheckFixed = 1;        // inconsistencies found and all of them repaired
+constexpr int kCheckLeft = 4;         // inconsistencies left (found without --repair, or unfixable)
+constexpr int kCheckOperational = 8;  // the disk could not be read or checked
+constexpr int kCheckUsage = 16;       // usage error
 
 constexpr uint64_t kMiB = 1024ull * 1024;
 constexpr uint64_t kGiB = 1024 * kMiB;
@@ -28,13 +39,17 @@ struct Args {
     std::string value(const std::string &name, const std::string &fallback = "") const;
 };
 
-// Parses argv[1..] of a subcommand. value_options take the next word ("--seconds 5" or
-// "--seconds=5"); flags take none. Unknown options or a missing value: false and *error says
-// which.
+// Parses argv[1..] of a subcommand with getopt_long. value_options take the next word
+// ("--seconds 5" or "--seconds=5"); flags take none. Options and words may be mixed; after "--"
+// everything is a word. Unknown options, a missing value or a value given to a flag: false and
+// *error says which.
 bool parse_args(int argc, char **argv, const std::vector<std::string> &value_options,
                 const std::vector<std::string> &flags, Args *out, std::string *error);
 
-// True when --help or -h is among the arguments.
+// "recstore 0.1.0": the tool's name and the version of the library it runs on.
+std::string version_line();
+
+// True when --help or -h is among the arguments (before a "--").
 bool wants_help(int argc, char **argv);
 
 // Prints "recstore CMD: message" and the pointer to --help on stderr; returns kExitUsage.
@@ -66,6 +81,55 @@ bool disk_node(const std::string &dev, int *disk);
 bool is_root();
 // True inside the disk rig's private namespace (tests/rig/rig-run).
 bool in_rig();
+
+// Prepares the process for the subcommands: the library's messages go to standard error, and
+// so does everything else written to descriptor 1 (the external commands the library runs):
+// standard output carries the tool's own output only, e.g. JSON. Then the working directory
+// becomes "/" (the library looks for external tools in the working directory first), after
+// remembering the one the tool was started in.
+void prepare_process();
+// A path given on the command line, made absolute against the directory the tool started in.
+std::string from_start_dir(const std::string &path);
+
+// A progress line rewritten in place (carriage return) while out is a terminal; nothing at all
+// when it is not, so that logs and pipes never receive carriage returns.
+class ProgressLine {
+  public:
+    explicit ProgressLine(FILE *out);
+    bool shown() const { return terminal_; }
+    void update(const std::string &text);
+    // Ends the line (a newline when anything was shown).
+    void finish();
+
+  private:
+    FILE *out_;
+    bool terminal_;
+    bool dirty_ = false;
+    size_t width_ = 0;
+};
+
+// While it lives, a progress line "LABEL: N s" on a terminal, updated every second from a
+// thread of its own (for single long steps such as formatting a disk or reading the maps of a
+// large one). Nothing when out is not a terminal. stop() ends the line before the result.
+class ProgressTicker {
+  public:
+    ProgressTicker(FILE *out, const std::string &label);
+    ~ProgressTicker();
+    ProgressTicker(const ProgressTicker &) = delete;
+    ProgressTicker &operator=(const ProgressTicker &) = delete;
+    void stop();
+
+  private:
+    ProgressLine line_;
+    std::string label_;
+    std::mutex lock_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+// A JSON string literal of text (quoted, with escapes).
+std::string json_string(const std::string &text);
 
 // Runs argv without a shell; its exit status, or -1 when it could not run. Output goes to
 // *output when given (standard output and error), else to the terminal.

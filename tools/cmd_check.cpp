@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bitmap.h"
+#include "cache.h"
 #include "data_zone.h"
 #include "cli.h"
 #include "commands.h"
@@ -24,13 +25,19 @@ namespace tool {
 namespace {
 
 constexpr const char *kCmd = "check";
-constexpr size_t kTagBytes = 8;
+constexpr size_t kTagBytes = recstore::kCacheTagSize;
 
 // One inconsistency: its kind (a short word scripts can look for) and what was found.
 struct Finding {
     std::string kind;
     std::string text;
     bool repairable = false;
+};
+
+// One repair attempt: whether it worked and what was done (or why not).
+struct Repair {
+    bool done = false;
+    std::string text;
 };
 
 // A cache file and its tags.
@@ -52,8 +59,10 @@ class Checker {
         check_block_map();
     }
     void check_cache(const std::string &cache_root);
+    // Repairs what is safe; the number of repairs that failed. Each attempt is in repairs().
     int repair();
     const std::vector<Finding> &findings() const { return findings_; }
+    const std::vector<Repair> &repairs() const { return repairs_; }
 
   private:
     void add(const char *kind, const std::string &text, bool repairable = false) {
@@ -76,6 +85,7 @@ class Checker {
     std::map<uint32_t, std::vector<std::string>> refs_;  // cluster -> "file entry i"
     std::vector<std::string> stale_links_;
     std::vector<CacheFile> cache_rewrites_;
+    std::vector<Repair> repairs_;
 };
 
 void Checker::check_magic() {
@@ -260,12 +270,11 @@ uint64_t Checker::expected_tag(const Recording &r) const {
 }
 
 bool read_tags(const std::string &path, std::vector<uint64_t> *tags) {
-    recstore::FdGuard fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    recstore::PlainFdGuard fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) return false;
     unsigned char b[kTagBytes];
     while (read(fd.get(), b, sizeof b) == static_cast<ssize_t>(sizeof b)) {
-        tags->push_back(static_cast<uint64_t>(recstore::le32_load(b + 4)) << 32 |
-                        recstore::le32_load(b));
+        tags->push_back(recstore::le64_load(b));
     }
     return true;
 }
@@ -381,12 +390,11 @@ bool write_tags(const CacheFile &f) {
     if (f.tags.empty()) return unlink(f.path.c_str()) == 0;
     const std::string tmp = dir + "/cachetmp";
     {
-        recstore::FdGuard fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        recstore::PlainFdGuard fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (fd.get() < 0) return false;
         for (uint64_t tag : f.tags) {
             unsigned char b[kTagBytes];
-            recstore::le32_store(b, static_cast<uint32_t>(tag));
-            recstore::le32_store(b + 4, static_cast<uint32_t>(tag >> 32));
+            recstore::le64_store(b, tag);
             if (write(fd.get(), b, sizeof b) != static_cast<ssize_t>(sizeof b)) return false;
         }
     }
@@ -395,21 +403,23 @@ bool write_tags(const CacheFile &f) {
 
 int Checker::repair() {
     int failed = 0;
+    auto done = [this, &failed](bool ok, const std::string &text) {
+        repairs_.push_back({ok, text});
+        failed += ok ? 0 : 1;
+    };
     for (const std::string &l : stale_links_) {
         if (unlink(l.c_str()) == 0) {
-            printf("repaired: removed the stale link %s\n", l.c_str());
+            done(true, "removed the stale link " + l);
         } else {
-            printf("NOT repaired: cannot remove %s: %s\n", l.c_str(), strerror(errno));
-            failed++;
+            done(false, "cannot remove " + l + ": " + strerror(errno));
         }
     }
     for (const CacheFile &f : cache_rewrites_) {
         if (write_tags(f)) {
-            printf("repaired: rewrote %s with %zu tag(s) taken from the index files\n",
-                   f.path.c_str(), f.tags.size());
+            done(true, "rewrote " + f.path + " with " + std::to_string(f.tags.size()) +
+                           " tag(s) taken from the index files");
         } else {
-            printf("NOT repaired: cannot rewrite %s: %s\n", f.path.c_str(), strerror(errno));
-            failed++;
+            done(false, "cannot rewrite " + f.path + ": " + strerror(errno));
         }
     }
     return failed;
@@ -417,7 +427,7 @@ int Checker::repair() {
 
 void help() {
     printf(
-        "usage: recstore check DEV [--repair]\n\n"
+        "usage: recstore check [--repair] [--json] DEV\n\n"
         "Checks one disk (DEV is /dev/hd/sda ... /dev/hd/sdh) and reports every inconsistency\n"
         "between its data maps, its index files, its links and the cache:\n"
         "  - every busy cluster is referenced by exactly one index entry;\n"
@@ -433,9 +443,73 @@ void help() {
         "mounted read-only there for the check (root). Run it on a disk that is not being\n"
         "recorded to: an open recording's cache tag lags behind its index file.\n\n"
         "  --repair   fix what is safe: remove stale links, rewrite stale cache tags from the\n"
-        "             index files. Everything else is only reported.\n\n"
-        "exit status: 0 consistent, 1 inconsistencies found (or left after --repair) or the\n"
-        "disk could not be read, 2 usage.\n");
+        "             index files. Everything else is only reported.\n"
+        "  --json     print the result as one JSON object (device, counts, findings with kind,\n"
+        "             text and repairable, repairs, left, status) instead of the text.\n\n"
+        "exit status, as file-system checkers give it:\n"
+        "  0   no inconsistency\n"
+        "  1   inconsistencies found and all of them repaired (--repair)\n"
+        "  4   inconsistencies left: found without --repair, or not repairable\n"
+        "  8   operational error: the disk or one of its partitions could not be read\n"
+        "  16  usage error\n");
+}
+
+// The check's outcome as text, the way people read it.
+void print_text(const std::string &dev, const ZoneMaps &zone, const IndexTree &tree,
+                const std::string &cache, const Checker &checker, bool repaired, int left) {
+    printf("checked %s: %u blocks in the data zone, %zu index files, %zu links, cache %s\n",
+           dev.c_str(), zone.block_count, tree.recordings.size(), tree.links.size(),
+           cache.empty() ? "not mounted (not checked)" : cache.c_str());
+    int repairable = 0;
+    for (const Finding &f : checker.findings()) {
+        printf("inconsistency [%s] %s\n", f.kind.c_str(), f.text.c_str());
+        repairable += f.repairable ? 1 : 0;
+    }
+    const int found = static_cast<int>(checker.findings().size());
+    printf("%d inconsistenc%s found", found, found == 1 ? "y" : "ies");
+    if (found > 0) printf(" (%d of them repairable with --repair)", repairable);
+    printf("\n");
+    if (!repaired) return;
+    for (const Repair &r : checker.repairs()) {
+        printf("%s: %s\n", r.done ? "repaired" : "NOT repaired", r.text.c_str());
+    }
+    printf("%d inconsistenc%s left after repair\n", left, left == 1 ? "y" : "ies");
+}
+
+// The same as one JSON object.
+void print_json(const std::string &dev, const ZoneMaps &zone, const IndexTree &tree,
+                const std::string &cache, const Checker &checker, bool repaired, int left,
+                int status) {
+    printf("{\n  \"device\": %s,\n  \"blocks\": %u,\n  \"index_files\": %zu,\n  \"links\": %zu,\n",
+           json_string(dev).c_str(), zone.block_count, tree.recordings.size(), tree.links.size());
+    printf("  \"cache\": %s,\n  \"findings\": [",
+           cache.empty() ? "null" : json_string(cache).c_str());
+    const std::vector<Finding> &findings = checker.findings();
+    for (size_t i = 0; i < findings.size(); i++) {
+        printf("%s\n    {\"kind\": %s, \"text\": %s, \"repairable\": %s}", i == 0 ? "" : ",",
+               json_string(findings[i].kind).c_str(), json_string(findings[i].text).c_str(),
+               findings[i].repairable ? "true" : "false");
+    }
+    printf("%s],\n  \"repairs\": [", findings.empty() ? "" : "\n  ");
+    const std::vector<Repair> &repairs = checker.repairs();
+    for (size_t i = 0; i < repairs.size(); i++) {
+        printf("%s\n    {\"done\": %s, \"text\": %s}", i == 0 ? "" : ",",
+               repairs[i].done ? "true" : "false", json_string(repairs[i].text).c_str());
+    }
+    printf("%s],\n  \"found\": %zu,\n  \"repaired\": %s,\n  \"left\": %d,\n  \"status\": %d\n}\n",
+           repairs.empty() ? "" : "\n  ", findings.size(), repaired ? "true" : "false", left,
+           status);
+}
+
+// Reports a failure to read or check the disk.
+int operational(const std::string &message) {
+    failure(kCmd, message);
+    return kCheckOperational;
+}
+
+int usage(const std::string &message) {
+    usage_error(kCmd, message);
+    return kCheckUsage;
 }
 
 }  // namespace
@@ -450,41 +524,40 @@ int cmd_check(int argc, char **argv) {
     }
     Args args;
     std::string error;
-    if (!parse_args(argc, argv, {}, {"--repair"}, &args, &error)) return usage_error(kCmd, error);
-    if (args.words.size() != 1) return usage_error(kCmd, "give exactly one disk, e.g. /dev/hd/sda");
+    if (!parse_args(argc, argv, {}, {"--repair", "--json"}, &args, &error)) return usage(error);
+    if (args.words.size() != 1) return usage("give exactly one disk, e.g. /dev/hd/sda");
     const std::string dev = args.words[0];
     int disk = -1;
     if (!disk_node(dev, &disk)) {
-        return usage_error(kCmd,
-                           "\"" + dev + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh");
+        return usage("\"" + dev + "\" is not a disk node: use /dev/hd/sda ... /dev/hd/sdh");
     }
     const bool repair = args.has("--repair");
     // Nothing is mounted for a disk that is not there.
     if (access(dev.c_str(), F_OK) != 0) {
-        return failure(kCmd, dev +
-                                 " does not exist: is the disk plugged in? On a development "
-                                 "machine run the tool inside the disk rig");
+        return operational(dev +
+                           " does not exist: is the disk plugged in? On a development machine "
+                           "run the tool inside the disk rig");
     }
 
+    ProgressTicker ticker(stdout, "checking " + dev);
     char mnt[RECSTORE_PATH_LEN];
     mount_point(dev.c_str(), mnt, sizeof mnt);
     IndexMount index;
-    if (!index.open(dev + "2", mnt, repair, &error)) return failure(kCmd, error);
+    if (!index.open(dev + "2", mnt, repair, &error)) return operational(error);
     IndexTree tree;
-    if (!load_index_tree(mnt, disk, &tree, &error)) return failure(kCmd, error);
+    if (!load_index_tree(mnt, disk, &tree, &error)) return operational(error);
     ZoneMaps zone;
     {
         const std::string part = dev + "3";
-        recstore::FdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
+        recstore::PlainFdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
         if (fd.get() < 0) {
-            return failure(kCmd, "cannot open the data partition " + part + ": " + strerror(errno) +
-                                     " (is the disk plugged in and formatted?)");
+            return operational("cannot open the data partition " + part + ": " + strerror(errno) +
+                               " (is the disk plugged in and formatted?)");
         }
         const int64_t bytes = blockdev_size(disk, fd.get());
-        if (bytes <= 0) return failure(kCmd, "cannot size " + part);
-        if (!load_zone_maps(fd.get(), 0, static_cast<uint64_t>(bytes),
-                            max_disk_bytes_for(tree.magic), &zone, &error)) {
-            return failure(kCmd, part + ": " + error);
+        if (bytes <= 0) return operational("cannot size " + part);
+        if (!load_zone_maps(fd.get(), 0, static_cast<uint64_t>(bytes), tree.magic, &zone, &error)) {
+            return operational(part + ": " + error);
         }
     }
     Checker checker(zone, tree);
@@ -494,23 +567,20 @@ int cmd_check(int argc, char **argv) {
     const bool cache = stat(cache_root.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
     if (cache) checker.check_cache(cache_root);
 
-    printf("checked %s: %u blocks in the data zone, %zu index files, %zu links, cache %s\n",
-           dev.c_str(), zone.block_count, tree.recordings.size(), tree.links.size(),
-           cache ? cache_root.c_str() : "not mounted (not checked)");
     int repairable = 0;
-    for (const Finding &f : checker.findings()) {
-        printf("inconsistency [%s] %s\n", f.kind.c_str(), f.text.c_str());
-        repairable += f.repairable ? 1 : 0;
-    }
+    for (const Finding &f : checker.findings()) repairable += f.repairable ? 1 : 0;
     const int found = static_cast<int>(checker.findings().size());
-    printf("%d inconsistenc%s found", found, found == 1 ? "y" : "ies");
-    if (found > 0) printf(" (%d of them repairable with --repair)", repairable);
-    printf("\n");
-    if (!repair || found == 0) return found == 0 ? kExitOk : kExitFailed;
-    const int failed = checker.repair();
-    const int left = found - repairable + failed;
-    printf("%d inconsistenc%s left after repair\n", left, left == 1 ? "y" : "ies");
-    return left == 0 ? kExitOk : kExitFailed;
+    const bool repaired = repair && found > 0;
+    int left = found;
+    if (repaired) left = found - repairable + checker.repair();
+    ticker.stop();
+    const int status = found == 0 ? kCheckClean : left == 0 ? kCheckFixed : kCheckLeft;
+    if (args.has("--json")) {
+        print_json(dev, zone, tree, cache ? cache_root : "", checker, repaired, left, status);
+    } else {
+        print_text(dev, zone, tree, cache ? cache_root : "", checker, repaired, left);
+    }
+    return status;
 }
 
 }  // namespace tool

@@ -24,6 +24,7 @@
 #include "aging.h"
 #include "cli.h"
 #include "commands.h"
+#include "fs_tools.h"
 #include "recorder.h"
 #include "recstore.h"
 #include "report.h"
@@ -63,9 +64,10 @@ class Terminal {
     explicit Terminal(const std::string &log) : log_(log) {
         fflush(stdout);
         fflush(stderr);
-        out_ = fdopen(dup(1), "w");
+        out_ = fdopen(dup(fileno(stdout)), "w");
         const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (fd >= 0) {
+            saved_out_ = dup(1);
             saved_err_ = dup(2);
             dup2(fd, 1);
             dup2(fd, 2);
@@ -77,8 +79,11 @@ class Terminal {
         fflush(stderr);
         if (out_ != nullptr) {
             fflush(out_);
-            dup2(fileno(out_), 1);
             fclose(out_);
+        }
+        if (saved_out_ >= 0) {
+            dup2(saved_out_, 1);
+            close(saved_out_);
         }
         if (saved_err_ >= 0) {
             dup2(saved_err_, 2);
@@ -118,6 +123,7 @@ class Terminal {
 
     std::string log_;
     FILE *out_ = nullptr;
+    int saved_out_ = -1;
     int saved_err_ = -1;
 };
 
@@ -136,18 +142,17 @@ struct Plan {
 
 // Ages a disk as if it had recorded before: sda with blocks 1 and 2 full and block 3 nearly
 // full, sdb with block 1 nearly full, so that recording changes disk after about a third of the
-// run and block after two thirds.
-void age(int disk, const std::string &part, const Plan &plan) {
+// run and block after two thirds. False with the reason in *error when a map cannot be written.
+bool age(int disk, const std::string &part, const Plan &plan, std::string *error) {
     const time_t now = time(nullptr);
     const uint32_t two_days_ago = static_cast<uint32_t>((now - 2 * kDay) >> 2);
     const uint32_t yesterday = static_cast<uint32_t>((now - kDay) >> 2);
     if (disk == 0) {
-        aging::fill_block(part.c_str(), kBlock1, 0, two_days_ago);
-        aging::fill_block(part.c_str(), kBlock2, 0, two_days_ago + 1);
-        aging::fill_block(part.c_str(), kBlock3, plan.sda_free, yesterday);
-    } else {
-        aging::fill_block(part.c_str(), kBlock1, plan.sdb_free, yesterday + 1);
+        return aging::fill_block(part.c_str(), kBlock1, 0, two_days_ago, error) &&
+               aging::fill_block(part.c_str(), kBlock2, 0, two_days_ago + 1, error) &&
+               aging::fill_block(part.c_str(), kBlock3, plan.sda_free, yesterday, error);
     }
+    return aging::fill_block(part.c_str(), kBlock1, plan.sdb_free, yesterday + 1, error);
 }
 
 struct Figures {
@@ -353,16 +358,16 @@ bool play_back(FILE *out, const std::vector<MadeRecording> &made, Figures *f) {
 // Marks every free cluster of a block's cluster map busy with `stamp`; the run's clusters keep
 // their entries.
 bool fill_free_clusters(const std::string &part, uint32_t block, uint32_t stamp) {
-    std::vector<uint32_t> map(aging::kClustersPerBlock);
-    const int fd = open(part.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) return false;
+    std::vector<unsigned char> map(aging::kClusterBytes);
+    recstore::PlainFdGuard fd(open(part.c_str(), O_RDWR | O_CLOEXEC));
+    if (fd.get() < 0) return false;
     const off64_t at = static_cast<off64_t>(block) * aging::kClusterBytes;
-    bool ok = pread64(fd, map.data(), aging::kClusterBytes, at) == aging::kClusterBytes;
-    for (uint32_t &e : map) {
-        if ((e & aging::kError) == 0) e = aging::busy_entry(stamp);
+    bool ok = pread64(fd.get(), map.data(), aging::kClusterBytes, at) == aging::kClusterBytes;
+    for (size_t k = 0; k < map.size(); k += recstore::kEntryBytes) {
+        const uint32_t e = recstore::le32_load(&map[k]);
+        if ((e & aging::kError) == 0) recstore::le32_store(&map[k], aging::busy_entry(stamp));
     }
-    ok = ok && pwrite64(fd, map.data(), aging::kClusterBytes, at) == aging::kClusterBytes;
-    close(fd);
+    ok = ok && pwrite64(fd.get(), map.data(), aging::kClusterBytes, at) == aging::kClusterBytes;
     return ok;
 }
 
@@ -420,19 +425,23 @@ bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int cha
     s.take_down(sdb, true);
     rec_unlockdisk();
     const uint32_t stamp = static_cast<uint32_t>(time(nullptr) >> 2);
+    std::string error;
     bool ok = true;
     for (uint32_t b = 1; ok && b <= info.block_count; b++) {
-        const bool busy =
-            (aging::read_entry(part.c_str(), 0, b - 1) & aging::kError) == aging::kBusy;
+        uint32_t entry = 0;
+        ok = aging::read_entry(part.c_str(), 0, b - 1, &entry, &error);
+        if (!ok) break;
+        const bool busy = (entry & aging::kError) == aging::kBusy;
         if (static_cast<int>(b) == current) {
             ok = fill_free_clusters(part, b, stamp);
-            if (ok && !busy) ok = aging::set_block_entry(part.c_str(), b, aging::busy_entry(stamp));
+            if (ok && !busy) {
+                ok = aging::set_block_entry(part.c_str(), b, aging::busy_entry(stamp), &error);
+            }
         } else if (!busy) {
-            ok = aging::fill_block(part.c_str(), b, 0, stamp);
+            ok = aging::fill_block(part.c_str(), b, 0, stamp, &error);
         }
     }
     uint32_t free_before[RECSTORE_MAX_DISKS] = {};
-    std::string error;
     ok = ok && s.bring_up(node, true, &error);
     if (!ok) {
         fprintf(out, "recstore demo: sdb could not be aged and brought up again %s\n",
@@ -506,7 +515,7 @@ void help() {
         "  - rec_init, both disks up in the plug-in order, the daemon;\n"
         "  - records N channels (default %d) of a synthetic camera stream for S seconds\n"
         "    (default %d): a key frame every 1-2 s, 2-8 Mbit/s per channel, a cluster written\n"
-        "    when the next frame would not fit; a progress line once a second;\n"
+        "    when the next frame would not fit; a progress line once a second on a terminal;\n"
         "  - plays a few recordings back by time seek and key frame, verifying every byte;\n"
         "  - searches them and prints the month view;\n"
         "  - takes sdb down, ages its free blocks full and brings it up again: with every disk\n"
@@ -569,7 +578,13 @@ int run_demo(Terminal &term, int channels, int seconds) {
         ok = s.start(&error);
         for (int i = 0; ok && i < kDisks; i++) {
             const std::string part = disks[i].node + "3";
-            ok = s.bring_up(disks[i].node, true, &error, [&, i] { age(i, part, plan); });
+            std::string aging_error;
+            ok = s.bring_up(disks[i].node, true, &error,
+                            [&, i] { age(i, part, plan, &aging_error); });
+            if (ok && !aging_error.empty()) {
+                error = aging_error;
+                ok = false;
+            }
         }
         f.bring_up_seconds = since(t0);
         ok = ok && s.start_daemon(&error);
@@ -583,15 +598,18 @@ int run_demo(Terminal &term, int channels, int seconds) {
             RecordOptions opt;
             for (int c = 0; c < channels; c++) opt.channels.push_back(c);
             opt.seconds = seconds;
-            opt.progress = [out](const RecordProgress &p) {
-                fprintf(out, "\r  %5.1f s  %2d channels  %8.1f MB  %6.1f MB/s  sd%c block %d   ",
-                        p.elapsed, p.channels, static_cast<double>(p.bytes) / 1e6,
-                        p.elapsed > 0 ? static_cast<double>(p.bytes) / 1e6 / p.elapsed : 0.0,
-                        p.disk >= 0 ? 'a' + p.disk : '?', p.block);
-                fflush(out);
+            ProgressLine progress(out);
+            opt.progress = [&progress](const RecordProgress &p) {
+                char line[160];
+                snprintf(line, sizeof line,
+                         "  %5.1f s  %2d channels  %8.1f MB  %6.1f MB/s  sd%c block %d", p.elapsed,
+                         p.channels, static_cast<double>(p.bytes) / 1e6,
+                         p.elapsed > 0 ? static_cast<double>(p.bytes) / 1e6 / p.elapsed : 0.0,
+                         p.disk >= 0 ? 'a' + p.disk : '?', p.block);
+                progress.update(line);
             };
             ok = record_streams(opt, &f.rec);
-            fprintf(out, "\n");
+            progress.finish();
             for (const std::string &e : f.rec.events) fprintf(out, "  %s\n", e.c_str());
             if (!ok) fprintf(out, "recstore demo: %s\n", f.rec.error.c_str());
             ok &= play_back(out, f.rec.recordings, &f);

@@ -66,7 +66,11 @@ int cmd_format(int argc, char **argv) {
     if (bad >= 0) return bad;
     const std::string dev = args.words[0];
     printf("formatting %s...\n", dev.c_str());
-    if (fs_format(dev.c_str()) != 0) {
+    fflush(stdout);
+    ProgressTicker ticker(stdout, "formatting " + dev);
+    const int formatted = fs_format(dev.c_str());
+    ticker.stop();
+    if (formatted != 0) {
         return failure(kCmd, "fs_format " + dev +
                                  " failed: the device cannot be opened or parted/mkfs.ext4 is "
                                  "missing (see the messages above)");

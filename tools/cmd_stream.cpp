@@ -56,16 +56,19 @@ int cmd_record(int argc, char **argv) {
     opt.seconds = static_cast<int>(seconds);
     opt.mbps = static_cast<int>(mbps);
     opt.realtime = !args.has("--fast");
-    opt.progress = [](const RecordProgress &p) {
-        printf("\r%6.1f s  %d channels  %8.1f MB  disk sd%c block %d   ", p.elapsed, p.channels,
-               static_cast<double>(p.bytes) / 1e6, p.disk >= 0 ? 'a' + p.disk : '?', p.block);
-        fflush(stdout);
+    ProgressLine progress(stdout);
+    opt.progress = [&progress](const RecordProgress &p) {
+        char line[160];
+        snprintf(line, sizeof line, "%6.1f s  %d channels  %8.1f MB  disk sd%c block %d", p.elapsed,
+                 p.channels, static_cast<double>(p.bytes) / 1e6, p.disk >= 0 ? 'a' + p.disk : '?',
+                 p.block);
+        progress.update(line);
     };
     Session s;
     if (!bring_up_all(s, disks, &error) || !s.start_daemon(&error)) return failure(kCmd, error);
     RecordResult result;
     const bool ok = record_streams(opt, &result);
-    printf("\n");
+    progress.finish();
     for (const std::string &e : result.events) printf("%s\n", e.c_str());
     for (const MadeRecording &m : result.recordings) {
         printf("channel %2d  start \"%s\"  on sd%c  %llu clusters\n", m.channel,

@@ -66,12 +66,87 @@ char grid_char(const ZoneMaps &z, uint32_t b, uint32_t current) {
     return c.busy + c.error > 0 ? 'p' : '.';
 }
 
-void print_maps(const ZoneMaps &z) {
+// Whether the library ever initialised a data zone. The maps of a zone it initialised and never
+// used are as blank as those of a partition it never touched: the index partition's magic file,
+// written together with the fresh maps, tells them apart.
+enum class ZoneState {
+    InUse,          // valid magic file, clusters busy or in error
+    Empty,          // valid magic file, every block and cluster free
+    Uninitialised,  // no valid magic file and blank maps: never initialised
+    NoMagic,        // no valid magic file, yet the maps hold entries
+    Undetermined,   // blank maps, magic file not read
+};
+
+bool maps_blank(const ZoneMaps &z) {
+    for (uint32_t e : z.block_map) {
+        if (e != 0) return false;
+    }
+    for (const std::vector<uint32_t> &m : z.cluster_maps) {
+        for (uint32_t e : m) {
+            if (e != 0) return false;
+        }
+    }
+    return true;
+}
+
+bool all_free(const ZoneMaps &z) {
+    for (uint32_t b = 1; b <= z.block_count; b++) {
+        if (recstore::entry_is_busy(z.block_map[b - 1]) ||
+            recstore::entry_is_err(z.block_map[b - 1]))
+            return false;
+        const BlockCounts c = count_block(z.cluster_maps[b - 1]);
+        if (c.busy + c.error > 0) return false;
+    }
+    return true;
+}
+
+// magic_known: the index partition was read (magic is its magic file's value, 0 when missing).
+ZoneState zone_state(const ZoneMaps &z, bool magic_known, uint32_t magic) {
+    const bool valid = version_of(magic) != nullptr;
+    if (valid) return all_free(z) ? ZoneState::Empty : ZoneState::InUse;
+    const bool blank = maps_blank(z);
+    if (!magic_known) return blank ? ZoneState::Undetermined : ZoneState::InUse;
+    return blank ? ZoneState::Uninitialised : ZoneState::NoMagic;
+}
+
+const char *state_word(ZoneState s) {
+    switch (s) {
+        case ZoneState::InUse:
+            return "in-use";
+        case ZoneState::Empty:
+            return "empty";
+        case ZoneState::Uninitialised:
+            return "uninitialised";
+        case ZoneState::NoMagic:
+            return "no-magic";
+        default:
+            return "undetermined";
+    }
+}
+
+const char *state_text(ZoneState s) {
+    switch (s) {
+        case ZoneState::InUse:
+            return "in use";
+        case ZoneState::Empty:
+            return "empty (initialised, every block and cluster free)";
+        case ZoneState::Uninitialised:
+            return "never initialised (no valid magic file on the index partition, blank maps)";
+        case ZoneState::NoMagic:
+            return "no valid magic file on the index partition, but the maps hold entries";
+        default:
+            return "blank maps: never initialised or initialised and empty (the index "
+                   "partition's magic file, not read, would tell)";
+    }
+}
+
+void print_maps(const ZoneMaps &z, ZoneState state) {
     printf(
         "data zone: %s, %u clusters of 512 KiB, %u block%s of 131072 clusters (64 GiB), "
         "data from cluster %u\n",
         human_size(z.partition_bytes).c_str(), z.cluster_count, z.block_count,
         z.block_count == 1 ? "" : "s", z.data_start);
+    printf("data zone state: %s\n", state_text(state));
     const uint32_t current = current_block(z);
     printf("\nblock map (C current, B busy/full, p partly used, . empty, E error):\n");
     for (uint32_t b = 1; b <= z.block_count; b++) {
@@ -109,6 +184,36 @@ void print_maps(const ZoneMaps &z) {
                .c_str());
 }
 
+std::string json_maps(const ZoneMaps &z, ZoneState state) {
+    const uint32_t current = current_block(z);
+    char text[400];
+    snprintf(text, sizeof text,
+             "{\"bytes\": %llu, \"clusters\": %u, \"blocks\": %u, \"data_start\": %u, "
+             "\"state\": \"%s\", \"current_block\": %u, \"block_list\": [",
+             static_cast<unsigned long long>(z.partition_bytes), z.cluster_count, z.block_count,
+             z.data_start, state_word(state), current);
+    std::string out = text;
+    uint64_t busy = 0, free_count = 0, errors = 0;
+    for (uint32_t b = 1; b <= z.block_count; b++) {
+        const uint32_t e = z.block_map[b - 1];
+        const BlockCounts c = count_block(z.cluster_maps[b - 1]);
+        busy += c.busy;
+        free_count += c.free;
+        errors += c.error;
+        snprintf(text, sizeof text,
+                 "%s\n      {\"block\": %u, \"state\": %s, \"entry\": %u, \"busy\": %u, "
+                 "\"free\": %u, \"error\": %u, \"taken\": %s, \"newest\": %s}",
+                 b == 1 ? "" : ",", b, json_string(entry_state_name(e)).c_str(), e, c.busy, c.free,
+                 c.error, json_string(stamp_date(recstore::entry_value(e))).c_str(),
+                 json_string(stamp_date(c.newest)).c_str());
+        out += text;
+    }
+    snprintf(text, sizeof text, "%s], \"busy\": %llu, \"free\": %llu, \"error\": %llu}",
+             z.block_count > 0 ? "\n    " : "", static_cast<unsigned long long>(busy),
+             static_cast<unsigned long long>(free_count), static_cast<unsigned long long>(errors));
+    return out + text;
+}
+
 // Recordings grouped by channel and day.
 struct DayTotals {
     int recordings = 0;
@@ -117,11 +222,10 @@ struct DayTotals {
     std::string first, last;
 };
 
-void print_index(const IndexTree &tree) {
-    const char *v = version_of(tree.magic);
-    printf("\nindex partition: format %s, %zu index files, %zu links\n",
-           v ? v : "unknown (no valid magic file)", tree.recordings.size(), tree.links.size());
-    std::map<std::pair<int, std::string>, DayTotals> days;
+using Days = std::map<std::pair<int, std::string>, DayTotals>;
+
+Days days_of(const IndexTree &tree) {
+    Days days;
     for (const Recording &r : tree.recordings) {
         const std::string start = format_tm(r.start);
         DayTotals &d = days[{r.channel, start.substr(0, 10)}];
@@ -138,6 +242,38 @@ void print_index(const IndexTree &tree) {
         }
         if (end > d.last) d.last = end;
     }
+    return days;
+}
+
+std::string json_index(const IndexTree &tree) {
+    const char *v = version_of(tree.magic);
+    char text[300];
+    snprintf(text, sizeof text,
+             "{\"format\": %s, \"magic\": %u, \"index_files\": %zu, \"links\": %zu, "
+             "\"days\": [",
+             v ? json_string(v).c_str() : "null", tree.magic, tree.recordings.size(),
+             tree.links.size());
+    std::string out = text;
+    bool first = true;
+    for (const auto &d : days_of(tree)) {
+        snprintf(text, sizeof text,
+                 "%s\n      {\"channel\": %d, \"day\": %s, \"recordings\": %d, "
+                 "\"clusters\": %llu, \"bytes\": %llu, \"from\": %s, \"to\": %s}",
+                 first ? "" : ",", d.first.first, json_string(d.first.second).c_str(),
+                 d.second.recordings, static_cast<unsigned long long>(d.second.clusters),
+                 static_cast<unsigned long long>(d.second.bytes),
+                 json_string(d.second.first).c_str(), json_string(d.second.last).c_str());
+        out += text;
+        first = false;
+    }
+    return out + (first ? "]}" : "\n    ]}");
+}
+
+void print_index(const IndexTree &tree) {
+    const char *v = version_of(tree.magic);
+    printf("\nindex partition: format %s, %zu index files, %zu links\n",
+           v ? v : "unknown (no valid magic file)", tree.recordings.size(), tree.links.size());
+    const Days days = days_of(tree);
     if (days.empty()) {
         printf("  no recordings\n");
         return;
@@ -150,50 +286,94 @@ void print_index(const IndexTree &tree) {
     }
 }
 
-void print_cache(int disk) {
-    const std::string root = std::string("/mnt/cache/sd") + static_cast<char>('a' + disk);
-    struct stat st;
-    if (stat(root.c_str(), &st) != 0) {
-        printf("\ncache: %s does not exist (not loaded in this namespace)\n", root.c_str());
-        return;
-    }
-    std::string out;
-    run_command({"find", root, "-name", "cache", "-type", "f"}, &out);
+// What the tmpfs cache holds for one disk.
+struct CacheSummary {
+    std::string root;
+    bool exists = false;
     size_t files = 0;
     uint64_t tags = 0;
+};
+
+CacheSummary cache_of(int disk) {
+    CacheSummary c;
+    c.root = std::string("/mnt/cache/sd") + static_cast<char>('a' + disk);
+    struct stat st;
+    if (stat(c.root.c_str(), &st) != 0) return c;
+    c.exists = true;
+    std::string out;
+    run_command({"find", c.root, "-name", "cache", "-type", "f"}, &out);
     for (size_t at = 0; at < out.size();) {
         const size_t nl = out.find('\n', at);
         const std::string path = out.substr(at, nl - at);
         if (!path.empty() && stat(path.c_str(), &st) == 0) {
-            files++;
-            tags += static_cast<uint64_t>(st.st_size) / 8;
+            c.files++;
+            c.tags += static_cast<uint64_t>(st.st_size) / 8;
         }
         if (nl == std::string::npos) break;
         at = nl + 1;
     }
+    return c;
+}
+
+std::string json_cache(const CacheSummary &c) {
+    if (!c.exists) return "{\"root\": " + json_string(c.root) + ", \"exists\": false}";
+    return "{\"root\": " + json_string(c.root) +
+           ", \"exists\": true, \"files\": " + std::to_string(c.files) +
+           ", \"tags\": " + std::to_string(c.tags) + "}";
+}
+
+void print_cache(int disk) {
+    const CacheSummary c = cache_of(disk);
+    if (!c.exists) {
+        printf("\ncache: %s does not exist (not loaded in this namespace)\n", c.root.c_str());
+        return;
+    }
     printf(
         "\ncache: %s: %zu cache files, %llu tags; loaded in this process: no (another process "
         "holds the disk)\n",
-        root.c_str(), files, static_cast<unsigned long long>(tags));
+        c.root.c_str(), c.files, static_cast<unsigned long long>(c.tags));
 }
 
 void help() {
     printf(
-        "usage: recstore inspect DEV|IMAGE [--maps]\n\n"
-        "Shows a disk without changing it: the partition table, the data zone's geometry, the\n"
-        "block map as a grid (C current, B busy, p partly used, . empty, E error) and per\n"
-        "block its fill, cluster counts and sequence as a date, the counters, the format\n"
-        "version, the cache state and the recordings per channel and day.\n\n"
+        "usage: recstore inspect [--maps] [--json] DEV|IMAGE\n\n"
+        "Shows a disk without changing it: the partition table, the data zone's geometry and\n"
+        "state, the block map as a grid (C current, B busy, p partly used, . empty, E error)\n"
+        "and per block its fill, cluster counts and sequence as a date, the counters, the\n"
+        "format version, the cache state and the recordings per channel and day.\n\n"
+        "The data zone's state tells a zone the library never initialised (no valid magic file\n"
+        "on the index partition, blank maps) from an empty one (initialised, every cluster\n"
+        "free) and from one in use.\n\n"
         "DEV is /dev/hd/sda ... /dev/hd/sdh: the data partition is read through DEV3, the index\n"
         "partition where it is mounted (/mnt/sdX) or mounted read-only there for the look.\n"
         "IMAGE is a whole-disk image file (MBR or GPT): the maps are read at the data\n"
         "partition's offset; the index partition is attached read-only through a loop device\n"
         "and mounted in a private directory, which needs root inside the disk rig.\n\n"
-        "  --maps   only the partitions and the maps (no index partition, no root needed)\n\n"
+        "  --maps   only the partitions and the maps (no index partition, no root needed)\n"
+        "  --json   print one JSON object (target, partitions, data_zone with its state and\n"
+        "           blocks, index, cache) instead of the text\n\n"
         "exit status: 0 shown, 1 the disk or image cannot be read, 2 usage.\n");
 }
 
-int inspect_device(const std::string &dev, int disk, bool maps_only) {
+// What inspect found, for the JSON form: each part is a JSON value, "" when not looked at.
+struct JsonReport {
+    std::string target;
+    std::string kind;  // "disk" or "image"
+    std::string partitions = "null";
+    std::string data_zone = "null";
+    std::string index = "null";
+    std::string cache = "null";
+
+    void print() const {
+        printf(
+            "{\n  \"target\": %s,\n  \"kind\": %s,\n  \"partitions\": %s,\n"
+            "  \"data_zone\": %s,\n  \"index\": %s,\n  \"cache\": %s\n}\n",
+            json_string(target).c_str(), json_string(kind).c_str(), partitions.c_str(),
+            data_zone.c_str(), index.c_str(), cache.c_str());
+    }
+};
+
+int inspect_device(const std::string &dev, int disk, bool maps_only, bool json) {
     // Nothing is mounted for a disk that is not there.
     if (access(dev.c_str(), F_OK) != 0) {
         return failure(kCmd, dev +
@@ -201,7 +381,7 @@ int inspect_device(const std::string &dev, int disk, bool maps_only) {
                                  "machine run the tool inside the disk rig");
     }
     const std::string part = dev + "3";
-    recstore::FdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
+    recstore::PlainFdGuard fd(open(part.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) {
         return failure(kCmd, "cannot open " + part + ": " + strerror(errno) +
                                  " (plugged in? formatted? root?)");
@@ -219,20 +399,33 @@ int inspect_device(const std::string &dev, int disk, bool maps_only) {
     const uint32_t magic = maps_only ? read_magic(mnt) : tree.magic;
     const int64_t bytes = blockdev_size(disk, fd.get());
     ZoneMaps zone;
-    if (bytes <= 0 || !load_zone_maps(fd.get(), 0, static_cast<uint64_t>(bytes),
-                                      max_disk_bytes_for(magic), &zone, &error)) {
+    if (bytes <= 0 ||
+        !load_zone_maps(fd.get(), 0, static_cast<uint64_t>(bytes), magic, &zone, &error)) {
         return failure(kCmd, part + ": " + (error.empty() ? "cannot be sized" : error));
     }
+    const ZoneState state = zone_state(zone, !maps_only, magic);
+    if (json) {
+        JsonReport r;
+        r.target = dev;
+        r.kind = "disk";
+        r.data_zone = json_maps(zone, state);
+        if (!maps_only) {
+            r.index = json_index(tree);
+            r.cache = json_cache(cache_of(disk));
+        }
+        r.print();
+        return kExitOk;
+    }
     printf("disk %s, data partition %s\n", dev.c_str(), part.c_str());
-    print_maps(zone);
+    print_maps(zone, state);
     if (maps_only) return kExitOk;
     print_index(tree);
     print_cache(disk);
     return kExitOk;
 }
 
-int inspect_image(const std::string &image, bool maps_only) {
-    recstore::FdGuard fd(open(image.c_str(), O_RDONLY | O_CLOEXEC));
+int inspect_image(const std::string &image, bool maps_only, bool json) {
+    recstore::PlainFdGuard fd(open(image.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) return failure(kCmd, "cannot open " + image + ": " + strerror(errno));
     const int64_t bytes = blockdev_size(0, fd.get());
     std::vector<PartitionSpan> parts;
@@ -242,12 +435,28 @@ int inspect_image(const std::string &image, bool maps_only) {
         return failure(kCmd, image + ": " + (error.empty() ? "cannot be sized" : error) +
                                  " (is it a formatted whole-disk image?)");
     }
-    printf("image %s, %s, partition table %s\n", image.c_str(),
-           human_size(static_cast<uint64_t>(bytes)).c_str(), kind.c_str());
+    JsonReport report;
+    report.target = image;
+    report.kind = "image";
+    report.partitions = "{\"table\": " + json_string(kind) +
+                        ", \"bytes\": " + std::to_string(bytes) + ", \"list\": [";
     for (size_t i = 0; i < parts.size(); i++) {
-        printf("  %zu %-6s offset %14llu  size %14llu (%s)\n", i + 1, i < 3 ? kRoles[i] : "?",
-               static_cast<unsigned long long>(parts[i].offset),
-               static_cast<unsigned long long>(parts[i].bytes), human_size(parts[i].bytes).c_str());
+        report.partitions += std::string(i == 0 ? "" : ", ") +
+                             "{\"number\": " + std::to_string(i + 1) +
+                             ", \"role\": " + json_string(i < 3 ? kRoles[i] : "?") +
+                             ", \"offset\": " + std::to_string(parts[i].offset) +
+                             ", \"bytes\": " + std::to_string(parts[i].bytes) + "}";
+    }
+    report.partitions += "]}";
+    if (!json) {
+        printf("image %s, %s, partition table %s\n", image.c_str(),
+               human_size(static_cast<uint64_t>(bytes)).c_str(), kind.c_str());
+        for (size_t i = 0; i < parts.size(); i++) {
+            printf("  %zu %-6s offset %14llu  size %14llu (%s)\n", i + 1, i < 3 ? kRoles[i] : "?",
+                   static_cast<unsigned long long>(parts[i].offset),
+                   static_cast<unsigned long long>(parts[i].bytes),
+                   human_size(parts[i].bytes).c_str());
+        }
     }
     if (parts.size() < 3) return failure(kCmd, image + ": fewer than three partitions");
     // The index partition, when it can be looked at: a read-only loop device over its part of
@@ -274,15 +483,24 @@ int inspect_image(const std::string &image, bool maps_only) {
             }
         }
         ZoneMaps zone;
-        if (!load_zone_maps(fd.get(), parts[2].offset, parts[2].bytes,
-                            max_disk_bytes_for(tree.magic), &zone, &error)) {
+        if (!load_zone_maps(fd.get(), parts[2].offset, parts[2].bytes, tree.magic, &zone, &error)) {
             status = failure(kCmd, image + " data partition: " + error);
         } else {
-            print_maps(zone);
-            if (status == kExitOk && with_index) print_index(tree);
+            const ZoneState state = zone_state(zone, with_index && status == kExitOk, tree.magic);
+            if (json) {
+                report.data_zone = json_maps(zone, state);
+                if (status == kExitOk && with_index) report.index = json_index(tree);
+            } else {
+                print_maps(zone, state);
+                if (status == kExitOk && with_index) print_index(tree);
+            }
         }
     }
     if (made_dir) rmdir(dir);
+    if (json) {
+        if (status == kExitOk) report.print();
+        return status;
+    }
     if (!maps_only && !with_index) {
         printf(
             "\nindex partition: skipped (mounting it from an image needs root inside the disk "
@@ -303,19 +521,24 @@ int cmd_inspect(int argc, char **argv) {
     }
     Args args;
     std::string error;
-    if (!parse_args(argc, argv, {}, {"--maps"}, &args, &error)) return usage_error(kCmd, error);
+    if (!parse_args(argc, argv, {}, {"--maps", "--json"}, &args, &error)) {
+        return usage_error(kCmd, error);
+    }
     if (args.words.size() != 1) {
         return usage_error(kCmd, "give exactly one disk (/dev/hd/sdX) or disk image file");
     }
-    const std::string target = args.words[0];
+    const bool json = args.has("--json");
     int disk = -1;
-    if (disk_node(target, &disk)) return inspect_device(target, disk, args.has("--maps"));
+    if (disk_node(args.words[0], &disk)) {
+        return inspect_device(args.words[0], disk, args.has("--maps"), json);
+    }
+    const std::string target = from_start_dir(args.words[0]);
     struct stat st;
     if (stat(target.c_str(), &st) != 0) return failure(kCmd, target + ": " + strerror(errno));
     if (!S_ISREG(st.st_mode)) {
         return usage_error(kCmd, target + " is neither a disk node /dev/hd/sdX nor an image file");
     }
-    return inspect_image(target, args.has("--maps"));
+    return inspect_image(target, args.has("--maps"), json);
 }
 
 }  // namespace tool

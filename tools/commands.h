@@ -1,5 +1,5 @@
 // The recstore tool's subcommands; each takes its own argv (argv[0] is the command's name) and
-// returns the exit status (0 ok, 1 failure, 2 usage).
+// returns the exit status (0 ok, 1 failure, 2 usage; check gives the kCheck* statuses of cli.h).
 #ifndef RECSTORE_TOOL_COMMANDS_H
 #define RECSTORE_TOOL_COMMANDS_H
 

@@ -16,6 +16,7 @@
 #include "cli.h"
 #include "data_zone.h"
 #include "fs_tools.h"
+#include "fstype_old.h"
 
 namespace tool {
 
@@ -30,12 +31,7 @@ constexpr char kGptSignature[] = "EFI PART";
 constexpr uint32_t kGptEntryFirstLba = 32;
 constexpr uint32_t kGptEntryLastLba = 40;
 constexpr uint32_t kGptMaxEntries = 128;
-constexpr uint32_t kEntryBytesOnDisk = 12 + 8 * RECSTORE_MAX_KFRAMES;  // an index entry
-
-uint64_t le64_load(const unsigned char *p) {
-    return static_cast<uint64_t>(recstore::le32_load(p)) |
-           static_cast<uint64_t>(recstore::le32_load(p + 4)) << 32;
-}
+constexpr uint32_t kEntryBytesOnDisk = recstore::kIndexEntrySize;  // an index entry
 
 bool pread_all(int fd, void *buf, size_t n, uint64_t at) {
     size_t done = 0;
@@ -58,7 +54,7 @@ bool read_gpt(int fd, std::vector<PartitionSpan> *parts, std::string *error) {
         *error = "protective MBR without a GPT header";
         return false;
     }
-    const uint64_t table_lba = le64_load(header + 72);
+    const uint64_t table_lba = recstore::le64_load(header + 72);
     const uint32_t count = std::min(recstore::le32_load(header + 80), kGptMaxEntries);
     const uint32_t size = recstore::le32_load(header + 84);
     if (size < 128 || size > 4096) {
@@ -72,8 +68,8 @@ bool read_gpt(int fd, std::vector<PartitionSpan> *parts, std::string *error) {
     }
     for (uint32_t i = 0; i < count; i++) {
         const unsigned char *e = table.data() + static_cast<size_t>(i) * size;
-        const uint64_t first = le64_load(e + kGptEntryFirstLba);
-        const uint64_t last = le64_load(e + kGptEntryLastLba);
+        const uint64_t first = recstore::le64_load(e + kGptEntryFirstLba);
+        const uint64_t last = recstore::le64_load(e + kGptEntryLastLba);
         if (first == 0 || last < first) continue;
         parts->push_back({first * kSector, (last - first + 1) * kSector});
     }
@@ -157,31 +153,25 @@ bool read_map(int fd, uint64_t offset, uint32_t cluster, uint32_t entries,
 
 }  // namespace
 
-uint64_t max_disk_bytes_for(uint32_t magic) {
-    constexpr uint32_t kScratchDisk = RECSTORE_MAX_DISKS - 1;
+uint32_t known_magic(uint32_t magic) {
     if (magic != RECSTORE_MAGIC_V7 && magic != RECSTORE_MAGIC_V6 && magic != RECSTORE_MAGIC_V5 &&
         magic != RECSTORE_MAGIC_V1) {
-        magic = RECSTORE_MAGIC_V7;
+        return RECSTORE_MAGIC_V7;
     }
-    // The library answers per disk from its magic table: ask it through a slot of this process.
-    const uint32_t saved = g_magic[kScratchDisk];
-    g_magic[kScratchDisk] = magic;
-    const uint64_t max = get_max_supported_disk_size(kScratchDisk);
-    g_magic[kScratchDisk] = saved;
-    return max;
+    return magic;
 }
 
 uint32_t read_magic(const std::string &root) {
-    recstore::FdGuard fd(open((root + "/magic").c_str(), O_RDONLY | O_CLOEXEC));
+    recstore::PlainFdGuard fd(open((root + "/magic").c_str(), O_RDONLY | O_CLOEXEC));
     unsigned char bytes[4];
     if (fd.get() < 0 || read(fd.get(), bytes, 4) != 4) return 0;
     return recstore::le32_load(bytes);
 }
 
-bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint64_t max_disk_bytes, ZoneMaps *out,
+bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint32_t magic, ZoneMaps *out,
                     std::string *error) {
-    recstore::DzGeometry g{};
-    if (!recstore::dz_compute_geometry(bytes, max_disk_bytes, &g)) {
+    datazone_info g{};
+    if (datazone_geometry_for(known_magic(magic), bytes, &g) != 0) {
         *error = "the data partition is too small to hold a data zone (" + human_size(bytes) + ")";
         return false;
     }
@@ -238,7 +228,7 @@ bool is_dir(const std::string &path) {
 }
 
 void read_recording(int disk_id, Recording *r) {
-    recstore::FdGuard fd(open(r->path.c_str(), O_RDONLY | O_CLOEXEC));
+    recstore::PlainFdGuard fd(open(r->path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st;
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0) return;
     r->file_bytes = static_cast<uint64_t>(st.st_size);

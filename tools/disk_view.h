@@ -51,14 +51,13 @@ BlockCounts count_block(const std::vector<uint32_t> &map);
 
 // Loads the maps of a data partition at `offset` (bytes) in the open file or device fd, whose
 // length is `bytes`. The number of reserved block slots follows the largest disk the format
-// supports: max_disk_bytes (see max_disk_bytes_for). Only reads. False with *error when it
-// cannot hold a data zone or a read fails.
-bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint64_t max_disk_bytes, ZoneMaps *out,
+// supports, from the magic value of the disk's index partition (see known_magic). Only reads.
+// False with *error when it cannot hold a data zone or a read fails.
+bool load_zone_maps(int fd, uint64_t offset, uint64_t bytes, uint32_t magic, ZoneMaps *out,
                     std::string *error);
 
-// The largest disk a format supports, from the magic value of the disk's index partition; the
-// current format's when the magic is unknown (0: not read).
-uint64_t max_disk_bytes_for(uint32_t magic);
+// The magic value itself when it names a format, else the current format's (0: not read).
+uint32_t known_magic(uint32_t magic);
 
 // Reads the magic value of an index root's magic file; 0 when there is none.
 uint32_t read_magic(const std::string &root);

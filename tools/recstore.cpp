@@ -42,7 +42,10 @@ void usage(FILE *out) {
     fprintf(
         out,
         "\n\"recstore COMMAND --help\" tells more about one command. Exit status: 0 ok,\n"
-        "1 failure, 2 usage. Commands that touch disks need root; on a development machine\n"
+        "1 failure, 2 usage (check: 0 clean, 1 repaired, 4 left, 8 operational error,\n"
+        "16 usage). Options take \"--opt VALUE\" or \"--opt=VALUE\"; \"--\" ends them. The\n"
+        "library's messages go to standard error, the tool's output to standard output.\n"
+        "Commands that touch disks need root; on a development machine\n"
         "run them inside the disk rig: sudo tests/rig/rig-run build/native/tools/recstore ...\n");
 }
 
@@ -54,11 +57,16 @@ int cmd_help(int, char **) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    tool::prepare_process();
     if (argc < 2) {
         usage(stderr);
         return tool::kExitUsage;
     }
     if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) return cmd_help(0, nullptr);
+    if (strcmp(argv[1], "--version") == 0) {
+        printf("%s\n", tool::version_line().c_str());
+        return tool::kExitOk;
+    }
     for (const Command &c : kCommands) {
         if (strcmp(argv[1], c.name) == 0) return c.run(argc - 1, argv + 1);
     }

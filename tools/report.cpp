@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include "cli.h"
+#include "fs_tools.h"
 
 namespace tool {
 
@@ -54,9 +55,8 @@ std::string format_find_table(const std::vector<FoundRecording> &found) {
                  f.record.type, time_text(f.record.start).c_str(),
                  time_text(f.info.end_time).c_str(), format_duration(duration_of(f)).c_str(),
                  human_size(bytes).c_str(),
-                 f.info.disk_id >= 0 && f.info.disk_id < RECSTORE_MAX_DISKS
-                     ? static_cast<char>('a' + f.info.disk_id)
-                     : '?');
+                 recstore::valid_disk_id(f.info.disk_id) ? static_cast<char>('a' + f.info.disk_id)
+                                                         : '?');
         out += line;
     }
     snprintf(line, sizeof line, "%zu recording%s, %s\n", found.size(), found.size() == 1 ? "" : "s",

@@ -13,7 +13,8 @@ namespace {
 constexpr int kMaxResults = 100000;
 constexpr int kPage = 64;
 constexpr int kAnyMode = 0xFF;
-constexpr int kOverlapping = 0xF;
+constexpr int kOverlapping = RECSTORE_MATCH_BEGINS_INSIDE | RECSTORE_MATCH_ENDS_INSIDE |
+                             RECSTORE_MATCH_INSIDE | RECSTORE_MATCH_COVERS;
 constexpr int kByChannelThenTime = 3;
 
 // Fills the record info of one result from the recording itself (disk, end, counts).

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "fs_tools.h"
+
 namespace tool {
 
 namespace {
@@ -14,18 +16,6 @@ constexpr uint32_t kClusterBytes = RECSTORE_CLUSTER_SIZE;
 constexpr uint32_t kKeyFrameWeight = 4;  // a key frame is as large as four other frames
 constexpr int kMinMbps = 2;
 constexpr int kMaxMbps = 8;
-
-void put32(unsigned char *p, uint32_t v) {
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-    p[2] = static_cast<unsigned char>(v >> 16);
-    p[3] = static_cast<unsigned char>(v >> 24);
-}
-
-uint32_t get32(const unsigned char *p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
 
 uint32_t mix(uint32_t x) {
     x ^= x >> 16;
@@ -123,11 +113,11 @@ bool StreamWriter::produce_until(double elapsed, const ClusterSink &sink) {
         const uint32_t t =
             static_cast<uint32_t>(start_ + static_cast<time_t>(n / kFramesPerSecond));
         unsigned char *p = cluster_.data() + used_;
-        put32(p, key ? kKeyFrameMagic : kDeltaFrameMagic);
-        put32(p + 4, static_cast<uint32_t>(profile_.channel));
-        put32(p + 8, static_cast<uint32_t>(n));
-        put32(p + 12, size);
-        put32(p + 16, t);
+        recstore::le32_store(p, key ? kKeyFrameMagic : kDeltaFrameMagic);
+        recstore::le32_store(p + 4, static_cast<uint32_t>(profile_.channel));
+        recstore::le32_store(p + 8, static_cast<uint32_t>(n));
+        recstore::le32_store(p + 12, size);
+        recstore::le32_store(p + 16, t);
         fill_body(p + kFrameHeaderBytes, size - kFrameHeaderBytes,
                   static_cast<uint32_t>(profile_.channel), static_cast<uint32_t>(n));
         if (key) {
@@ -148,11 +138,11 @@ bool StreamWriter::flush(const ClusterSink &sink) {
 
 bool read_frame_header(const unsigned char *buf, uint32_t length, FrameHeader *out) {
     if (length < kFrameHeaderBytes) return false;
-    out->magic = get32(buf);
-    out->channel = get32(buf + 4);
-    out->number = get32(buf + 8);
-    out->bytes = get32(buf + 12);
-    out->time = get32(buf + 16);
+    out->magic = recstore::le32_load(buf);
+    out->channel = recstore::le32_load(buf + 4);
+    out->number = recstore::le32_load(buf + 8);
+    out->bytes = recstore::le32_load(buf + 12);
+    out->time = recstore::le32_load(buf + 16);
     return (out->magic == kKeyFrameMagic || out->magic == kDeltaFrameMagic) &&
            out->bytes >= kFrameHeaderBytes && out->bytes <= length;
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bitmap.h"
+#include "fs_tools.h"
 #include "recstore.h"
 
 namespace {
@@ -56,7 +57,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int fd = map_fd();
     if (fd < 0 || size < 2) return 0;
-    const int count = static_cast<int16_t>(data[0] | data[1] << 8) % 4100;  // may be <= 0
+    const int count = static_cast<int16_t>(recstore::le16_load(data)) % 4100;  // may be <= 0
     data += 2;
     size -= 2;
     const size_t map_bytes = count > 0 ? std::min<size_t>(size, static_cast<size_t>(count) * 4) : 0;
@@ -80,7 +81,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     for (size_t i = 0; i + 2 < nops; i += 3) {
         const uint8_t op = ops[i] % 10;
-        const uint32_t id = static_cast<uint32_t>(ops[i + 1] | ops[i + 2] << 8) % (bm.count + 2);
+        const uint32_t id =
+            static_cast<uint32_t>(recstore::le16_load(ops + i + 1)) % (bm.count + 2);
         const uint32_t value = static_cast<uint32_t>(ops[i + 2]) * 0x01010101u;
         int got = -1;
         switch (op) {

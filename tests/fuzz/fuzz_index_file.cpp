@@ -43,7 +43,7 @@ std::vector<uint8_t> build_file(const uint8_t *data, size_t size) {
     if (prefix > header) prefix = header;
     std::vector<uint8_t> file(header, 0);
     if (prefix > 0) memcpy(file.data(), data + 2, prefix);
-    if (!v1 && (mode & 8)) put_u32(file.data() + kOffExtMagic, kExtMagic);
+    if (!v1 && (mode & 8)) le32_store(file.data() + kOffExtMagic, kExtMagic);
     if (mode & 16) memset(file.data() + kOffEnd, 0, 44);
     if (2 + prefix < size) file.insert(file.end(), data + 2 + prefix, data + size);
     return file;
@@ -84,7 +84,7 @@ void walk(int h, const uint8_t *data, size_t size) {
     index_ttell(h, nullptr);
     // Positioning with values taken from the input's last bytes.
     for (size_t i = 0; i + 4 <= size && i < 64; i += 4) {
-        const uint32_t v = get_u32(data + size - 4 - i);
+        const uint32_t v = le32_load(data + size - 4 - i);
         const int whence = static_cast<int>(v & 3);
         const int32_t sec = static_cast<int32_t>(v >> 2);
         uint32_t off = 0, seq = 0;

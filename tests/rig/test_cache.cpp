@@ -24,8 +24,10 @@
 
 #include "cache.h"
 #include "capture.h"
+#include "fs_tools.h"
 #include "recstore.h"
 #include "rig.h"
+#include "test_util.h"
 
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
@@ -39,9 +41,7 @@ constexpr const char *kLeaf = "/mnt/cache/sda/03/2024/05/17/00/";
 constexpr const char *kLeafFile = "/mnt/cache/sda/03/2024/05/17/00/cache";
 constexpr int kLoadWaitMs = 20000;  // the loader of a small tree finishes far sooner
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 bool exists(const std::string &path) {
     struct stat st;
@@ -68,7 +68,7 @@ void write_bytes(const std::string &path, const std::vector<unsigned char> &byte
 
 std::vector<unsigned char> tag_bytes(uint64_t tag) {
     std::vector<unsigned char> b(8);
-    for (size_t i = 0; i < 8; i++) b[i] = static_cast<unsigned char>(tag >> (8 * i));
+    recstore::le64_store(b.data(), tag);
     return b;
 }
 
@@ -76,9 +76,7 @@ std::vector<uint64_t> tags_of(const std::string &path) {
     std::vector<unsigned char> b = read_bytes(path);
     std::vector<uint64_t> tags;
     for (size_t at = 0; at + 8 <= b.size(); at += 8) {
-        uint64_t tag = 0;
-        for (size_t i = 0; i < 8; i++) tag |= static_cast<uint64_t>(b[at + i]) << (8 * i);
-        tags.push_back(tag);
+        tags.push_back(recstore::le64_load(b.data() + at));
     }
     return tags;
 }

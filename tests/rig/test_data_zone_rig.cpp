@@ -2,11 +2,11 @@
 // block device, allocation, direct-I/O writes and reads of whole clusters, the event log, and
 // the stop/start scenario (a partly used block is resumed), the choice between partly used
 // blocks, clearing a busy block, and refusals that must not reach the device.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -16,48 +16,40 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
+#include "fs_tools.h"
 #include "recstore.h"
 #include "rig.h"
+#include "test_util.h"
 
-// Every cluster transfer of the library goes through read_cluster/write_cluster, which this
-// program interposes (it exports its symbols) to count the calls that reach the device.
+// Every cluster transfer of the library is a positioned read or write of the I/O seam; the
+// DataZoneRig tests count the ones that reach the device.
 namespace {
-int g_cluster_reads = 0;
-int g_cluster_writes = 0;
-}  // namespace
 
-extern "C" ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, int, int, void *, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "read_cluster"));
-    if (real == nullptr) return -1;
+std::atomic<int> g_cluster_reads{0};
+std::atomic<int> g_cluster_writes{0};
+
+ssize_t counted_pread(int fd, void *buf, size_t n, off64_t pos) {
     ++g_cluster_reads;
-    return real(fd, cluster, offset, buf, n);
+    return recstore::io_calls().pread64.real()(fd, buf, n, pos);
 }
 
-extern "C" ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, int, int, const void *, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write_cluster"));
-    if (real == nullptr) return -1;
+ssize_t counted_pwrite(int fd, const void *buf, size_t n, off64_t pos) {
     ++g_cluster_writes;
-    return real(fd, cluster, offset, buf, n);
+    return recstore::io_calls().pwrite64.real()(fd, buf, n, pos);
 }
-
-namespace {
 
 using recstore_test::StdoutCapture;
 
 using recstore_test::LogMask;
 
 constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
-constexpr uint32_t kCluster = 524288;
-constexpr uint32_t kPerBlock = 131072;
-constexpr uint32_t kMagic16T = 0x702a2013u;
+constexpr uint32_t kCluster = RECSTORE_CLUSTER_SIZE;
+constexpr uint32_t kPerBlock = RECSTORE_CLUSTERS_PER_BLOCK;
+constexpr uint32_t kMagic16T = RECSTORE_MAGIC_V7;
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 std::string slurp(const std::string &path) {
     std::ifstream in(path);
@@ -113,6 +105,11 @@ class DataZoneRig : public ::testing::Test {
     rig::Disk disk_;
     std::string part_;
     uint64_t part_bytes_ = 0;
+    // The seam's positioned reads and writes are counted for the whole test.
+    recstore::IoOverride<ssize_t(int, void *, size_t, off64_t)> reads_{recstore::io_calls().pread64,
+                                                                       counted_pread};
+    recstore::IoOverride<ssize_t(int, const void *, size_t, off64_t)> writes_{
+        recstore::io_calls().pwrite64, counted_pwrite};
 };
 
 TEST_F(DataZoneRig, StartsOnTheRealPartition) {
@@ -162,7 +159,7 @@ TEST_F(DataZoneRig, AllocatesAndMovesClustersWithDirectIo) {
     ASSERT_EQ(pread64(fd, head, sizeof(head), static_cast<off64_t>(c1) * kCluster), 16);
     close(fd);
     EXPECT_EQ(std::memcmp(head, out.p, sizeof(head)), 0);
-    EXPECT_EQ(aging::read_entry(part_.c_str(), 1, 1) >> 30, 2u);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 1, 1) >> aging::kStateShift, 2u);
 }
 
 TEST_F(DataZoneRig, UnalignedDirectWriteFailsWithoutHarm) {
@@ -193,8 +190,8 @@ TEST_F(DataZoneRig, RestartResumesThePartlyUsedBlock) {
     }
     datazone_exit(0);
     ASSERT_EQ(datazone_init(0, 1), 0);
-    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 1) >> 30, 0u);
-    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 0), 0x80000000u | 5000u);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 1) >> aging::kStateShift, 0u);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 0), aging::busy_entry(5000u));
     EXPECT_EQ(block_current(0), 2);
     ASSERT_EQ(block_alloc(0), 2);
     EXPECT_EQ(datazone_alloc(0), start2 + 3);
@@ -224,19 +221,19 @@ TEST_F(DataZoneRig, FreedClusterIsAllocatedAgainFirst) {
     ASSERT_EQ(block_alloc(0), 1);
     for (int i = 0; i < 5; ++i) ASSERT_EQ(datazone_alloc(0), 257 + i);
     const uint32_t stamped = datazone_val(0, 259);
-    ASSERT_EQ(stamped >> 30, 2u);
+    ASSERT_EQ(stamped >> aging::kStateShift, 2u);
     g_cluster_writes = 0;
     g_cluster_reads = 0;
     ASSERT_EQ(datazone_free(0, 259), 0);
     EXPECT_EQ(g_cluster_writes, 1);  // one 4-byte map write
-    EXPECT_EQ(aging::read_entry(part_.c_str(), 1, 2), stamped & 0x3FFFFFFFu);  // free, kept
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 1, 2), stamped & aging::kValueMask);  // free, kept
     EXPECT_EQ(datazone_busy_count(0), 4);
     g_cluster_writes = 0;
     g_cluster_reads = 0;
     EXPECT_EQ(datazone_alloc(0), 259);
     EXPECT_EQ(g_cluster_writes, 1);  // allocation: one map write and no read
     EXPECT_EQ(g_cluster_reads, 0);
-    EXPECT_EQ(aging::read_entry(part_.c_str(), 1, 2) >> 30, 2u);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 1, 2) >> aging::kStateShift, 2u);
     EXPECT_EQ(datazone_alloc(0), 262);
     EXPECT_EQ(datazone_busy_count(0), 6);
 }
@@ -263,7 +260,7 @@ TEST_F(DataZoneRig, LaterOfTwoPartlyUsedBlocksIsResumed) {
     EXPECT_EQ(datazone_write(0, first_free, buf.p), static_cast<int>(kCluster));
     // The resumed block carries a new sequence; block 1 is still the earliest.
     EXPECT_EQ(block_earliest(0, &seq), 1);
-    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 1) >> 30, 2u);
+    EXPECT_EQ(aging::read_entry(part_.c_str(), 0, 1) >> aging::kStateShift, 2u);
 }
 
 TEST_F(DataZoneRig, BlockClearOfABusyBlock) {

@@ -19,6 +19,7 @@
 #include "capture.h"
 #include "recstore.h"
 #include "rig.h"
+#include "test_util.h"
 
 namespace {
 
@@ -34,9 +35,7 @@ constexpr uint64_t kGptIndexEnd = 32000000000ull;  // "32GB"
 constexpr uint64_t kBoundaryFuzz = 500000000ull;   // parted's rounding range of a "GB" position
 constexpr uint64_t kSmallFuzz = 1000000ull;        // ... of an "M" position
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 std::string read_file(const std::string &path) {
     std::ifstream in(path);

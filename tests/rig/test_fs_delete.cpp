@@ -22,7 +22,7 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "recstore.h"
 #include "recording.h"
@@ -148,11 +148,11 @@ TEST_F(Delete, ClearOfABlockRemovesExactlyItsRecordings) {
     EXPECT_FALSE(exists("/mnt/cache/sda/02"));
     // The block is free again with its sequence; its 7 clusters are free.
     const uint32_t entry = aging::read_entry(data_partition(0).c_str(), 0, 0);
-    EXPECT_EQ(entry >> 30, 0u);
-    EXPECT_EQ(entry & 0x3FFFFFFFu, seq);
+    EXPECT_EQ(entry >> aging::kStateShift, 0u);
+    EXPECT_EQ(entry & aging::kValueMask, seq);
     EXPECT_EQ(datazone_free_count(0), free_before + 7);
     EXPECT_EQ(datazone_busy_count(0), busy_before - 7);
-    EXPECT_EQ(aging::read_entry(data_partition(0).c_str(), kBlock1, 0) >> 30, 0u);
+    EXPECT_EQ(aging::read_entry(data_partition(0).c_str(), kBlock1, 0) >> aging::kStateShift, 0u);
     EXPECT_TRUE(contains(log_file(), "remove link :/mnt/sda/link/00000001\n"));
     EXPECT_EQ(fs_earliest(0, &seq), -1);
     // The cleared block keeps its sequence, so a search by time still finds it.
@@ -167,7 +167,7 @@ TEST_F(Delete, BlockTimeoutLooksForLaterRecordingsInTheCurrentBlock) {
     const struct tm d = make_tm(2024, 5, 18, 0, 0, 0);
     record(1, c, 0, 1);
     record(3, d, 0, 1);
-    const uint32_t seq = aging::read_entry(data_partition(0).c_str(), 0, 0) & 0x3FFFFFFFu;
+    const uint32_t seq = aging::read_entry(data_partition(0).c_str(), 0, 0) & aging::kValueMask;
     block_entry cur{0, kBlock1, seq};
     block_entry latest{0, kBlock1, seq};
     LogMask mask(0xB);
@@ -273,7 +273,8 @@ TEST_F(Delete, DeleteFreesTheClustersOfOneRecording) {
     EXPECT_FALSE(exists(index_name(0, 7, e, 0)));
     EXPECT_TRUE(exists(index_name(0, 7, keep, 0)));
     EXPECT_EQ(datazone_busy_count(0), busy - 5);
-    for (uint32_t c : clusters) EXPECT_EQ(datazone_val(0, static_cast<int>(c)) >> 30, 0u) << c;
+    for (uint32_t c : clusters)
+        EXPECT_EQ(datazone_val(0, static_cast<int>(c)) >> aging::kStateShift, 0u) << c;
     const std::vector<uint64_t> tags = tags_in(cache_file(0, 7, e, 0));
     ASSERT_EQ(tags.size(), 1u);
     EXPECT_EQ(tags[0] & 0xFFFFF, 2u * 3600);

@@ -23,7 +23,7 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "recstore.h"
 #include "formatted_disks.h"
@@ -95,7 +95,7 @@ TEST_F(Disk, UpAndDownInThePlugOrders) {
     EXPECT_EQ(fs_disk_is_inited(0), 1);
     EXPECT_EQ(find_mount_point("/mnt/cache/", nullptr), 1);
     EXPECT_TRUE(exists("/mnt/cache/sda")) << "the loader mirrors the index tree";
-    EXPECT_EQ(g_magic[0], 0x702a2013u);
+    EXPECT_EQ(g_magic[0], RECSTORE_MAGIC_V7);
     fs_disk_info info;
     ASSERT_EQ(fs_getdiskinfo(0, &info), 0);
     EXPECT_EQ(info.magic_ok, 1u);

@@ -29,6 +29,7 @@
 #include "recording.h"
 #include "recstore.h"
 #include "rig.h"
+#include "test_util.h"
 
 namespace {
 
@@ -86,11 +87,7 @@ std::string asctime_of(time_t t) {
     return buf;
 }
 
-int count_of(const std::string &text, const std::string &part) {
-    int n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) n++;
-    return n;
-}
+using recstore_test::occurrences;
 
 // ---- one found recording, as the callback saw it ---------------------------------------------
 
@@ -606,8 +603,8 @@ TEST_F(FindCache, MaxCountZeroStopsEveryChannelAtOnce) {
                 0xFF, kAllFlags, 0, collect, nullptr);
     const std::string text = out.stop();
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(count_of(text, "reach max count:0 0\n"), 3) << text;
-    EXPECT_EQ(count_of(text, "reach max count:"), 3) << text;
+    EXPECT_EQ(occurrences(text, "reach max count:0 0\n"), 3u) << text;
+    EXPECT_EQ(occurrences(text, "reach max count:"), 3u) << text;
 }
 
 TEST_F(FindCache, MaxCountIsTestedWhenTheWalkEntersAPath) {
@@ -623,7 +620,7 @@ TEST_F(FindCache, MaxCountIsTestedWhenTheWalkEntersAPath) {
     // At least one, at most the recordings of the first cache file read; then the walk ends.
     EXPECT_GE(result, 1);
     EXPECT_LT(result, static_cast<int>(all.size()));
-    EXPECT_EQ(count_of(text, "reach max count:"), 1) << text;
+    EXPECT_EQ(occurrences(text, "reach max count:"), 1u) << text;
     EXPECT_EQ(c.calls, result);
 }
 
@@ -654,7 +651,7 @@ TEST_F(FindCache, ArgumentChecksOfTheSearch) {
                   -1);
         EXPECT_EQ(fs_find(0, &e, nullptr, 0, ~0u, ~0u, 0, 0xFF, kAllFlags, 10, collect, nullptr),
                   -1);
-        EXPECT_EQ(count_of(out.stop(), "invalid param\n"), 2);
+        EXPECT_EQ(occurrences(out.stop(), "invalid param\n"), 2u);
     }
     {
         // Start after end: three error lines with the two times.
@@ -662,7 +659,7 @@ TEST_F(FindCache, ArgumentChecksOfTheSearch) {
         EXPECT_EQ(fs_find(0, &s, &e, 0, ~0u, ~0u, 0, 0xFF, kAllFlags, 10, collect, nullptr), -1);
         const std::string text = out.stop();
         const std::string red = "\e[0;31m[fs.cpp:";
-        EXPECT_EQ(count_of(text, red), 3) << text;
+        EXPECT_EQ(occurrences(text, red), 3u) << text;
         EXPECT_TRUE(contains(text, "]:\e[0mstart larger than end\n")) << text;
         EXPECT_TRUE(contains(text, "]:\e[0mstart:" + asctime_of(at(2024, 3, 1, 10)))) << text;
         EXPECT_TRUE(contains(text, "]:\e[0mend:" + asctime_of(at(2024, 3, 1, 9)))) << text;
@@ -674,8 +671,8 @@ TEST_F(FindCache, ArgumentChecksOfTheSearch) {
         EXPECT_GE(fs_find(0, &e, &s, 0, 1u << 6, 0, 0, 0xFF, kAllFlags, 10, nullptr, nullptr), 0);
         const std::string text = out.stop();
         EXPECT_TRUE(contains(text, "find channel:6,mod:15\n")) << text;
-        EXPECT_EQ(count_of(text, "find channel:"), 1) << text;
-        EXPECT_EQ(count_of(text, "fs_find:"), 1) << text;
+        EXPECT_EQ(occurrences(text, "find channel:"), 1u) << text;
+        EXPECT_EQ(occurrences(text, "fs_find:"), 1u) << text;
     }
 }
 
@@ -741,8 +738,8 @@ TEST_F(FindCache, FebruaryOfALeapYearHasTwentyNineDays) {
     const std::set<int> got = run_calendar(0, 1ull << kLeapChannel, 2024, 2, &result, &d);
     const std::string text = out.stop();
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(count_of(text, "caledar find start:"), 29);
-    EXPECT_EQ(count_of(text, "caledar find end:"), 29);
+    EXPECT_EQ(occurrences(text, "caledar find start:"), 29u);
+    EXPECT_EQ(occurrences(text, "caledar find end:"), 29u);
     // The leap channel has a type-0 recording on every day: 29 callbacks, days 0 to 28.
     EXPECT_EQ(got.size(), 29u);
     EXPECT_EQ(d.days.size(), 29u);
@@ -753,7 +750,7 @@ TEST_F(FindCache, FebruaryOfALeapYearHasTwentyNineDays) {
     // the day asked for.
     StdoutCapture out2;
     run_calendar(0, ~0ull, 2023, 2, &result);
-    EXPECT_EQ(count_of(out2.stop(), "caledar find start:"), 28);
+    EXPECT_EQ(occurrences(out2.stop(), "caledar find start:"), 28u);
     StdoutCapture out3;
     run_calendar(0, ~0ull, 2024, 2, &result);
     const std::string t3 = out3.stop();
@@ -814,7 +811,7 @@ TEST_F(FindCache, CalendarCallbackNotAcceptingLeavesTheDayUnreported) {
     StdoutCapture out2;
     run_calendar(0, 1ull << kZoneChannel, 2024, 3, &result, &ok);
     const std::string text2 = out2.stop();
-    EXPECT_EQ(count_of(text2, "find calendar chn:"), static_cast<int>(want.size())) << text2;
+    EXPECT_EQ(occurrences(text2, "find calendar chn:"), want.size()) << text2;
     EXPECT_TRUE(
         contains(text2, "find calendar chn:800 name:/mnt/cache/sda/11/2024/03/20/00/cache\n"))
         << text2;
@@ -1012,7 +1009,7 @@ TEST_F(FindFile, MaxCountZeroStopsEveryChannelAtOnce) {
                 0xFF, kAllFlags, 0, collect, nullptr);
     const std::string text = out.stop();
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(count_of(text, "reach max count:0 0\n"), 3) << text;
+    EXPECT_EQ(occurrences(text, "reach max count:0 0\n"), 3u) << text;
 }
 
 TEST_F(FindFile, StartEqualToEndAndTouchingRecordings) {

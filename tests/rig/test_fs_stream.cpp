@@ -3,7 +3,6 @@
 // (index file, link, cache tag, payload), the stream table's limits, the cache refresh, block
 // changes with the host's callbacks, the cache off, read-only and direct-I/O modes, and 64
 // streams writing while the block changes.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -25,8 +24,9 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
+#include "fs_tools.h"
 #include "recstore.h"
 #include "recording.h"
 #include "formatted_disks.h"
@@ -41,31 +41,33 @@ using namespace recording_test;
 
 // ---- bitmap syncs ----------------------------------------------------------------------------
 
-// The library's bitmap syncs per disk. Every call the library makes goes through this function,
-// which counts it and hands it on to the library's own.
-std::atomic<int> g_bitmap_syncs[RECSTORE_MAX_DISKS];
+// A disk's bitmaps are synced by flushing its read-write data-zone descriptor alone; a full sync
+// of the zone flushes the read-only descriptor right before it. The Stream tests count the
+// seam's fsync calls on both, so that bitmap syncs are the difference.
+std::atomic<int> g_rw_syncs[RECSTORE_MAX_DISKS];
+std::atomic<int> g_rd_syncs[RECSTORE_MAX_DISKS];
+
+int counted_fsync(int fd) {
+    for (int d = 0; fd >= 0 && d < RECSTORE_MAX_DISKS; d++) {
+        if (fd == g_dz_ctx[d].fd_rw) g_rw_syncs[d]++;
+        if (fd == g_dz_ctx[d].fd_rd) g_rd_syncs[d]++;
+    }
+    return recstore::io_calls().fsync.real()(fd);
+}
 
 void reset_bitmap_syncs() {
-    for (auto &n : g_bitmap_syncs) n = 0;
+    for (auto &n : g_rw_syncs) n = 0;
+    for (auto &n : g_rd_syncs) n = 0;
 }
 
 // Bitmap syncs per disk since the last reset, as "d0 d1 ... d7".
 std::string bitmap_syncs() {
     std::string text;
-    for (const auto &n : g_bitmap_syncs) text += (text.empty() ? "" : " ") + std::to_string(n);
+    for (int d = 0; d < RECSTORE_MAX_DISKS; d++) {
+        text += (text.empty() ? "" : " ") + std::to_string(g_rw_syncs[d] - g_rd_syncs[d]);
+    }
     return text;
 }
-
-}  // namespace
-
-extern "C" int datazone_sync_bm(int disk_id) {
-    using Fn = int (*)(int);
-    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "datazone_sync_bm"));
-    if (disk_id >= 0 && disk_id < RECSTORE_MAX_DISKS) g_bitmap_syncs[disk_id]++;
-    return real(disk_id);
-}
-
-namespace {
 
 // ---- the disks -----------------------------------------------------------------------------
 
@@ -123,6 +125,8 @@ class Stream : public ::testing::Test {
 
     Cluster buf_;
     std::unique_ptr<LogMask> quiet_;
+    // The seam's fsync calls are counted for the whole test.
+    recstore::IoOverride<int(int)> syncs_{recstore::io_calls().fsync, counted_fsync};
 };
 
 // ---- the tests -----------------------------------------------------------------------------
@@ -605,8 +609,8 @@ TEST_F(Stream, BlockChangeOnTheSameDiskWhenTheBlockFills) {
     ASSERT_EQ(e.size(), 1u);
     EXPECT_EQ(e[0].cluster, kFirstData + 131072u);
     // Block 1's map entry is busy on disk: it was taken and filled.
-    EXPECT_EQ(aging::read_entry(part.c_str(), 0, 0) >> 30, 2u);
-    EXPECT_EQ(aging::read_entry(part.c_str(), 0, 1) >> 30, 2u);
+    EXPECT_EQ(aging::read_entry(part.c_str(), 0, 0) >> aging::kStateShift, 2u);
+    EXPECT_EQ(aging::read_entry(part.c_str(), 0, 1) >> aging::kStateShift, 2u);
 }
 
 TEST_F(Stream, BlockChangeToASecondDiskAndWithoutOldBlock) {

@@ -50,8 +50,7 @@ int refuse_all(int, unsigned long, void *) {
 class RigFoundations : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(rig::active()) << "run through tests/rig/rig-run"; }
-    void TearDown() override { fs_tools_blk_ioctl = saved_ioctl_; }
-    int (*saved_ioctl_)(int, unsigned long, void *) = fs_tools_blk_ioctl;
+    void TearDown() override { recstore::io_calls().ioctl.reset(); }
 };
 
 }  // namespace
@@ -82,7 +81,7 @@ TEST_F(RigFoundations, FallbackMultipliesSectorCountByLogicalSectorSize) {
     ASSERT_GE(fd, 0) << loop;
     unsigned long count = 0;
     ASSERT_EQ(ioctl(fd, BLKGETSIZE, &count), 0);
-    fs_tools_blk_ioctl = refuse_size64;
+    recstore::io_calls().ioctl.set(refuse_size64);
     LogMask mask(0xB);
     StdoutCapture cap;
     int64_t size = blockdev_size(0, fd);
@@ -100,7 +99,7 @@ TEST_F(RigFoundations, DeviceThatAnswersNothingHasSizeZero) {
     rig::Disk disk = rig::attach('b', 2 * kGiB);
     int fd = open(disk.node.c_str(), O_RDONLY);
     ASSERT_GE(fd, 0);
-    fs_tools_blk_ioctl = refuse_all;
+    recstore::io_calls().ioctl.set(refuse_all);
     LogMask mask(0xB);
     StdoutCapture cap;
     EXPECT_EQ(blockdev_size(0, fd), 0);

@@ -262,7 +262,7 @@ TEST_F(IndexFiles, OpenRefusals) {
 }
 
 TEST_F(IndexFiles, OddChannelsAndTypesStayBounded) {
-    for (int v : {-1, 64, 1000000, INT32_MIN}) {
+    for (int v : {-1, RECSTORE_MAX_CHANNELS, 1000000, INT32_MIN}) {
         const int h = create(&start_, v, v);
         if (h >= 0) index_close(h, nullptr);
     }
@@ -377,7 +377,7 @@ TEST_F(IndexFiles, UnfinishedHeaderWithoutWriterIsRewritten) {
     const int fd = open(kName, O_RDWR);
     ASSERT_GE(fd, 0);
     uint8_t word[4];
-    put_u32(word, O_RDWR);
+    le32_store(word, O_RDWR);
     ASSERT_EQ(pwrite(fd, word, 4, 104), 4);
     close(fd);
     LogMask mask(0xB);
@@ -389,9 +389,9 @@ TEST_F(IndexFiles, UnfinishedHeaderWithoutWriterIsRewritten) {
     EXPECT_NE(out.find("try to fix start:"), std::string::npos) << out;
     EXPECT_NE(out.find("done\n"), std::string::npos) << out;
     const std::vector<uint8_t> b = file_bytes(kName);
-    EXPECT_EQ(get_u32(b.data() + 108), 3u);
-    EXPECT_EQ(get_u64(b.data() + 112), 3u * 524288u);
-    EXPECT_EQ(get_u32(b.data() + 56), 16u) << "end 08:09:16 from the last frame";
+    EXPECT_EQ(le32_load(b.data() + 108), 3u);
+    EXPECT_EQ(le64_load(b.data() + 112), 3u * 524288u);
+    EXPECT_EQ(le32_load(b.data() + 56), 16u) << "end 08:09:16 from the last frame";
 }
 
 TEST_F(IndexFiles, UnfinishedHeaderHeldByAWriterIsLeftAlone) {
@@ -410,7 +410,7 @@ TEST_F(IndexFiles, UnfinishedHeaderHeldByAWriterIsLeftAlone) {
     index_close(r, nullptr);
     struct tm end = utc(kBase + 9);
     index_close(w, &end);
-    EXPECT_EQ(get_u32(file_bytes(kName).data() + 108), 2u) << "the writer finalises it";
+    EXPECT_EQ(le32_load(file_bytes(kName).data() + 108), 2u) << "the writer finalises it";
 }
 
 // ---- deleting and clearing -----------------------------------------------------------------

@@ -18,7 +18,7 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "formatted_disks.h"
 #include "recording.h"

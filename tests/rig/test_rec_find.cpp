@@ -268,8 +268,8 @@ TEST_F(RecFind, NinthSearchRefusedAndBadInput) {
     const int h = rec_find_open(&end, &start, 1, 0, kAnyMode, kAllMatches, 4, 0);
     ASSERT_EQ(h, 7);
     EXPECT_EQ(rec_find_getcounts(h), 0);
-    EXPECT_EQ(rec_find_getcounts(8), -1);
-    EXPECT_EQ(rec_find_channel_getcounts(0, 64), -1);
+    EXPECT_EQ(rec_find_getcounts(RECSTORE_FIND_SLOTS), -1);
+    EXPECT_EQ(rec_find_channel_getcounts(0, RECSTORE_MAX_CHANNELS), -1);
 }
 
 TEST_F(RecFind, CalendarOfBothDisks) {

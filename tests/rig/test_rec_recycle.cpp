@@ -19,7 +19,7 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "formatted_disks.h"
 #include "rec.h"
@@ -27,6 +27,7 @@
 #include "recstore.h"
 #include "rec_daemon.h"
 #include "rig.h"
+#include "test_util.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ const bool g_disks_registered = (use_formatted_disks(2), true);
 constexpr int kWrite = RECSTORE_REC_CREATE | O_RDWR;
 constexpr uint32_t kOldStored = 400000000u;  // a block time in units of 4 seconds
 constexpr time_t kOldSeconds = 1600000000;   // the same time in seconds
-constexpr uint32_t kInUse = 0xC0000000u;
+constexpr uint32_t kInUse = aging::kBusy | recstore::kEntryErrTestBit;
 constexpr uint64_t kBlockBytes = uint64_t{aging::kClustersPerBlock} * kCluster;
 constexpr int kDay = 86400;
 const char kLog[] = "/mnt/img/log.log";
@@ -79,11 +80,7 @@ uint32_t stored_of(time_t t) {
     return static_cast<uint32_t>(t) >> 2;
 }
 
-size_t occurrences(const std::string &text, const std::string &part) {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) n++;
-    return n;
-}
+using recstore_test::occurrences;
 
 // The host's clock, faked; every call is counted (the daemon reads it once per disk pass).
 std::atomic<int> g_clock{0};

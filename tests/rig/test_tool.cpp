@@ -8,11 +8,13 @@
 
 #include <string>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "formatted_disks.h"
+#include "fs_tools.h"
 #include "recording.h"
 #include "rig.h"
+#include "test_util.h"
 
 using namespace recording_test;
 using recstore_test::LogMask;
@@ -28,7 +30,7 @@ constexpr uint32_t kStrayCluster = 1000;  // a free cluster of block 1 (index in
 // Runs the tool with the arguments; its exit status, its output (both streams) in *out.
 int tool(const std::string &args, std::string *out) {
     out->clear();
-    return rig::run(std::string(RECSTORE_TOOL) + " " + args + " 2>&1", out);
+    return rig::run(std::string(RECSTORE_EMULATOR) + RECSTORE_TOOL + " " + args + " 2>&1", out);
 }
 
 struct tm start_of(int channel) {
@@ -77,25 +79,22 @@ class Tool : public ::testing::Test {
     std::unique_ptr<LogMask> quiet_;
 };
 
-size_t occurrences(const std::string &text, const std::string &part) {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) n++;
-    return n;
-}
+using recstore_test::occurrences;
 
 // ---- usage ---------------------------------------------------------------------------------
 
-TEST(ToolUsage, RefusesBadArgumentsWithStatus2AndSaysWhatToDo) {
+TEST(ToolUsage, RefusesBadArgumentsWithAUsageStatusAndSaysWhatToDo) {
     std::string out;
     EXPECT_EQ(tool("", &out), 2) << out;
     EXPECT_TRUE(contains(out, "usage: recstore COMMAND")) << out;
     EXPECT_EQ(tool("nosuch", &out), 2) << out;
     EXPECT_TRUE(contains(out, "unknown command \"nosuch\"")) << out;
-    EXPECT_EQ(tool("check", &out), 2) << out;
+    // check gives the usage status of file-system checkers, 16; every other command 2.
+    EXPECT_EQ(tool("check", &out), 16) << out;
     EXPECT_TRUE(contains(out, "give exactly one disk")) << out;
-    EXPECT_EQ(tool("check /dev/sda", &out), 2) << out;
+    EXPECT_EQ(tool("check /dev/sda", &out), 16) << out;
     EXPECT_TRUE(contains(out, "\"/dev/sda\" is not a disk node")) << out;
-    EXPECT_EQ(tool("check /dev/hd/sda --fix", &out), 2) << out;
+    EXPECT_EQ(tool("check /dev/hd/sda --fix", &out), 16) << out;
     EXPECT_TRUE(contains(out, "unknown option \"--fix\"")) << out;
     EXPECT_EQ(tool("record --channel 64", &out), 2) << out;
     EXPECT_TRUE(contains(out, "--channel takes channels 0-63")) << out;
@@ -116,7 +115,7 @@ TEST(ToolUsage, EveryCommandHasHelp) {
 
 TEST(ToolUsage, CheckOfAMissingDiskFails) {
     std::string out;
-    EXPECT_EQ(tool("check /dev/hd/sdh", &out), 1) << out;
+    EXPECT_EQ(tool("check /dev/hd/sdh", &out), 8) << out;
     EXPECT_TRUE(
         contains(out, "recstore check: /dev/hd/sdh does not exist: is the disk plugged in?"))
         << out;
@@ -137,7 +136,7 @@ TEST_F(Tool, CheckFindsNothingOnAHealthyDisk) {
 TEST_F(Tool, CheckReportsARemovedIndexFileAndRepairsWhatIsSafe) {
     const struct tm t = start_of(2);
     ASSERT_EQ(unlink(index_name(0, 2, t, 0).c_str()), 0);
-    std::string out = check(1);
+    std::string out = check(4);
     // Its link, its cache tag and its clusters are left over.
     EXPECT_TRUE(contains(out, "inconsistency [stale-link] " + link_name(0, kBlock1, 2, t, 0) +
                                   " -> ../../02/2026/11/22/00/0220261122100002_00: the index "
@@ -149,14 +148,14 @@ TEST_F(Tool, CheckReportsARemovedIndexFileAndRepairsWhatIsSafe) {
     EXPECT_TRUE(contains(out, "3 inconsistencies found (2 of them repairable with --repair)\n"))
         << out;
 
-    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 4) << out;
     EXPECT_TRUE(contains(out, "repaired: removed the stale link " + link_name(0, kBlock1, 2, t, 0)))
         << out;
     EXPECT_TRUE(contains(out, "repaired: rewrote " + cache_file(0, 2, t, 0))) << out;
     EXPECT_TRUE(contains(out, "1 inconsistency left after repair\n")) << out;
     EXPECT_FALSE(exists(link_name(0, kBlock1, 2, t, 0)));
 
-    out = check(1);
+    out = check(4);
     EXPECT_TRUE(contains(out, "1 inconsistency found (0 of them repairable")) << out;
     EXPECT_TRUE(contains(out, "[unreferenced-cluster]")) << out;
 }
@@ -165,7 +164,7 @@ TEST_F(Tool, CheckReportsAStrayLink) {
     const struct tm t = start_of(5);
     const std::string link = link_name(0, kBlock1, 5, t, 0);
     ASSERT_EQ(symlink("../../05/2026/11/22/00/0520261122100005_00", link.c_str()), 0);
-    const std::string out = check(1);
+    const std::string out = check(4);
     EXPECT_TRUE(contains(out, "inconsistency [stale-link] " + link + " -> ")) << out;
     EXPECT_TRUE(contains(out, "1 inconsistency found (1 of them repairable")) << out;
 }
@@ -174,7 +173,7 @@ TEST_F(Tool, CheckReportsABusyClusterNoEntryPointsTo) {
     const std::string part = data_partition(0);
     ASSERT_TRUE(
         aging::set_cluster_entry(part.c_str(), kBlock1, kStrayCluster, aging::busy_entry(0x1234)));
-    const std::string out = check(1);
+    const std::string out = check(4);
     EXPECT_TRUE(contains(out, "inconsistency [unreferenced-cluster] block 1: busy cluster " +
                                   std::to_string(kFirstData + kStrayCluster) +
                                   " no index entry points to\n"))
@@ -186,7 +185,7 @@ TEST_F(Tool, CheckReportsAWrongBlockMapState) {
     const std::string part = data_partition(0);
     // An empty block marked busy with an older sequence than the current block's.
     ASSERT_TRUE(aging::set_block_entry(part.c_str(), kBlock3, aging::busy_entry(1000)));
-    const std::string out = check(1);
+    const std::string out = check(4);
     EXPECT_TRUE(contains(out,
                          "inconsistency [block-state] block 3: busy in the block map "
                          "(0x800003e8) with 131072 free clusters, but block 1 is the "
@@ -202,7 +201,7 @@ TEST_F(Tool, CheckReportsAnEntryIntoAFreeCluster) {
     const std::string part = data_partition(0);
     ASSERT_TRUE(aging::set_cluster_entry(part.c_str(), kBlock1, entries[0].cluster - kFirstData,
                                          aging::free_entry(0)));
-    const std::string out = check(1);
+    const std::string out = check(4);
     EXPECT_TRUE(contains(out, "inconsistency [bad-entry] " + index_name(0, 1, start_of(1), 0) +
                                   " entry 0: cluster " + std::to_string(entries[0].cluster) +
                                   " is free in block 1's cluster map\n"))
@@ -221,15 +220,15 @@ TEST_F(Tool, CheckReportsAStaleCacheTagAndRewritesItFromTheIndexFile) {
         const int fd = open(cache.c_str(), O_WRONLY | O_TRUNC);
         ASSERT_GE(fd, 0);
         unsigned char b[8];
-        for (int i = 0; i < 8; i++) b[i] = static_cast<unsigned char>(stale >> (8 * i));
+        recstore::le64_store(b, stale);
         ASSERT_EQ(write(fd, b, sizeof b), 8);
         close(fd);
     }
-    std::string out = check(1);
+    std::string out = check(4);
     EXPECT_TRUE(contains(out, "inconsistency [stale-tag] " + cache)) << out;
     EXPECT_TRUE(contains(out, ": differs from " + file_name(3, t, 0))) << out;
     EXPECT_TRUE(contains(out, "1 inconsistency found (1 of them repairable")) << out;
-    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 0) << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
     EXPECT_TRUE(contains(out, "0 inconsistencies left after repair\n")) << out;
     tags = tags_in(cache);
     ASSERT_EQ(tags.size(), 1u);
@@ -243,11 +242,11 @@ TEST_F(Tool, CheckReportsARecordingMissingFromTheCacheAndAddsItsTag) {
     const std::vector<uint64_t> before = tags_in(cache);
     ASSERT_EQ(before.size(), 1u);
     ASSERT_EQ(unlink(cache.c_str()), 0);
-    std::string out = check(1);
+    std::string out = check(4);
     EXPECT_TRUE(contains(
         out, "inconsistency [stale-tag] " + index_name(0, 1, t, 0) + ": no tag in " + cache + "\n"))
         << out;
-    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 0) << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
     EXPECT_EQ(tags_in(cache), before);
 }
 

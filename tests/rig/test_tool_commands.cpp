@@ -16,11 +16,11 @@ namespace {
 
 constexpr uint64_t kDiskBytes = 200ull * 1024 * 1024 * 1024;
 constexpr uint64_t kFirstDataCluster = 257;  // first data cluster of a 200 GiB disk
-constexpr uint64_t kCluster = 524288;
+constexpr uint64_t kCluster = RECSTORE_CLUSTER_SIZE;
 
 int tool(const std::string &args, std::string *out) {
     out->clear();
-    return rig::run(std::string(RECSTORE_TOOL) + " " + args + " 2>&1", out);
+    return rig::run(std::string(RECSTORE_EMULATOR) + RECSTORE_TOOL + " " + args + " 2>&1", out);
 }
 
 bool mounted(const std::string &what) {
@@ -58,6 +58,7 @@ TEST_F(ToolCommands, FormatUpDownRecordPlayAndCheck) {
 
     ASSERT_EQ(tool("record --disk /dev/hd/sda --channel 3 --seconds 4 --mbps 4 --fast", &out), 0)
         << out;
+    EXPECT_FALSE(contains(out, "\r")) << "no progress line rewritten in place into a pipe";
     const size_t at = out.find("channel  3  start \"");
     ASSERT_NE(at, std::string::npos) << out;
     const std::string start = out.substr(at + 19, 19);
@@ -108,6 +109,85 @@ TEST_F(ToolCommands, FormatUpDownRecordPlayAndCheck) {
     EXPECT_TRUE(contains(out, "recstore up: /dev/hd/sdc does not exist")) << out;
     ASSERT_EQ(tool("play --disk /dev/hd/sda --channel 4", &out), 1) << out;
     EXPECT_TRUE(contains(out, "recstore play: channel 4 has no recording")) << out;
+}
+
+// Runs the tool with standard output piped into python3's JSON checker; its standard error (the
+// library's messages) is kept apart. The checker's status is returned; the tool's is in *status
+// and the pretty-printed JSON in *json.
+int tool_json(const std::string &args, int *status, std::string *json) {
+    const std::string dir = rig::dir();
+    const std::string command = "{ " + std::string(RECSTORE_TOOL) + " " + args + " 2>" + dir +
+                                "/tool.err; echo $? >" + dir + "/tool.status; } | python3 -m " +
+                                "json.tool";
+    const int checked = rig::run(command, json);
+    *status = std::stoi(rig::sh("cat " + dir + "/tool.status"));
+    return checked;
+}
+
+TEST_F(ToolCommands, JsonOnStandardOutputIsValidWithTheLibrarysMessagesOnStandardError) {
+    std::string out;
+    ASSERT_EQ(tool("format /dev/hd/sda --yes", &out), 0) << out;
+    ASSERT_EQ(tool("record --disk=/dev/hd/sda --channel=5 --seconds=2 --mbps=4 --fast", &out), 0)
+        << out;
+    int status = -1;
+    std::string json;
+    EXPECT_EQ(tool_json("find --json --disk /dev/hd/sda", &status, &json), 0) << json;
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(contains(json, "\"channel\": 5,")) << json;
+    // Bringing the disk up made the library talk: all of it went to standard error.
+    EXPECT_NE(rig::sh("cat " + rig::dir() + "/tool.err"), "");
+
+    EXPECT_EQ(tool_json("check --json /dev/hd/sda", &status, &json), 0) << json;
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(contains(json, "\"index_files\": 1,")) << json;
+    EXPECT_TRUE(contains(json, "\"findings\": [],")) << json;
+
+    EXPECT_EQ(tool_json("inspect --json /dev/hd/sda", &status, &json), 0) << json;
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(contains(json, "\"state\": \"in-use\",")) << json;
+    EXPECT_TRUE(contains(json, "\"format\": \"7.0.0.0\",")) << json;
+    EXPECT_TRUE(contains(json, "\"channel\": 5,")) << json;
+
+    EXPECT_EQ(tool_json("inspect --json --maps " + disk_.image, &status, &json), 0) << json;
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(contains(json, "\"kind\": \"image\",")) << json;
+}
+
+TEST_F(ToolCommands, OptionsTakeEqualsValuesAndStopAtDoubleDash) {
+    std::string out;
+    ASSERT_EQ(tool("format --yes -- /dev/hd/sda", &out), 0) << out;
+    EXPECT_EQ(tool("check --repair=yes /dev/hd/sda", &out), 16) << out;
+    EXPECT_TRUE(contains(out, "option --repair takes no value")) << out;
+    EXPECT_EQ(tool("find --disk", &out), 2) << out;
+    EXPECT_TRUE(contains(out, "option --disk needs a value")) << out;
+    // After "--" a word that looks like an option is a word.
+    EXPECT_EQ(tool("check -- --help", &out), 16) << out;
+    EXPECT_TRUE(contains(out, "\"--help\" is not a disk node")) << out;
+    EXPECT_EQ(tool("check -- /dev/hd/sda", &out), 0) << out;
+}
+
+TEST_F(ToolCommands, InspectTellsANeverInitialisedDataZoneFromAnEmptyOne) {
+    std::string out;
+    ASSERT_EQ(tool("format /dev/hd/sda --yes", &out), 0) << out;
+    ASSERT_EQ(tool("inspect /dev/hd/sda", &out), 0) << out;
+    EXPECT_TRUE(
+        contains(out, "data zone state: empty (initialised, every block and cluster free)\n"))
+        << out;
+    // Without the magic file written with the fresh maps, the blank maps are those of a zone the
+    // library never initialised.
+    ASSERT_EQ(rig::run("mkdir -p /mnt/sda && mount /dev/hd/sda2 /mnt/sda && rm /mnt/sda/magic && "
+                       "umount /mnt/sda"),
+              0);
+    ASSERT_EQ(tool("inspect /dev/hd/sda", &out), 0) << out;
+    EXPECT_TRUE(contains(out, "data zone state: never initialised (no valid magic file")) << out;
+    ASSERT_EQ(tool("inspect --json /dev/hd/sda", &out), 0) << out;
+    EXPECT_TRUE(contains(out, "\"state\": \"uninitialised\"")) << out;
+    // Read without the index partition, blank maps cannot be told apart.
+    ASSERT_EQ(tool("inspect --maps /dev/hd/sda", &out), 0) << out;
+    EXPECT_TRUE(contains(out,
+                         "data zone state: blank maps: never initialised or initialised "
+                         "and empty"))
+        << out;
 }
 
 TEST_F(ToolCommands, PlayFindsAChangedByte) {

@@ -1,9 +1,8 @@
 // Write paths under conditions that must not cost a recording or hand out space that a
 // recording still references: names the name parsers cannot read back, end times before the
 // start, index headers cut by a power loss, a full index partition, short payload and header
-// writes and failed fsyncs (injected by the functions below), and a disk without a current
+// writes and failed fsyncs (injected through the library's I/O table), and a disk without a current
 // block. One formatted 200 GiB loop-backed disk brought up in the plug-in order.
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,6 +19,7 @@
 
 #include "capture.h"
 #include "formatted_disks.h"
+#include "fs_tools.h"
 #include "recording.h"
 #include "recstore.h"
 #include "rig.h"
@@ -34,41 +34,31 @@ using namespace recording_test;
 const bool g_disks_registered = (use_formatted_disks(1), true);
 
 // ---- injected I/O failures -----------------------------------------------------------------
+// Each injector replaces one entry of the library's I/O table for the lifetime of an
+// IoOverride and passes every other call to the real system call.
 
-// While set, the next payload write of a whole cluster stores half of it, and every fsync
-// fails with EIO. The library's calls come through the functions below.
+// While set, the next payload write of a whole cluster stores half of it.
 std::atomic<bool> g_short_payload{false};
-std::atomic<bool> g_failing_fsync{false};
 // While set, the next write of a whole 8336-byte index header stores 4000 bytes of it.
 std::atomic<bool> g_short_header{false};
 
-}  // namespace
-
-extern "C" ssize_t pwrite64(int fd, const void *buf, size_t n, off64_t pos) {
-    using Fn = ssize_t (*)(int, const void *, size_t, off64_t);
-    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "pwrite64"));
+ssize_t short_payload_pwrite(int fd, const void *buf, size_t n, off64_t pos) {
+    const auto real = recstore::io_calls().pwrite64.real();
     if (n == kCluster && g_short_payload.exchange(false)) return real(fd, buf, n / 2, pos);
     return real(fd, buf, n, pos);
 }
 
-extern "C" ssize_t write(int fd, const void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, const void *, size_t);
-    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write"));
+ssize_t short_header_write(int fd, const void *buf, size_t n) {
+    const auto real = recstore::io_calls().write.real();
     if (n == 8336 && g_short_header.exchange(false)) return real(fd, buf, 4000);
     return real(fd, buf, n);
 }
 
-extern "C" int fsync(int fd) {
-    using Fn = int (*)(int);
-    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "fsync"));
-    if (g_failing_fsync) {
-        errno = EIO;
-        return -1;
-    }
-    return real(fd);
+// Every fsync fails with EIO.
+int failing_fsync(int) {
+    errno = EIO;
+    return -1;
 }
-
-namespace {
 
 class WriteHazards : public ::testing::Test {
   protected:
@@ -291,15 +281,23 @@ TEST_F(WriteHazards, AShortPayloadWriteAndAFailedSyncAreReported) {
     const int h = create(10, t, 0);
     ASSERT_GE(h, 0);
     ASSERT_EQ(write_cluster_n(h, 5, 0, base), static_cast<int>(kCluster));
-    g_short_payload = true;
-    const int r = write_cluster_n(h, 5, 1, base);
-    g_short_payload = false;
+    int r = 0;
+    {
+        const recstore::IoOverride<ssize_t(int, const void *, size_t, off64_t)> cut(
+            recstore::io_calls().pwrite64, short_payload_pwrite);
+        g_short_payload = true;
+        r = write_cluster_n(h, 5, 1, base);
+        EXPECT_FALSE(g_short_payload) << "no payload write of a whole cluster was seen";
+        g_short_payload = false;
+    }
     EXPECT_LT(r, 0);
     EXPECT_EQ(stat_of(h).entry_count, 1u);
     EXPECT_EQ(fs_sync(h), 0);
-    g_failing_fsync = true;
-    const int synced = fs_sync(h);
-    g_failing_fsync = false;
+    int synced = 0;
+    {
+        const recstore::IoOverride<int(int)> fail(recstore::io_calls().fsync, failing_fsync);
+        synced = fs_sync(h);
+    }
     EXPECT_EQ(synced, -1);
     fs_close(h, nullptr);
 }
@@ -327,9 +325,15 @@ TEST_F(WriteHazards, ACreateWhoseHeaderWriteIsCutIsRefused) {
     const struct tm t = make_tm(2024, 7, 7, 3, 4, 5);
     LogMask mask(kAllLevels);
     StdoutCapture out;
-    g_short_header = true;
-    const int h = create(12, t, 0);
-    g_short_header = false;
+    int h = 0;
+    {
+        const recstore::IoOverride<ssize_t(int, const void *, size_t)> cut(
+            recstore::io_calls().write, short_header_write);
+        g_short_header = true;
+        h = create(12, t, 0);
+        EXPECT_FALSE(g_short_header) << "no header write was seen";
+        g_short_header = false;
+    }
     const std::string text = out.stop();
     EXPECT_EQ(h, -1);
     EXPECT_TRUE(contains(text, "short header write:4000 of 8336 bytes")) << text;

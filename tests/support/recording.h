@@ -16,12 +16,14 @@
 
 #include <gtest/gtest.h>
 
+#include "fs_tools.h"
 #include "recstore.h"
+#include "test_util.h"
 
 namespace recording_test {
 
 constexpr uint64_t kGiB = 1024ull * 1024 * 1024;
-constexpr uint32_t kCluster = 524288;
+constexpr uint32_t kCluster = RECSTORE_CLUSTER_SIZE;
 constexpr uint32_t kNoBlock = 0xFFFFFFFFu;
 constexpr int kNoCache = 4;
 constexpr int kReadOnly = 1;
@@ -34,9 +36,7 @@ constexpr uint32_t kBlock2 = 2;
 constexpr uint32_t kBlock3 = 3;
 constexpr unsigned kAllLevels = 0xB;
 
-inline bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 inline bool exists(const std::string &path) {
     struct stat st;
@@ -109,9 +109,8 @@ inline std::vector<uint64_t> tags_in(const std::string &path) {
     const std::string bytes = slurp(path);
     std::vector<uint64_t> tags;
     for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
-        uint64_t tag = 0;
-        for (int i = 7; i >= 0; i--) tag = (tag << 8) | static_cast<unsigned char>(bytes[at + i]);
-        tags.push_back(tag);
+        tags.push_back(
+            recstore::le64_load(reinterpret_cast<const unsigned char *>(bytes.data()) + at));
     }
     return tags;
 }

@@ -83,9 +83,10 @@ std::vector<MountEntry> mounts() {
     return out;
 }
 
+// The 64-bit call: a disk image of hundreds of GiB overflows the 32-bit stat of the ARM build.
 bool exists(const std::string &path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
+    struct stat64 st;
+    return ::lstat64(path.c_str(), &st) == 0;
 }
 
 std::string trim(std::string s) {

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "recstore.h"
+
 namespace rig {
 
 // One disk of the rig: an image file in the rig directory attached to a loop device and seen by
@@ -21,7 +23,7 @@ struct Disk {
 };
 
 // Largest number of disks a recorder has, and their letters.
-constexpr int kMaxDisks = 8;
+constexpr int kMaxDisks = RECSTORE_MAX_DISKS;
 constexpr char kFirstLetter = 'a';
 constexpr char kLastLetter = 'h';
 

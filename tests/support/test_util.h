@@ -5,6 +5,7 @@
 
 #include <time.h>
 
+#include <cstddef>
 #include <string>
 
 namespace recstore_test {
@@ -31,6 +32,12 @@ std::string read_file(const std::string &path);
 
 // Creates or replaces a file with the given content.
 void write_file(const std::string &path, const std::string &content = "");
+
+// True when `part` occurs in `text`.
+bool contains(const std::string &text, const std::string &part);
+
+// How many times `part` occurs in `text`, overlapping occurrences included.
+size_t occurrences(const std::string &text, const std::string &part);
 
 }  // namespace recstore_test
 

@@ -12,9 +12,10 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "bitmap.h"
 #include "capture.h"
+#include "fs_tools.h"
 #include "recstore.h"
 
 namespace {
@@ -22,8 +23,8 @@ namespace {
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
 
-constexpr uint32_t kEntries = 131072;
-constexpr uint32_t kCluster = 0x80000;
+constexpr uint32_t kEntries = RECSTORE_CLUSTERS_PER_BLOCK;
+constexpr uint32_t kCluster = RECSTORE_CLUSTER_SIZE;
 
 class Bitmap : public ::testing::Test {
   protected:
@@ -44,9 +45,8 @@ class Bitmap : public ::testing::Test {
         rmdir(dir_.c_str());
     }
     void put_raw(uint32_t cluster, uint32_t index, uint32_t entry) {
-        unsigned char raw[4] = {
-            static_cast<unsigned char>(entry), static_cast<unsigned char>(entry >> 8),
-            static_cast<unsigned char>(entry >> 16), static_cast<unsigned char>(entry >> 24)};
+        unsigned char raw[4];
+        recstore::le32_store(raw, entry);
         ASSERT_EQ(pwrite64(fd_, raw, 4, static_cast<off64_t>(cluster) * kCluster + index * 4), 4);
     }
     std::vector<unsigned char> bytes_at(off64_t pos, size_t n) {

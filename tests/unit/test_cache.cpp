@@ -16,7 +16,9 @@
 
 #include "cache.h"
 #include "capture.h"
+#include "fs_tools.h"
 #include "recstore.h"
+#include "test_util.h"
 
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
@@ -25,9 +27,7 @@ namespace {
 
 constexpr unsigned kLogAll = 0xB;
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 bool exists(const std::string &path) {
     struct stat st;
@@ -47,8 +47,7 @@ void write_bytes(const std::string &path, const std::vector<unsigned char> &byte
 
 std::vector<unsigned char> tag_bytes(uint64_t tag) {
     std::vector<unsigned char> b(8);
-    for (int i = 0; i < 8; i++)
-        b[static_cast<size_t>(i)] = static_cast<unsigned char>(tag >> (8 * i));
+    recstore::le64_store(b.data(), tag);
     return b;
 }
 
@@ -302,9 +301,9 @@ TEST_F(CacheState, BadArgumentsAreRefusedBeforeAnyPathIsBuilt) {
     StdoutCapture cap;
     EXPECT_EQ(cache_create(0, 3, nullptr, &end, 0, 1, 0), -1);
     EXPECT_EQ(cache_create(0, 3, &start, nullptr, 0, 1, 0), -1);
-    EXPECT_EQ(cache_create(8, 3, &start, &end, 0, 1, 0), -1);
+    EXPECT_EQ(cache_create(RECSTORE_MAX_DISKS, 3, &start, &end, 0, 1, 0), -1);
     EXPECT_EQ(cache_create(-1, 3, &start, &end, 0, 1, 0), -1);
-    EXPECT_EQ(cache_create(0, 64, &start, &end, 0, 1, 0), -1);
+    EXPECT_EQ(cache_create(0, RECSTORE_MAX_CHANNELS, &start, &end, 0, 1, 0), -1);
     EXPECT_EQ(cache_create(0, -1, &start, &end, 0, 1, 0), -1);
     EXPECT_EQ(cache_create(0, 3, &start, &end, 100, 1, 0), -1);
     EXPECT_EQ(cache_create(0, 3, &start, &end, 0, 1, 0), -1);  // disk 0 is not open

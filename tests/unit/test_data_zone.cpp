@@ -1,12 +1,13 @@
 // The data zone on a sparse 200 GiB image file standing in for partition 3 of disk 0: geometry,
 // start-up check and repair, the choice of the current block, cluster allocation and freeing,
 // whole-cluster I/O, the counters, refusals and fault handling.
-#include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -17,56 +18,53 @@
 
 #include <gtest/gtest.h>
 
-#include "aging.h"
+#include "aging_checks.h"
 #include "capture.h"
 #include "data_zone.h"
+#include "fs_tools.h"
 #include "recstore.h"
+#include "test_util.h"
 
-// Fault injection: the library's map reads go through read_cluster, which this program
-// interposes (it exports its symbols). When armed, a read of the chosen cluster comes back
-// short.
+// Fault injection: every cluster transfer of the library is a positioned read or write of the
+// I/O seam, which the DataZone tests replace. When armed, a read of the chosen cluster comes back
+// short and a write to the chosen cluster fails with EIO.
 namespace {
+
+constexpr off64_t kClusterBytes = 524288;
+
 int g_short_read_cluster = -1;
-int g_read_cluster_calls = 0;  // every read_cluster call of the library is counted
-}  // namespace
-
-extern "C" ssize_t read_cluster(int fd, int cluster, int offset, void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, int, int, void *, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "read_cluster"));
-    if (real == nullptr) return -1;
-    ++g_read_cluster_calls;
-    if (cluster == g_short_read_cluster && n > 1) return real(fd, cluster, offset, buf, n / 2);
-    return real(fd, cluster, offset, buf, n);
-}
-
-// Map writes go through write_cluster; when armed, a write to the chosen cluster fails.
-namespace {
 int g_fail_write_cluster = -1;
-}  // namespace
+std::atomic<int> g_pread_calls{0};   // every positioned read of the library is counted
+std::atomic<int> g_pwrite_calls{0};  // and every positioned write
 
-extern "C" ssize_t write_cluster(int fd, int cluster, int offset, const void *buf, size_t n) {
-    using Fn = ssize_t (*)(int, int, int, const void *, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write_cluster"));
-    if (real == nullptr) return -1;
-    if (cluster == g_fail_write_cluster) return -1;
-    return real(fd, cluster, offset, buf, n);
+ssize_t faulty_pread(int fd, void *buf, size_t n, off64_t pos) {
+    ++g_pread_calls;
+    if (pos / kClusterBytes == g_short_read_cluster && n > 1) n /= 2;
+    return recstore::io_calls().pread64.real()(fd, buf, n, pos);
 }
 
-namespace {
+ssize_t faulty_pwrite(int fd, const void *buf, size_t n, off64_t pos) {
+    ++g_pwrite_calls;
+    if (pos / kClusterBytes == g_fail_write_cluster) {
+        errno = EIO;
+        return -1;
+    }
+    return recstore::io_calls().pwrite64.real()(fd, buf, n, pos);
+}
+
 
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
 
 constexpr uint64_t kGiB = 1ull << 30;
 constexpr uint64_t kTiB = 1ull << 40;
-constexpr uint32_t kPerBlock = 131072;
-constexpr uint32_t kMagic16T = 0x702a2013u;
-constexpr uint32_t kMagic8T = 0x60282013u;
+constexpr int kCluster = RECSTORE_CLUSTER_SIZE;
+constexpr int kPerBlock = RECSTORE_CLUSTERS_PER_BLOCK;
+constexpr uint32_t kMagic16T = RECSTORE_MAGIC_V7;
+constexpr uint32_t kMagic8T = RECSTORE_MAGIC_V6;
 constexpr uint32_t kMagic4T = 0x12345678u;
 
-bool contains(const std::string &text, const std::string &what) {
-    return text.find(what) != std::string::npos;
-}
+using recstore_test::contains;
 
 // Turns the library's event log on for a scope. The log file lives under /mnt/img, which must
 // not exist outside the rig: the lines then reach standard output only.
@@ -126,6 +124,11 @@ class DataZone : public ::testing::Test {
 
     std::string dir_, image_;
     uint32_t saved_magic_ = 0;
+    // The seam's positioned reads and writes go through the fault injectors above.
+    recstore::IoOverride<ssize_t(int, void *, size_t, off64_t)> reads_{recstore::io_calls().pread64,
+                                                                       faulty_pread};
+    recstore::IoOverride<ssize_t(int, const void *, size_t, off64_t)> writes_{
+        recstore::io_calls().pwrite64, faulty_pwrite};
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -146,7 +149,7 @@ TEST(DataZoneRecord, InitialContents) {
     }
     LogMask quiet(0, 0);
     EXPECT_EQ(datazone_is_inited(3), 0);
-    std::vector<unsigned char> buf(524288);
+    std::vector<unsigned char> buf(kCluster);
     EXPECT_EQ(datazone_read_direct(3, 300, buf.data()), -1);
 }
 
@@ -204,6 +207,67 @@ TEST(DataZoneGeometry, LargerPartitionThanSupportedUsesAtMostTheReservedSlots) {
     ASSERT_TRUE(recstore::dz_compute_geometry(5 * kTiB, 4 * kTiB, &g));
     EXPECT_EQ(g.block_count, 64u);  // block maps 1..64 stay below data_start 65
     EXPECT_EQ(g.data_start, 65u);
+}
+
+TEST(DataZoneGeometry, GeometryForEachFormatOfAPartition) {
+    const struct {
+        uint32_t magic;
+        uint32_t data_start;
+    } cases[] = {{RECSTORE_MAGIC_V7, 257},
+                 {RECSTORE_MAGIC_V6, 129},
+                 {RECSTORE_MAGIC_V5, 65},
+                 {RECSTORE_MAGIC_V1, 65}};
+    for (const auto &c : cases) {
+        datazone_info out;
+        std::memset(&out, 0xAB, sizeof out);
+        ASSERT_EQ(datazone_geometry_for(c.magic, 200 * kGiB, &out), 0) << std::hex << c.magic;
+        EXPECT_STREQ(out.name, "");
+        EXPECT_EQ(out.totalsize, 200 * kGiB);
+        EXPECT_EQ(out.freesize, 0u);
+        EXPECT_EQ(out.cluster_size, 524288u);
+        EXPECT_EQ(out.cluster_perblock, 131072u);
+        EXPECT_EQ(out.cluster_start, 0u);
+        EXPECT_EQ(out.cluster_count, 409600u);
+        EXPECT_EQ(out.bm_start, 0u);
+        EXPECT_EQ(out.bm_count, 1u);
+        EXPECT_EQ(out.block_start, 1u);
+        EXPECT_EQ(out.data_start, c.data_start);
+        EXPECT_EQ(out.block_count, (409600u - c.data_start) >> 17);
+        EXPECT_EQ(out.data_count, out.block_count << 17);
+    }
+}
+
+TEST(DataZoneGeometry, GeometryForRefusesUnknownMagicNullOutputAndSmallPartitions) {
+    LogMask errors(0x1);
+    StdoutCapture cap;
+    datazone_info out;
+    std::memset(&out, 0, sizeof out);
+    out.block_count = 12345;
+    EXPECT_EQ(datazone_geometry_for(0, 200 * kGiB, &out), -1);
+    EXPECT_EQ(datazone_geometry_for(0x12345678u, 200 * kGiB, &out), -1);
+    EXPECT_EQ(datazone_geometry_for(RECSTORE_MAGIC_V7, 200 * kGiB, nullptr), -1);
+    EXPECT_EQ(datazone_geometry_for(RECSTORE_MAGIC_V7, 256ull << 19, &out), -1);
+    EXPECT_EQ(out.block_count, 12345u);  // untouched
+    const std::string text = cap.stop();
+    EXPECT_TRUE(contains(text, "unknown magic:12345678\n")) << text;
+    EXPECT_TRUE(contains(text, "data partition too small: 256 clusters, at least 257 needed\n"))
+        << text;
+}
+
+TEST_F(DataZone, GeometryForTheDiskMagicIsThatOfTheStartedZone) {
+    for (uint32_t magic : {kMagic16T, kMagic8T, RECSTORE_MAGIC_V5}) {
+        g_magic[0] = magic;
+        ASSERT_EQ(init(), 0);
+        datazone_info expected = info();
+        std::memset(expected.name, 0, sizeof expected.name);
+        expected.freesize = 0;
+        datazone_info out;
+        std::memset(&out, 0xAB, sizeof out);
+        ASSERT_EQ(datazone_geometry_for(magic, 200 * kGiB, &out), 0);
+        EXPECT_EQ(std::memcmp(&out, &expected, sizeof out), 0) << std::hex << magic;
+        LogMask quiet(0, 0);
+        datazone_exit(0);
+    }
 }
 
 TEST_F(DataZone, InitLaysOutTheZoneByTheDiskMagic) {
@@ -312,7 +376,7 @@ TEST_F(DataZone, ExitZeroesTheRecordAndInitWorksAgain) {
 
 TEST_F(DataZone, FreshDiskStartsWithTheFirstBlock) {
     ASSERT_EQ(init(), 0);
-    EXPECT_EQ(datazone_free_count(0), 3 * 131072);
+    EXPECT_EQ(datazone_free_count(0), 3 * kPerBlock);
     EXPECT_EQ(datazone_busy_count(0), 0);
     LogMask quiet(0, 0);
     EXPECT_EQ(block_current(0), 1);
@@ -328,10 +392,10 @@ TEST_F(DataZone, BlockAllocStampsTheBlockBusyWithTheClock) {
     ASSERT_EQ(block_alloc(0), 1);
     const uint32_t after = static_cast<uint32_t>(time(nullptr)) >> 2;
     const uint32_t entry = aging::read_entry(img(), 0, 0);
-    EXPECT_EQ(entry >> 30, 2u);
-    EXPECT_GE(entry & 0x3FFFFFFFu, before);
-    EXPECT_LE(entry & 0x3FFFFFFFu, after);
-    EXPECT_EQ(g_dz_ctx[0].cur_block->seq, entry & 0x3FFFFFFFu);
+    EXPECT_EQ(entry >> aging::kStateShift, 2u);
+    EXPECT_GE(entry & aging::kValueMask, before);
+    EXPECT_LE(entry & aging::kValueMask, after);
+    EXPECT_EQ(g_dz_ctx[0].cur_block->seq, entry & aging::kValueMask);
     EXPECT_EQ(block_get_current(0), 1);
     EXPECT_EQ(block_val(0, 1), entry);
     EXPECT_EQ(block_val(0, 4), 0xFFFFFFFFu);
@@ -369,10 +433,11 @@ TEST_F(DataZone, AllocationInAFreshBlockIsAscending) {
     EXPECT_EQ(datazone_alloc(0), start + 1);
     EXPECT_EQ(datazone_alloc(0), start + 2);
     EXPECT_EQ(datazone_busy_count(0), 3);
-    EXPECT_EQ(datazone_free_count(0), 3 * 131072 - 3);
-    for (uint32_t k = 0; k < 3; ++k) EXPECT_EQ(aging::read_entry(img(), 1, k) >> 30, 2u);
+    EXPECT_EQ(datazone_free_count(0), 3 * kPerBlock - 3);
+    for (uint32_t k = 0; k < 3; ++k)
+        EXPECT_EQ(aging::read_entry(img(), 1, k) >> aging::kStateShift, 2u);
     EXPECT_EQ(aging::read_entry(img(), 1, 3), 0u);
-    EXPECT_EQ(datazone_val(0, start + 1) >> 30, 2u);
+    EXPECT_EQ(datazone_val(0, start + 1) >> aging::kStateShift, 2u);
     EXPECT_EQ(datazone_val(0, start + 3), 0u);
 }
 
@@ -385,7 +450,7 @@ TEST_F(DataZone, FreedClusterIsAllocatedAgainFirst) {
     const uint32_t stamped = datazone_val(0, start + 2);
     ASSERT_EQ(datazone_free(0, start + 2), 0);
     EXPECT_EQ(datazone_busy_count(0), 3);
-    EXPECT_EQ(aging::read_entry(img(), 1, 2), stamped & 0x3FFFFFFFu);  // free, value kept
+    EXPECT_EQ(aging::read_entry(img(), 1, 2), stamped & aging::kValueMask);  // free, value kept
     EXPECT_EQ(datazone_alloc(0), start + 2);
     EXPECT_EQ(datazone_alloc(0), start + 4);
     // Freeing twice is refused; the lists stay whole.
@@ -414,11 +479,12 @@ TEST_F(DataZone, FreeAndValRefuseClustersOutsideTheCurrentBlock) {
     }
     StdoutCapture cap;
     EXPECT_EQ(datazone_free(0, start - 1), -1);
-    EXPECT_EQ(datazone_free(0, start + 131072), -1);
+    EXPECT_EQ(datazone_free(0, start + kPerBlock), -1);
     EXPECT_EQ(datazone_val(0, -5), 0xFFFFFFFFu);
     const std::string out = cap.stop();
     EXPECT_TRUE(contains(out, "ivalid clusterid:" + std::to_string(start - 1) + "\n")) << out;
-    EXPECT_TRUE(contains(out, "ivalid clusterid:" + std::to_string(start + 131072) + "\n")) << out;
+    EXPECT_TRUE(contains(out, "ivalid clusterid:" + std::to_string(start + kPerBlock) + "\n"))
+        << out;
     EXPECT_TRUE(contains(out, "ivalid clusterid:-5\n")) << out;
 }
 
@@ -429,22 +495,23 @@ TEST_F(DataZone, StopAndStartResumesThePartlyUsedBlock) {
     ASSERT_EQ(block_alloc(0), 2);
     const int start2 = static_cast<int>(info().data_start + kPerBlock);
     for (int i = 0; i < 3; ++i) ASSERT_EQ(datazone_alloc(0), start2 + i);
-    EXPECT_EQ(aging::read_entry(img(), 0, 1) >> 30, 2u);  // block 2 busy while current
+    EXPECT_EQ(aging::read_entry(img(), 0, 1) >> aging::kStateShift,
+              2u);  // block 2 busy while current
 
     EventLog log;
     StdoutCapture cap;
     restart();
     const std::string out = cap.stop();
     const uint32_t entry2 = aging::read_entry(img(), 0, 1);
-    EXPECT_EQ(entry2 >> 30, 0u);  // partly used: free again, sequence kept
-    EXPECT_NE(entry2 & 0x3FFFFFFFu, 0u);
+    EXPECT_EQ(entry2 >> aging::kStateShift, 0u);  // partly used: free again, sequence kept
+    EXPECT_NE(entry2 & aging::kValueMask, 0u);
     char line[128];
     std::snprintf(line, sizeof(line), "]chk err diskid:0 blockid:2 val:%x busy=>free...\n",
                   entry2 | 0x80000000u);
     EXPECT_TRUE(contains(out, line)) << out;
     EXPECT_TRUE(contains(out, "]fixed\n")) << out;
-    EXPECT_EQ(aging::read_entry(img(), 0, 0), 0x80000000u | 1000u);  // full block stays busy
-    EXPECT_EQ(datazone_busy_count(0), 131072 + 3);
+    EXPECT_EQ(aging::read_entry(img(), 0, 0), aging::busy_entry(1000u));  // full block stays busy
+    EXPECT_EQ(datazone_busy_count(0), kPerBlock + 3);
 
     EXPECT_EQ(block_current(0), 2);
     ASSERT_EQ(block_alloc(0), 2);
@@ -572,7 +639,7 @@ TEST_F(DataZone, BlockClearOfABusyBlock) {
     block_clear(0, 1);
     const std::string out = cap.stop();
     EXPECT_EQ(aging::read_entry(img(), 0, 0), 777u);  // free, old sequence kept
-    EXPECT_EQ(datazone_free_count(0), free_before + 131072);
+    EXPECT_EQ(datazone_free_count(0), free_before + kPerBlock);
     EXPECT_EQ(datazone_busy_count(0), 0);
     EXPECT_EQ(g_dz_ctx[0].err_count, 0u);
     EXPECT_EQ(aging::read_entry(img(), 1, 0), 777u);
@@ -619,7 +686,7 @@ TEST_F(DataZone, BlockClearOfBlocksInErrorOrFree) {
     EXPECT_EQ(aging::read_entry(img(), 0, 0), 0x12Cu);
     EXPECT_EQ(aging::read_entry(img(), 0, 1), 0x190u);
     EXPECT_EQ(aging::read_entry(img(), 1, 0), 300u);
-    EXPECT_EQ(datazone_free_count(0), 3 * 131072);
+    EXPECT_EQ(datazone_free_count(0), 3 * kPerBlock);
     EXPECT_EQ(bitmap_free_bits(&g_dz_ctx[0].block_map), 3u);
     EXPECT_EQ(bitmap_err_bits(&g_dz_ctx[0].block_map), 0u);
 }
@@ -670,7 +737,7 @@ TEST_F(DataZone, BlockClearRefusesTheCurrentBlock) {
     StdoutCapture cap;
     block_clear(0, 1);
     EXPECT_TRUE(contains(cap.stop(), "block_clear current block:1\n"));
-    EXPECT_EQ(aging::read_entry(img(), 1, 0) >> 30, 2u);
+    EXPECT_EQ(aging::read_entry(img(), 1, 0) >> aging::kStateShift, 2u);
 }
 
 TEST_F(DataZone, FullCurrentBlockMovesToTheNextBlock) {
@@ -692,7 +759,7 @@ TEST_F(DataZone, FullCurrentBlockMovesToTheNextBlock) {
     ASSERT_EQ(block_free(0), 0);
     ASSERT_EQ(datazone_sync_bm(0), 0);
     EXPECT_EQ(block_alloc(0), 2);
-    EXPECT_EQ(datazone_alloc(0), start + 131072);
+    EXPECT_EQ(datazone_alloc(0), start + kPerBlock);
 }
 
 TEST_F(DataZone, NoCurrentBlockMessages) {
@@ -742,7 +809,7 @@ TEST_F(DataZone, BlockIdsOutsideTheZoneAreRefused) {
     EXPECT_TRUE(contains(out, "load block :300 err\n")) << out;
     EXPECT_TRUE(contains(out, "NULL ptr\n")) << out;
     EXPECT_EQ(aging::read_entry(img(), 4, 0), 0u);
-    EXPECT_EQ(datazone_free_count(0), 3 * 131072);
+    EXPECT_EQ(datazone_free_count(0), 3 * kPerBlock);
 }
 
 TEST(BlockList, EarliestAndLatestSkipEmptyEntries) {
@@ -766,16 +833,16 @@ TEST_F(DataZone, WriteThenReadAClusterBuffered) {
     LogMask quiet(0, 0);
     ASSERT_EQ(block_alloc(0), 1);
     const int id = datazone_alloc(0);
-    std::vector<unsigned char> out(524288), in(524288, 0);
+    std::vector<unsigned char> out(kCluster), in(kCluster, 0);
     for (size_t i = 0; i < out.size(); ++i) out[i] = static_cast<unsigned char>(i * 7 + 3);
-    EXPECT_EQ(datazone_write(0, id, out.data()), 524288);
+    EXPECT_EQ(datazone_write(0, id, out.data()), kCluster);
     EXPECT_EQ(datazone_sync(0), 0);
-    EXPECT_EQ(datazone_read(0, id, in.data()), 524288);
+    EXPECT_EQ(datazone_read(0, id, in.data()), kCluster);
     EXPECT_EQ(in, out);
     // It sits at byte id * 524288 of the partition.
     const int fd = open(img(), O_RDONLY);
     unsigned char first[2] = {0, 0};
-    ASSERT_EQ(pread64(fd, first, 2, static_cast<off64_t>(id) * 524288), 2);
+    ASSERT_EQ(pread64(fd, first, 2, static_cast<off64_t>(id) * kCluster), 2);
     close(fd);
     EXPECT_EQ(first[0], out[0]);
     EXPECT_EQ(first[1], out[1]);
@@ -785,7 +852,7 @@ TEST_F(DataZone, DirectReadIsRefusedWithoutDirectIO) {
     ASSERT_EQ(init(0), 0);
     EXPECT_EQ(g_dz_ctx[0].fd_rd_direct, -1);
     void *buf = nullptr;
-    ASSERT_EQ(posix_memalign(&buf, 4096, 524288), 0);
+    ASSERT_EQ(posix_memalign(&buf, 4096, kCluster), 0);
     LogMask errors(0x1);
     StdoutCapture cap;
     EXPECT_EQ(datazone_read_direct(0, 257, buf), -1);
@@ -800,47 +867,47 @@ TEST_F(DataZone, StreamReadUsesThePreloadBufferWithDirectIO) {
     ASSERT_EQ(block_alloc(0), 1);
     const int id = datazone_alloc(0);
     void *raw = nullptr;
-    ASSERT_EQ(posix_memalign(&raw, 4096, 524288), 0);
+    ASSERT_EQ(posix_memalign(&raw, 4096, kCluster), 0);
     std::unique_ptr<unsigned char, decltype(&free)> cluster(static_cast<unsigned char *>(raw),
                                                             free);
-    for (size_t i = 0; i < 524288; ++i) cluster.get()[i] = static_cast<unsigned char>(i * 13 + 1);
-    ASSERT_EQ(datazone_write(0, id, cluster.get()), 524288);
-    ASSERT_EQ(posix_memalign(&raw, 4096, 524288), 0);
+    for (size_t i = 0; i < kCluster; ++i) cluster.get()[i] = static_cast<unsigned char>(i * 13 + 1);
+    ASSERT_EQ(datazone_write(0, id, cluster.get()), kCluster);
+    ASSERT_EQ(posix_memalign(&raw, 4096, kCluster), 0);
     std::unique_ptr<unsigned char, decltype(&free)> preload(static_cast<unsigned char *>(raw),
                                                             free);
     const int saved_directio = g_fs_directio;
     fs_file_ctx &stream = g_file_ctx[5];
     const fs_file_ctx saved = stream;
-    std::vector<unsigned char> out(524288, 0);
+    std::vector<unsigned char> out(kCluster, 0);
 
     // No preload buffer: a plain buffered read.
     g_fs_directio = 1;
     stream.preload_buf = nullptr;
     stream.preload_loaded = -1;
-    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), 524288);
-    EXPECT_EQ(0, memcmp(out.data(), cluster.get(), 524288));
+    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), kCluster);
+    EXPECT_EQ(0, memcmp(out.data(), cluster.get(), kCluster));
     EXPECT_EQ(stream.preload_loaded, -1);
 
     // With a buffer and direct I/O: read into the buffer, remembered, copied out.
     stream.preload_buf = preload.get();
     std::fill(out.begin(), out.end(), 0);
-    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), 524288);
+    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), kCluster);
     EXPECT_EQ(stream.preload_loaded, id);
-    EXPECT_EQ(0, memcmp(out.data(), cluster.get(), 524288));
-    EXPECT_EQ(0, memcmp(preload.get(), cluster.get(), 524288));
+    EXPECT_EQ(0, memcmp(out.data(), cluster.get(), kCluster));
+    EXPECT_EQ(0, memcmp(preload.get(), cluster.get(), kCluster));
 
     // Into the preload buffer itself: nothing to copy.
-    memset(preload.get(), 0, 524288);
+    memset(preload.get(), 0, kCluster);
     stream.preload_loaded = -1;
-    EXPECT_EQ(fs_datazone_read(5, 0, id, preload.get()), 524288);
+    EXPECT_EQ(fs_datazone_read(5, 0, id, preload.get()), kCluster);
     EXPECT_EQ(stream.preload_loaded, id);
-    EXPECT_EQ(0, memcmp(preload.get(), cluster.get(), 524288));
+    EXPECT_EQ(0, memcmp(preload.get(), cluster.get(), kCluster));
 
     // Direct I/O off: buffered, the preload buffer left alone.
     g_fs_directio = 0;
-    memset(preload.get(), 0, 524288);
+    memset(preload.get(), 0, kCluster);
     stream.preload_loaded = -1;
-    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), 524288);
+    EXPECT_EQ(fs_datazone_read(5, 0, id, out.data()), kCluster);
     EXPECT_EQ(stream.preload_loaded, -1);
     EXPECT_EQ(preload.get()[1], 0);
 
@@ -849,7 +916,7 @@ TEST_F(DataZone, StreamReadUsesThePreloadBufferWithDirectIO) {
     stream.preload_loaded = id;
     EXPECT_EQ(fs_datazone_read(5, 0, 3, out.data()), -1);
     EXPECT_EQ(stream.preload_loaded, id);
-    EXPECT_EQ(fs_datazone_read(128, 0, id, out.data()), -1);
+    EXPECT_EQ(fs_datazone_read(RECSTORE_STREAMS, 0, id, out.data()), -1);
     EXPECT_EQ(fs_datazone_read(-1, 0, id, out.data()), -1);
     EXPECT_EQ(fs_datazone_read(5, 0, id, nullptr), -1);
 
@@ -859,9 +926,10 @@ TEST_F(DataZone, StreamReadUsesThePreloadBufferWithDirectIO) {
 
 TEST_F(DataZone, OutOfRangeClustersAreRefusedWithoutTouchingTheDevice) {
     ASSERT_EQ(init(), 0);
-    std::vector<unsigned char> buf(524288, 0xA5);
+    std::vector<unsigned char> buf(kCluster, 0xA5);
     LogMask quiet(0, 0);  // the line is printed without the gate
-    g_read_cluster_calls = 0;
+    g_pread_calls = 0;
+    g_pwrite_calls = 0;
     StdoutCapture cap;
     EXPECT_EQ(datazone_read(0, 256, buf.data()), -1);
     EXPECT_EQ(datazone_read(0, 257 + 393216, buf.data()), -1);
@@ -873,7 +941,8 @@ TEST_F(DataZone, OutOfRangeClustersAreRefusedWithoutTouchingTheDevice) {
               "fatal error,cluster:393473,start :257 count:393216\n"
               "fatal error,cluster:0,start :257 count:393216\n"
               "fatal error,cluster:-1,start :257 count:393216\n");
-    EXPECT_EQ(g_read_cluster_calls, 0);
+    EXPECT_EQ(g_pread_calls, 0);
+    EXPECT_EQ(g_pwrite_calls, 0);
     for (unsigned char c : buf) ASSERT_EQ(c, 0xA5);
     EXPECT_EQ(aging::read_entry(img(), 0, 0), 0u);  // the map was not overwritten
 }
@@ -894,7 +963,7 @@ TEST_F(DataZone, GetinfoCopiesTheGeometryAndFreeBytes) {
     datazone_info out;
     std::memset(&out, 0xFF, sizeof(out));
     ASSERT_EQ(datazone_getinfo(0, &out), 0);
-    EXPECT_EQ(out.freesize, 3ull * 131072 * 524288);
+    EXPECT_EQ(out.freesize, 3ull * kPerBlock * kCluster);
     EXPECT_EQ(out.totalsize, 200 * kGiB);
     EXPECT_EQ(out.data_start, 257u);
     EXPECT_EQ(std::memcmp(&out, &g_dz_ctx[0].info, sizeof(out)), 0);
@@ -934,7 +1003,7 @@ TEST_F(DataZone, ClearZeroesEveryMap) {
     }
     EXPECT_EQ(aging::read_entry(img(), 4, 0), 0xDEADBEEFu);
     ASSERT_EQ(init(), 0);
-    EXPECT_EQ(datazone_free_count(0), 3 * 131072);
+    EXPECT_EQ(datazone_free_count(0), 3 * kPerBlock);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -943,9 +1012,11 @@ TEST_F(DataZone, ClearZeroesEveryMap) {
 TEST_F(DataZone, ReadOnlyStartsWithoutMapsAndRefusesBlocks) {
     ASSERT_TRUE(aging::fill_block(img(), 1, 10, 1000));  // would be repaired in read-write mode
     g_fs_rdonly = 1;
-    g_read_cluster_calls = 0;
+    g_pread_calls = 0;
+    g_pwrite_calls = 0;
     ASSERT_EQ(init(), 0);
-    EXPECT_EQ(g_read_cluster_calls, 0);  // no map was read
+    EXPECT_EQ(g_pread_calls, 0);   // no map was read
+    EXPECT_EQ(g_pwrite_calls, 0);  // nor written
     EXPECT_EQ(g_dz_ctx[0].block_map.vals, nullptr);
     EXPECT_EQ(g_dz_ctx[0].block_map.count, 0u);
     EXPECT_EQ(aging::read_entry(img(), 0, 0), 0x800003E8u);  // nothing written
@@ -966,13 +1037,13 @@ TEST_F(DataZone, ReadOnlyStartsWithoutMapsAndRefusesBlocks) {
     EXPECT_TRUE(contains(out, "block_val readonly:0\n")) << out;
     EXPECT_TRUE(contains(out, "block_clear readonly:0\n")) << out;
     EXPECT_EQ(datazone_is_free_empty(0), 1);
-    std::vector<unsigned char> buf(524288);
-    EXPECT_EQ(datazone_read(0, 257, buf.data()), 524288);  // reading still works
+    std::vector<unsigned char> buf(kCluster);
+    EXPECT_EQ(datazone_read(0, 257, buf.data()), kCluster);  // reading still works
 }
 
 TEST_F(DataZone, BadDiskIdsAreRefusedEverywhere) {
     LogMask errors(0x1);
-    std::vector<unsigned char> buf(524288);
+    std::vector<unsigned char> buf(kCluster);
     for (int disk : {8, 9, -1, 1000}) {
         StdoutCapture cap;
         uint32_t seq = 0;
@@ -1014,7 +1085,7 @@ TEST_F(DataZone, BadDiskIdsAreRefusedEverywhere) {
 
 TEST_F(DataZone, UninitialisedDisksAreRefused) {
     LogMask errors(0x1);
-    std::vector<unsigned char> buf(524288);
+    std::vector<unsigned char> buf(kCluster);
     StdoutCapture cap;
     EXPECT_EQ(datazone_is_inited(1), 0);
     EXPECT_EQ(block_alloc(1), -1);
@@ -1037,7 +1108,7 @@ struct DiskOp {
     void (*call)(int disk);
 };
 
-unsigned char g_io_buf[524288];
+unsigned char g_io_buf[kCluster];
 
 const DiskOp kDiskOps[] = {
     {"datazone_exit", [](int d) { datazone_exit(d); }},
@@ -1144,24 +1215,25 @@ TEST_F(DataZone, EachOperationReportsAnUninitialisedDiskItself) {
 
 TEST_F(DataZone, GarbageMapsLoadAndAreRepaired) {
     std::mt19937 rng(2026);
-    std::vector<unsigned char> junk(524288);
+    std::vector<unsigned char> junk(kCluster);
     for (auto &b : junk) b = static_cast<unsigned char>(rng());
     const int fd = open(img(), O_RDWR);
     ASSERT_GE(fd, 0);
     for (int cluster : {0, 1, 2, 3}) {
-        ASSERT_EQ(pwrite64(fd, junk.data(), junk.size(), static_cast<off64_t>(cluster) * 524288),
+        ASSERT_EQ(pwrite64(fd, junk.data(), junk.size(), static_cast<off64_t>(cluster) * kCluster),
                   static_cast<ssize_t>(junk.size()));
         std::shuffle(junk.begin(), junk.end(), rng);
     }
     close(fd);
     ASSERT_EQ(init(), 0);
     const datazone_ctx &z = g_dz_ctx[0];
-    EXPECT_EQ(z.busy_count + z.free_count + z.err_count, 3u * 131072);
+    EXPECT_EQ(z.busy_count + z.free_count + z.err_count, 3u * kPerBlock);
     EXPECT_EQ(bitmap_free_bits(&g_dz_ctx[0].block_map) + bitmap_busy_bits(&g_dz_ctx[0].block_map) +
                   bitmap_err_bits(&g_dz_ctx[0].block_map),
               3u);
     // Every block still has free clusters, so no block entry is left busy.
-    for (uint32_t b = 0; b < 3; ++b) EXPECT_NE(aging::read_entry(img(), 0, b) >> 30, 2u);
+    for (uint32_t b = 0; b < 3; ++b)
+        EXPECT_NE(aging::read_entry(img(), 0, b) >> aging::kStateShift, 2u);
     // The repairs reached the disk: a second start finds nothing left to fix.
     {
         EventLog log;
@@ -1178,21 +1250,24 @@ TEST_F(DataZone, GarbageMapsLoadAndAreRepaired) {
     uint32_t best_seq = 0;
     for (uint32_t b = 0; b < 3; ++b) {
         const uint32_t e = aging::read_entry(img(), 0, b);
-        if (e >> 30 != 0) continue;
-        if (expect_block < 0 || (e & 0x3FFFFFFFu) > best_seq) {
+        if (e >> aging::kStateShift != 0) continue;
+        if (expect_block < 0 || (e & aging::kValueMask) > best_seq) {
             expect_block = static_cast<int>(b + 1);
-            best_seq = e & 0x3FFFFFFFu;
+            best_seq = e & aging::kValueMask;
         }
     }
     LogMask quiet(0, 0);
     ASSERT_EQ(block_alloc(0), expect_block);
     ASSERT_GT(expect_block, 0) << "the garbage left no free block";
     uint32_t k = 0;
-    while (aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> 30 != 0) ++k;
+    while (aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> aging::kStateShift !=
+           0)
+        ++k;
     const int cluster = datazone_alloc(0);
     EXPECT_EQ(cluster, static_cast<int>(info().data_start +
                                         static_cast<uint32_t>(expect_block - 1) * kPerBlock + k));
-    EXPECT_EQ(aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> 30, 2u);
+    EXPECT_EQ(
+        aging::read_entry(img(), static_cast<uint32_t>(expect_block), k) >> aging::kStateShift, 2u);
 }
 
 TEST_F(DataZone, ShortReadOfABlockMapFailsCleanly) {

@@ -193,10 +193,10 @@ TEST(Version, ByMagic) {
     const struct {
         uint32_t magic;
         const char *version;
-    } cases[] = {{0x702a2013u, "7.0.0.0"},
-                 {0x60282013u, "6.0.0.0"},
-                 {0x50202023u, "5.0.0.0"},
-                 {0x10101013u, "1.0.0.2"},
+    } cases[] = {{RECSTORE_MAGIC_V7, "7.0.0.0"},
+                 {RECSTORE_MAGIC_V6, "6.0.0.0"},
+                 {RECSTORE_MAGIC_V5, "5.0.0.0"},
+                 {RECSTORE_MAGIC_V1, "1.0.0.2"},
                  {0u, ""},
                  {0x12345678u, ""}};
     for (const auto &c : cases) {

@@ -12,6 +12,7 @@
 #include "capture.h"
 #include "recording.h"
 #include "recstore.h"
+#include "test_util.h"
 
 using recstore_test::LogMask;
 using recstore_test::StdoutCapture;
@@ -22,9 +23,7 @@ using recording_test::make_tm;
 
 constexpr unsigned kLogAll = 0xB;
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 fs_find_req find_req(uint64_t chanbits) {
     fs_find_req r;

@@ -14,6 +14,7 @@
 
 #include "capture.h"
 #include "recstore.h"
+#include "test_util.h"
 
 namespace {
 
@@ -26,11 +27,9 @@ constexpr unsigned kAllLevels = 0xB;
 constexpr int kDisk = 2;  // opened in the table, nothing behind it
 constexpr int kSlot = 5;  // a slot made to point at that disk without an index
 constexpr size_t kPage = 4096;
-constexpr uint32_t kClusterBytes = 524288;
+constexpr uint32_t kClusterBytes = RECSTORE_CLUSTER_SIZE;
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 template <typename Fn>
 std::string printed(Fn fn) {
@@ -40,7 +39,7 @@ std::string printed(Fn fn) {
     return out.stop();
 }
 
-const std::vector<int> kBadHandles = {-1, INT_MIN, 128, 129, INT_MAX};
+const std::vector<int> kBadHandles = {-1, INT_MIN, RECSTORE_STREAMS, RECSTORE_STREAMS + 1, INT_MAX};
 
 class FsRead : public ::testing::Test {
   protected:

@@ -13,6 +13,7 @@
 
 #include "capture.h"
 #include "recstore.h"
+#include "test_util.h"
 
 namespace {
 
@@ -24,9 +25,7 @@ constexpr int kReadOnly = 1;
 constexpr int kDirectIo = 2;
 constexpr unsigned kAllLevels = 0xB;
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 // Runs fn with every log gate open and returns what it printed.
 template <typename Fn>
@@ -273,7 +272,7 @@ TEST_F(FsTable, StreamsOnDisksThatAreNotOpen) {
     EXPECT_TRUE(contains(text, "disk 0 not open")) << text;
     text = printed([] { EXPECT_EQ(fs_open(0, nullptr, O_CREAT, 0, 0, nullptr), -1); });
     EXPECT_TRUE(contains(text, "invalid param")) << text;
-    const rec_param bad_channel = some_param(64);
+    const rec_param bad_channel = some_param(RECSTORE_MAX_CHANNELS);
     ASSERT_EQ(fs_opendisk("/dev/hd/sda"), 0);
     text = printed([&] { EXPECT_EQ(fs_open(0, &bad_channel, 0, 0, 0, nullptr), -1); });
     EXPECT_TRUE(contains(text, "invalid param")) << text;
@@ -288,7 +287,7 @@ TEST_F(FsTable, HandlesOutsideTheTableAreRefused) {
     kframe frames[24] = {};
     recordinfo info;
     record_alarm alarm{};
-    for (int h : {-1, 128, 1000, INT_MIN}) {
+    for (int h : {-1, RECSTORE_STREAMS, 1000, INT_MIN}) {
         const std::string text = printed([&] {
             EXPECT_EQ(fs_write(h, cluster, 16, frames, 0), -1);
             fs_close(h, nullptr);

@@ -7,9 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "capture.h"
@@ -108,6 +110,90 @@ TEST(Messages, PlainLinesIgnoreTheGate) {
     StdoutCapture cap;
     FS_LOG_PLAIN("always %s\n", "printed");
     EXPECT_EQ(cap.stop(), "always printed\n");
+}
+
+// What a host's log handler received.
+struct Received {
+    uint32_t level;
+    std::string module;
+    std::string text;
+};
+
+void collect(void *user, uint32_t level, const char *module, const char *text) {
+    static_cast<std::vector<Received> *>(user)->push_back({level, module, text});
+}
+
+TEST(LogHandler, ReceivesLevelModuleAndTextInsteadOfStandardOutput) {
+    LogMask mask(kAllLevels);
+    std::vector<Received> got;
+    char buf[16];
+    {
+        StdoutCapture cap;
+        recstore_set_log_handler(collect, &got);
+        disk_root(9, buf, sizeof buf);
+        FS_LOG_WARN("w%d\n", 1);
+        FS_LOG_PLAIN("plain %s\n", "line");
+        recstore_set_log_handler(nullptr, nullptr);
+        EXPECT_EQ(cap.stop(), "") << "nothing goes to standard output while a handler is set";
+    }
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[0].level, RECSTORE_LOG_ERROR);
+    EXPECT_EQ(got[0].module, "fs_tools.cpp");
+    EXPECT_EQ(got[0].text, "invalid disk id:9\n");
+    EXPECT_EQ(got[1].level, RECSTORE_LOG_WARNING);
+    EXPECT_EQ(got[1].module, "test_fs_tools.cpp");
+    EXPECT_EQ(got[1].text, "w1\n");
+    EXPECT_EQ(got[2].level, RECSTORE_LOG_PLAIN);
+    EXPECT_EQ(got[2].module, "recstore");
+    EXPECT_EQ(got[2].text, "plain line\n");
+
+    // Uninstalled: the same bytes as before on standard output, and the handler hears nothing.
+    StdoutCapture cap;
+    disk_root(9, buf, sizeof buf);
+    FS_LOG_PLAIN("plain %s\n", "line");
+    EXPECT_EQ(without_line_numbers(cap.stop()),
+              "\x1b[0;31m[fs_tools.cpp:N]:\x1b[0minvalid disk id:9\nplain line\n");
+    EXPECT_EQ(got.size(), 3u);
+}
+
+TEST(LogHandler, KeepsTheGateAndLongMessagesWhole) {
+    std::vector<Received> got;
+    recstore_set_log_handler(collect, &got);
+    {
+        LogMask mask(kAllLevels, 0x100);  // library's bit clear: the handler hears nothing
+        FS_LOG_ERR("gated\n");
+    }
+    LogMask mask(kAllLevels);
+    const std::string longer(3000, 'x');
+    FS_LOG_INFO("%s\n", longer.c_str());
+    recstore_set_log_handler(nullptr, nullptr);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].level, RECSTORE_LOG_INFO);
+    EXPECT_EQ(got[0].text, longer + "\n");
+}
+
+void count_message(void *user, uint32_t, const char *, const char *) {
+    static_cast<std::atomic<int> *>(user)->fetch_add(1);
+}
+
+TEST(LogHandler, MayBeChangedWhileOtherThreadsLog) {
+    LogMask mask(kAllLevels);
+    std::atomic<int> first{0}, second{0};
+    recstore_set_log_handler(count_message, &first);
+    constexpr int kMessages = 2000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; t++) {
+        threads.emplace_back([] {
+            for (int i = 0; i < kMessages; i++) FS_LOG_PLAIN("m%d\n", i);
+        });
+    }
+    for (int i = 0; i < 100; i++) {
+        recstore_set_log_handler(count_message, i % 2 ? &first : &second);
+    }
+    recstore_set_log_handler(count_message, &first);
+    for (std::thread &t : threads) t.join();
+    recstore_set_log_handler(nullptr, nullptr);
+    EXPECT_EQ(first.load() + second.load(), 2 * kMessages) << "every message reached one handler";
 }
 
 TEST(Messages, AssertionPrintsAndAborts) {
@@ -985,13 +1071,13 @@ TEST(MaxDiskSize, ByMagic) {
     LogMask mask(kAllLevels);
     uint32_t saved = g_magic[1];
     const uint64_t TiB = 1ull << 40;
-    g_magic[1] = 0x702a2013;
+    g_magic[1] = RECSTORE_MAGIC_V7;
     EXPECT_EQ(get_max_supported_disk_size(1), 16 * TiB);
-    g_magic[1] = 0x60282013;
+    g_magic[1] = RECSTORE_MAGIC_V6;
     EXPECT_EQ(get_max_supported_disk_size(1), 8 * TiB);
-    g_magic[1] = 0x50202023;
+    g_magic[1] = RECSTORE_MAGIC_V5;
     EXPECT_EQ(get_max_supported_disk_size(1), 4 * TiB);
-    g_magic[1] = 0x10101013;
+    g_magic[1] = RECSTORE_MAGIC_V1;
     EXPECT_EQ(get_max_supported_disk_size(1), 4 * TiB);
     g_magic[1] = 0;
     {
@@ -1006,4 +1092,40 @@ TEST(MaxDiskSize, ByMagic) {
                   std::string::npos);
     }
     g_magic[1] = saved;
+}
+
+// ---- little-endian codec ---------------------------------------------------------------------
+
+constexpr unsigned char kLeBytes[8] = {0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01};
+static_assert(recstore::le16_load(kLeBytes) == 0x0708u, "low byte first");
+static_assert(recstore::le32_load(kLeBytes) == 0x05060708u, "low byte first");
+static_assert(recstore::le64_load(kLeBytes) == 0x0102030405060708ull, "low byte first");
+
+TEST(LittleEndian, StoresLowByteFirstAtAnyAlignment) {
+    unsigned char buf[16];
+    for (size_t at = 0; at < 8; at++) {
+        memset(buf, 0xEE, sizeof buf);
+        recstore::le64_store(buf + at, 0x0102030405060708ull);
+        EXPECT_EQ(memcmp(buf + at, kLeBytes, 8), 0) << "offset " << at;
+        EXPECT_EQ(recstore::le64_load(buf + at), 0x0102030405060708ull);
+        recstore::le32_store(buf + at, 0xA1B2C3D4u);
+        EXPECT_EQ(buf[at], 0xD4);
+        EXPECT_EQ(buf[at + 3], 0xA1);
+        EXPECT_EQ(recstore::le32_load(buf + at), 0xA1B2C3D4u);
+        recstore::le16_store(buf + at, 0xBEEF);
+        EXPECT_EQ(buf[at], 0xEF);
+        EXPECT_EQ(buf[at + 1], 0xBE);
+        EXPECT_EQ(recstore::le16_load(buf + at), 0xBEEF);
+        EXPECT_EQ(buf[at + 8], 0xEE) << "nothing written past the field";
+    }
+}
+
+TEST(DiskIds, ValidIdsAreZeroToSevenInBothForms) {
+    EXPECT_TRUE(recstore::valid_disk_id(0));
+    EXPECT_TRUE(recstore::valid_disk_id(RECSTORE_MAX_DISKS - 1));
+    EXPECT_FALSE(recstore::valid_disk_id(-1));
+    EXPECT_FALSE(recstore::valid_disk_id(RECSTORE_MAX_DISKS));
+    EXPECT_TRUE(recstore::valid_disk_id(7u));
+    EXPECT_FALSE(recstore::valid_disk_id(8u));
+    EXPECT_FALSE(recstore::valid_disk_id(0xFFFFFFFFu));
 }

@@ -16,17 +16,6 @@ using recstore_test::StdoutCapture;
 
 namespace {
 
-uint32_t le32(const std::vector<uint8_t> &b, size_t off) {
-    return static_cast<uint32_t>(b[off]) | static_cast<uint32_t>(b[off + 1]) << 8 |
-           static_cast<uint32_t>(b[off + 2]) << 16 | static_cast<uint32_t>(b[off + 3]) << 24;
-}
-uint16_t le16(const std::vector<uint8_t> &b, size_t off) {
-    return static_cast<uint16_t>(b[off] | b[off + 1] << 8);
-}
-uint64_t le64(const std::vector<uint8_t> &b, size_t off) {
-    return static_cast<uint64_t>(le32(b, off)) | static_cast<uint64_t>(le32(b, off + 4)) << 32;
-}
-
 fs_tm make_time(int base) {
     fs_tm t{};
     t.tm_sec = base + 1;
@@ -78,9 +67,9 @@ recordinfo sample_record() {
 
 void expect_time_at(const std::vector<uint8_t> &b, size_t off, int base) {
     for (int w = 0; w < 9; ++w)
-        EXPECT_EQ(le32(b, off + 4 * w), static_cast<uint32_t>(base + 1 + w));
-    EXPECT_EQ(le32(b, off + 36), 0u) << "stored times end with two zero words";
-    EXPECT_EQ(le32(b, off + 40), 0u);
+        EXPECT_EQ(le32_load(b.data() + off + 4 * w), static_cast<uint32_t>(base + 1 + w));
+    EXPECT_EQ(le32_load(b.data() + off + 36), 0u) << "stored times end with two zero words";
+    EXPECT_EQ(le32_load(b.data() + off + 40), 0u);
 }
 
 }  // namespace
@@ -99,34 +88,34 @@ TEST(FstypeOld, CurrentHeaderGoldenBytes) {
     const recordinfo r = sample_record();
     std::vector<uint8_t> b(kRecordInfoSize, 0xEE);
     rec_info_to_inner(&r, b.data());
-    EXPECT_EQ(le32(b, 0), 3u);
-    EXPECT_EQ(le32(b, 4), 0x11223344u);
-    EXPECT_EQ(le32(b, 8), 5u);
+    EXPECT_EQ(le32_load(b.data()), 3u);
+    EXPECT_EQ(le32_load(b.data() + 4), 0x11223344u);
+    EXPECT_EQ(le32_load(b.data() + 8), 5u);
     expect_time_at(b, 12, 10);
     expect_time_at(b, 56, 20);
-    EXPECT_EQ(le32(b, 100), 0xA1A2A3A4u);
-    EXPECT_EQ(le32(b, 104), 0x42u);
-    EXPECT_EQ(le32(b, 108), 77u);
-    EXPECT_EQ(le64(b, 112), 0x0102030405060708ull);
+    EXPECT_EQ(le32_load(b.data() + 100), 0xA1A2A3A4u);
+    EXPECT_EQ(le32_load(b.data() + 104), 0x42u);
+    EXPECT_EQ(le32_load(b.data() + 108), 77u);
+    EXPECT_EQ(le64_load(b.data() + 112), 0x0102030405060708ull);
     EXPECT_EQ(b[112], 0x08) << "little-endian";
-    EXPECT_EQ(le32(b, 120), 999u);
-    EXPECT_EQ(le32(b, 124), 2u);
+    EXPECT_EQ(le32_load(b.data() + 120), 999u);
+    EXPECT_EQ(le32_load(b.data() + 124), 2u);
     for (int i : {0, 1, 30, 59}) {
         const size_t a = 128 + 136 * static_cast<size_t>(i);
-        EXPECT_EQ(le32(b, a), 0x1000u + static_cast<uint32_t>(i));
-        EXPECT_EQ(le32(b, a + 4), 0x2000u + static_cast<uint32_t>(i));
+        EXPECT_EQ(le32_load(b.data() + a), 0x1000u + static_cast<uint32_t>(i));
+        EXPECT_EQ(le32_load(b.data() + a + 4), 0x2000u + static_cast<uint32_t>(i));
         EXPECT_EQ(b[a + 8], static_cast<uint8_t>(i));
         EXPECT_EQ(b[a + 8 + 127], static_cast<uint8_t>(i + 127));
     }
-    EXPECT_EQ(le16(b, 8288), 0xBEEF);
-    EXPECT_EQ(le16(b, 8290), 0xCAFE);
-    EXPECT_EQ(le32(b, 8292), 0xDEADBEEFu);
-    EXPECT_EQ(le32(b, 8296), 9u);
-    EXPECT_EQ(le32(b, 8300), 0x0BADF00Du);
-    EXPECT_EQ(le32(b, 8304), 0x5a7c36d8u);
+    EXPECT_EQ(le16_load(b.data() + 8288), 0xBEEF);
+    EXPECT_EQ(le16_load(b.data() + 8290), 0xCAFE);
+    EXPECT_EQ(le32_load(b.data() + 8292), 0xDEADBEEFu);
+    EXPECT_EQ(le32_load(b.data() + 8296), 9u);
+    EXPECT_EQ(le32_load(b.data() + 8300), 0x0BADF00Du);
+    EXPECT_EQ(le32_load(b.data() + 8304), 0x5a7c36d8u);
     EXPECT_EQ(b[8304], 0xd8);
-    EXPECT_EQ(le32(b, 8308), 0x77u);
-    EXPECT_EQ(le32(b, 8312), 64u);
+    EXPECT_EQ(le32_load(b.data() + 8308), 0x77u);
+    EXPECT_EQ(le32_load(b.data() + 8312), 64u);
     for (int i = 0; i < 20; ++i)
         EXPECT_EQ(b[8316 + static_cast<size_t>(i)], static_cast<uint8_t>(0xF0 + i));
 }
@@ -155,26 +144,26 @@ TEST(FstypeOld, Version1GoldenBytes) {
     rec_info_to_v1(&r, &staged);
     std::vector<uint8_t> b(kRecordInfoV1Size, 0xEE);
     rec_info_v1_to_inner(&staged, b.data());
-    EXPECT_EQ(le32(b, 0), 3u);
-    EXPECT_EQ(le32(b, 4), 0x11223344u);
-    EXPECT_EQ(le32(b, 8), 5u);
+    EXPECT_EQ(le32_load(b.data()), 3u);
+    EXPECT_EQ(le32_load(b.data() + 4), 0x11223344u);
+    EXPECT_EQ(le32_load(b.data() + 8), 5u);
     expect_time_at(b, 12, 10);
     expect_time_at(b, 56, 20);
-    EXPECT_EQ(le32(b, 100), 0xA1A2A3A4u);
-    EXPECT_EQ(le32(b, 104), 0x42u);
-    EXPECT_EQ(le32(b, 108), 77u);
-    EXPECT_EQ(le64(b, 112), 0x0102030405060708ull);
-    EXPECT_EQ(le32(b, 120), 999u);
-    EXPECT_EQ(le32(b, 124), 2u);
+    EXPECT_EQ(le32_load(b.data() + 100), 0xA1A2A3A4u);
+    EXPECT_EQ(le32_load(b.data() + 104), 0x42u);
+    EXPECT_EQ(le32_load(b.data() + 108), 77u);
+    EXPECT_EQ(le64_load(b.data() + 112), 0x0102030405060708ull);
+    EXPECT_EQ(le32_load(b.data() + 120), 999u);
+    EXPECT_EQ(le32_load(b.data() + 124), 2u);
     for (int i : {0, 1, 59}) {
         const size_t a = 128 + 12 * static_cast<size_t>(i);
-        EXPECT_EQ(le32(b, a), 0x1000u + static_cast<uint32_t>(i));
-        EXPECT_EQ(le32(b, a + 4), 0x2000u + static_cast<uint32_t>(i));
-        EXPECT_EQ(le32(b, a + 8), 0xA0000000u + static_cast<uint32_t>(i));
+        EXPECT_EQ(le32_load(b.data() + a), 0x1000u + static_cast<uint32_t>(i));
+        EXPECT_EQ(le32_load(b.data() + a + 4), 0x2000u + static_cast<uint32_t>(i));
+        EXPECT_EQ(le32_load(b.data() + a + 8), 0xA0000000u + static_cast<uint32_t>(i));
     }
-    EXPECT_EQ(le16(b, 848), 0xBEEF);
-    EXPECT_EQ(le16(b, 850), 0xCAFE);
-    EXPECT_EQ(le32(b, 852), 0xDEADBEEFu);
+    EXPECT_EQ(le16_load(b.data() + 848), 0xBEEF);
+    EXPECT_EQ(le16_load(b.data() + 850), 0xCAFE);
+    EXPECT_EQ(le32_load(b.data() + 852), 0xDEADBEEFu);
     for (size_t i = 856; i < 896; ++i) EXPECT_EQ(b[i], 0) << "reserved byte " << i;
 }
 
@@ -204,9 +193,9 @@ TEST(FstypeOld, Version1DecodeKeepsCallerFields) {
 
 TEST(FstypeOld, Version1HighChannelReachesNextAlarmButNotPastTheLast) {
     std::vector<uint8_t> b(kRecordInfoV1Size, 0);
-    put_u32(b.data() + 8, 40);  // channel 40: word 40 lies in the next alarm's words
-    for (int i = 0; i < kMaxAlarms; ++i) put_u32(b.data() + 128 + 12 * i + 8, 0x100u + i);
-    put_u16(b.data() + 848, 0x1234);
+    le32_store(b.data() + 8, 40);  // channel 40: word 40 lies in the next alarm's words
+    for (int i = 0; i < kMaxAlarms; ++i) le32_store(b.data() + 128 + 12 * i + 8, 0x100u + i);
+    le16_store(b.data() + 848, 0x1234);
     recordinfo out;
     memset(&out, 0, sizeof out);
     EXPECT_FALSE(inner_v1_to_rec_info(b.data(), &out)) << "the last alarm's value is dropped";
@@ -232,8 +221,8 @@ TEST(FstypeOld, Version1HighChannelReachesNextAlarmButNotPastTheLast) {
 
 TEST(FstypeOld, Version1ChannelAbove63StoresNoAlarmValue) {
     std::vector<uint8_t> b(kRecordInfoV1Size, 0);
-    put_u32(b.data() + 8, 64);
-    for (int i = 0; i < kMaxAlarms; ++i) put_u32(b.data() + 128 + 12 * i + 8, 0xFFFFFFFFu);
+    le32_store(b.data() + 8, 64);
+    for (int i = 0; i < kMaxAlarms; ++i) le32_store(b.data() + 128 + 12 * i + 8, 0xFFFFFFFFu);
     recordinfo out;
     memset(&out, 0, sizeof out);
     EXPECT_TRUE(inner_v1_to_rec_info(b.data(), &out));
@@ -250,13 +239,13 @@ TEST(FstypeOld, EntryGoldenBytes) {
     std::vector<uint8_t> b(kIndexEntrySize);
     entry_head_to_inner(0x00ABCDEF, 524288, 24, b.data());
     frames_to_inner(frames, b.data() + 12);
-    EXPECT_EQ(le32(b, 0), 0x00ABCDEFu);
-    EXPECT_EQ(le32(b, 4), 524288u);
-    EXPECT_EQ(le32(b, 8), 24u);
-    EXPECT_EQ(le32(b, 12), 0u);
-    EXPECT_EQ(le32(b, 16), 1700000000u);
-    EXPECT_EQ(le32(b, 12 + 23 * 8), 0x1700u);
-    EXPECT_EQ(le32(b, 12 + 23 * 8 + 4), 1700000023u);
+    EXPECT_EQ(le32_load(b.data()), 0x00ABCDEFu);
+    EXPECT_EQ(le32_load(b.data() + 4), 524288u);
+    EXPECT_EQ(le32_load(b.data() + 8), 24u);
+    EXPECT_EQ(le32_load(b.data() + 12), 0u);
+    EXPECT_EQ(le32_load(b.data() + 16), 1700000000u);
+    EXPECT_EQ(le32_load(b.data() + 12 + 23 * 8), 0x1700u);
+    EXPECT_EQ(le32_load(b.data() + 12 + 23 * 8 + 4), 1700000023u);
     kframe back[kMaxKframes];
     inner_to_frames(b.data() + 12, back);
     EXPECT_EQ(memcmp(back, frames, sizeof frames), 0);

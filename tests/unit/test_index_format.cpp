@@ -74,7 +74,7 @@ class TempFile {
 };
 
 uint32_t le32(const std::vector<uint8_t> &b, size_t off) {
-    return get_u32(b.data() + off);
+    return le32_load(b.data() + off);
 }
 
 // A frame table whose used descriptors are at offsets 1000, 2000, ... and at given times.
@@ -379,8 +379,8 @@ TEST_F(IndexFormat, CreationFillsTheHeader) {
     EXPECT_EQ(le32(b, 56 + 20), 0u) << "end time unset";
     EXPECT_EQ(le32(b, 100), 0x44u);
     EXPECT_EQ(le32(b, 104), static_cast<uint32_t>(O_CREAT | O_RDWR));
-    EXPECT_EQ(get_u16(b.data() + 8288), 0x1111);
-    EXPECT_EQ(get_u16(b.data() + 8290), 0x2222);
+    EXPECT_EQ(le16_load(b.data() + 8288), 0x1111);
+    EXPECT_EQ(le16_load(b.data() + 8290), 0x2222);
     EXPECT_EQ(le32(b, 8292), 0x33333333u);
     EXPECT_EQ(le32(b, 8296), 1u);
     EXPECT_EQ(le32(b, 8300), 0x55555555u);
@@ -568,7 +568,7 @@ TEST_F(IndexFormat, HandlesOutsideTheTableAreRefused) {
     recordinfo r;
     record_alarm alarm{};
     LogMask mask(0x1);
-    for (int h : {-1, 128, INT32_MIN, INT32_MAX}) {
+    for (int h : {-1, RECSTORE_INDEX_HANDLES, INT32_MIN, INT32_MAX}) {
         StdoutCapture cap;
         EXPECT_EQ(index_read(h, &a, &b, fr, &c, nullptr), -1);
         EXPECT_EQ(index_get(h, &a, &b, fr, &c), -1);
@@ -667,7 +667,7 @@ namespace {
 // Marks the header on disk as written by a reader: no O_CREAT in its open flags.
 void clear_creator_flag(const TempFile &f) {
     uint8_t word[4];
-    put_u32(word, O_RDWR);
+    le32_store(word, O_RDWR);
     f.write_at(104, word, 4);
 }
 
@@ -714,7 +714,7 @@ TEST_F(IndexFormat, UnfinishedHeaderIsRewrittenWhenNoWriterHoldsIt) {
     EXPECT_EQ(timegm(&e), static_cast<time_t>(kBase + 25));
     const std::vector<uint8_t> b = f.bytes();
     EXPECT_EQ(le32(b, 108), 3u);
-    EXPECT_EQ(get_u64(b.data() + 112), 3u * 524288u);
+    EXPECT_EQ(le64_load(b.data() + 112), 3u * 524288u);
     EXPECT_EQ(le32(b, 56), 35u) << "end seconds on disk (08:09:35)";
     EXPECT_EQ(pos(r), 8336);
     EXPECT_EQ(index_ltell(r, nullptr), 0);
@@ -837,7 +837,7 @@ TEST_F(IndexFormat, RepairSkipsGarbageAndPartialEntries) {
     // A third entry claiming 200 frames, then half an entry.
     uint8_t junk[204 + 100];
     memset(junk, 0xFF, sizeof junk);
-    put_u32(junk + 8, 200);
+    le32_store(junk + 8, 200);
     f.write_at(8336 + 2 * 204, junk, sizeof junk);
     const int r = reopen(f);
     ASSERT_GE(r, 0);
@@ -939,9 +939,9 @@ TEST_F(IndexFormat, GarbageExtensionLengthDoesNotOverrun) {
     for (const auto &c : cases) {
         TempFile f;
         std::vector<uint8_t> hdr(10384 + 204, 0xA5);
-        put_u32(hdr.data() + 8304, RECSTORE_EXT_MAGIC);
-        put_u32(hdr.data() + 8312, c.len);
-        put_u32(hdr.data() + 108, 0);
+        le32_store(hdr.data() + 8304, RECSTORE_EXT_MAGIC);
+        le32_store(hdr.data() + 8312, c.len);
+        le32_store(hdr.data() + 108, 0);
         f.write_at(0, hdr.data(), hdr.size());
         const int r = reopen(f);
         ASSERT_GE(r, 0) << c.len;

@@ -23,7 +23,7 @@ using recstore_test::StdoutCapture;
 namespace {
 
 constexpr uint32_t T = 1715933350u;  // 2024-05-17 08:09:10 UTC: time of the first key frame
-constexpr int64_t kCluster = 524288;
+constexpr int64_t kCluster = RECSTORE_CLUSTER_SIZE;
 
 struct tm utc(uint32_t secs) {
     const time_t t = static_cast<time_t>(secs);
@@ -457,16 +457,16 @@ TEST_F(IndexPosition, GarbageEntriesNeitherCrashNorHang) {
     // Entries with 1000 frames, a length above a cluster, all ones, zero length, then half an
     // entry.
     std::vector<uint8_t> junk(4 * 204 + 100, 0xFF);
-    put_u32(junk.data() + 8, 1000);
-    put_u32(junk.data() + 204 + 4, 0x7FFFFFFF);
-    put_u32(junk.data() + 204 + 8, 0x80000000u);
-    put_u32(junk.data() + 3 * 204 + 4, 0);
-    put_u32(junk.data() + 3 * 204 + 8, 0);
+    le32_store(junk.data() + 8, 1000);
+    le32_store(junk.data() + 204 + 4, 0x7FFFFFFF);
+    le32_store(junk.data() + 204 + 8, 0x80000000u);
+    le32_store(junk.data() + 3 * 204 + 4, 0);
+    le32_store(junk.data() + 3 * 204 + 8, 0);
     append(junk.data(), junk.size());
     // The header claims more bytes than there are, so that the bound check lets seeks through.
     const int fd = open(path_.c_str(), O_RDWR);
     uint8_t total[8];
-    put_u64(total, uint64_t{1} << 40);
+    le64_store(total, uint64_t{1} << 40);
     ASSERT_EQ(pwrite(fd, total, 8, 112), 8);
     close(fd);
 

@@ -12,6 +12,7 @@
 #include "capture.h"
 #include "rec.h"
 #include "recstore.h"
+#include "test_util.h"
 
 namespace {
 
@@ -24,9 +25,7 @@ constexpr int kCreate = 0x40;
 constexpr int kValidClock = 1700000000;
 constexpr int kInvalidClock = 1577808000;
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
 template <typename Fn>
 std::string printed(Fn fn) {

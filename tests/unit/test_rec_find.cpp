@@ -13,6 +13,7 @@
 #include "rec.h"
 #include "recording.h"
 #include "recstore.h"
+#include "test_util.h"
 
 // A refused allocation must come back as a null pointer under the sanitizers too: the failed
 // allocation of a search's result space is what one test checks.
@@ -37,15 +38,9 @@ constexpr int kAllModes = 0xFF;
 constexpr int kEveryOverlap = 15;
 constexpr unsigned char kUntouched = 0xEE;
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using recstore_test::contains;
 
-size_t occurrences(const std::string &text, const std::string &part) {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) n++;
-    return n;
-}
+using recstore_test::occurrences;
 
 template <typename Fn>
 std::string printed(Fn fn) {
@@ -481,7 +476,7 @@ TEST_F(RecFindChannels, PagingOneChannel) {
 TEST_F(RecFindChannels, ChannelsOutsideZeroTo63AreRefused) {
     rec_param recs[2];
     rec_find_info infos[2];
-    for (int channel : {64, -1, 1000}) {
+    for (int channel : {RECSTORE_MAX_CHANNELS, -1, 1000}) {
         const std::string out = printed([&] {
             EXPECT_EQ(rec_find_channel_next(h_, channel, recs, infos, 2), -1);
             EXPECT_EQ(rec_find_channel_prev(h_, channel, recs, infos, 2), -1);
@@ -555,7 +550,7 @@ TEST_F(RecFind, WhatTheHostReceivesByteForByte) {
     info.total_bytes = 0x1122334455667788ull;
     info.frame_count = 99;
     info.attr_d = 0xCAFE;
-    info.ext_magic = 0x5a7c36d8u;
+    info.ext_magic = RECSTORE_EXT_MAGIC;
     ASSERT_EQ(rec_action(&f, &info, &g_recctx.finds[h]), 1);
     info.ext_magic = 0x5a7c36d9u;
     ASSERT_EQ(rec_action(&f, &info, &g_recctx.finds[h]), 1);

@@ -1,10 +1,15 @@
-// The recstore tool's printers: the search-result table and JSON, and the month calendar.
+// The recstore tool's printers (the search-result table and JSON, the month calendar) and its
+// shared command-line pieces: option parsing, JSON strings and the progress line.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "report.h"
 
 namespace {
@@ -117,6 +122,143 @@ TEST(ToolFormat, CalendarWithoutRecordingsAndOutOfRangeMonths) {
     EXPECT_EQ(tool::format_calendar(2026, 0, days), "");
     EXPECT_EQ(tool::format_calendar(2026, 13, days), "");
     EXPECT_EQ(tool::format_calendar(1969, 5, days), "");
+}
+
+// ---- option parsing ------------------------------------------------------------------------
+
+// argv of a subcommand from words (argv[0] is the command's name).
+struct Argv {
+    explicit Argv(std::vector<std::string> words) : words_(std::move(words)) {
+        for (std::string &w : words_) ptrs_.push_back(&w[0]);
+        ptrs_.push_back(nullptr);
+    }
+    int argc() const { return static_cast<int>(words_.size()); }
+    char **argv() { return ptrs_.data(); }
+
+  private:
+    std::vector<std::string> words_;
+    std::vector<char *> ptrs_;
+};
+
+bool parse(std::vector<std::string> words, tool::Args *args, std::string *error) {
+    Argv a(std::move(words));
+    return tool::parse_args(a.argc(), a.argv(), {"--disk", "--seconds"}, {"--json", "--fast"}, args,
+                            error);
+}
+
+TEST(ToolOptions, ValuesSeparateOrAfterEqualsFlagsAndWordsMixed) {
+    tool::Args args;
+    std::string error;
+    ASSERT_TRUE(parse({"find", "--disk", "/dev/hd/sda", "w1", "--seconds=5", "--json", "w2"}, &args,
+                      &error))
+        << error;
+    EXPECT_EQ(args.value("--disk"), "/dev/hd/sda");
+    EXPECT_EQ(args.value("--seconds"), "5");
+    EXPECT_TRUE(args.has("--json"));
+    EXPECT_FALSE(args.has("--fast"));
+    EXPECT_EQ(args.words, (std::vector<std::string>{"w1", "w2"}));
+}
+
+TEST(ToolOptions, OptionsAfterWordsCountEvenWithPosixlyCorrectSet) {
+    setenv("POSIXLY_CORRECT", "1", 1);
+    tool::Args args;
+    std::string error;
+    const bool ok = parse({"check", "/dev/hd/sda", "--json", "w2"}, &args, &error);
+    unsetenv("POSIXLY_CORRECT");
+    ASSERT_TRUE(ok) << error;
+    EXPECT_TRUE(args.has("--json"));
+    EXPECT_EQ(args.words, (std::vector<std::string>{"/dev/hd/sda", "w2"}));
+}
+
+TEST(ToolOptions, DoubleDashEndsTheOptions) {
+    tool::Args args;
+    std::string error;
+    ASSERT_TRUE(parse({"check", "--fast", "--", "--json", "-x"}, &args, &error)) << error;
+    EXPECT_TRUE(args.has("--fast"));
+    EXPECT_FALSE(args.has("--json"));
+    EXPECT_EQ(args.words, (std::vector<std::string>{"--json", "-x"}));
+    Argv help({"check", "--", "--help"});
+    EXPECT_FALSE(tool::wants_help(help.argc(), help.argv()));
+    Argv asked({"check", "--help", "--"});
+    EXPECT_TRUE(tool::wants_help(asked.argc(), asked.argv()));
+}
+
+TEST(ToolOptions, ErrorsSayWhatIsWrong) {
+    tool::Args args;
+    std::string error;
+    EXPECT_FALSE(parse({"find", "--nosuch"}, &args, &error));
+    EXPECT_EQ(error, "unknown option \"--nosuch\"");
+    EXPECT_FALSE(parse({"find", "--nosuch=3"}, &args, &error));
+    EXPECT_EQ(error, "unknown option \"--nosuch\"");
+    EXPECT_FALSE(parse({"find", "-q"}, &args, &error));
+    EXPECT_EQ(error, "unknown option \"-q\"");
+    EXPECT_FALSE(parse({"find", "--disk"}, &args, &error));
+    EXPECT_EQ(error, "option --disk needs a value");
+    EXPECT_FALSE(parse({"find", "--json=1"}, &args, &error));
+    EXPECT_EQ(error, "option --json takes no value");
+    // A second parse starts afresh.
+    tool::Args again;
+    ASSERT_TRUE(parse({"find", "--json"}, &again, &error)) << error;
+    EXPECT_TRUE(again.has("--json"));
+}
+
+TEST(ToolJson, StringsAreQuotedAndEscaped) {
+    EXPECT_EQ(tool::json_string("plain"), "\"plain\"");
+    EXPECT_EQ(tool::json_string("a\"b\\c\nd\te\x01"), "\"a\\\"b\\\\c\\nd\\te\\u0001\"");
+}
+
+// ---- progress line -------------------------------------------------------------------------
+
+std::string read_all(int fd) {
+    std::string out;
+    char buf[256];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    return out;
+}
+
+TEST(ToolProgress, NothingAndNoCarriageReturnWhenNotATerminal) {
+    FILE *file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    {
+        tool::ProgressLine line(file);
+        EXPECT_FALSE(line.shown());
+        line.update("  1.0 s  4 channels");
+        line.update("  2.0 s  4 channels");
+        line.finish();
+        tool::ProgressTicker ticker(file, "checking");
+        ticker.stop();
+    }
+    fflush(file);
+    rewind(file);
+    const std::string out = read_all(fileno(file));
+    fclose(file);
+    EXPECT_EQ(out.find('\r'), std::string::npos) << out;
+    EXPECT_EQ(out, "");
+}
+
+TEST(ToolProgress, RewritesTheLineInPlaceOnATerminal) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    const int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(slave, 0);
+    FILE *term = fdopen(slave, "w");
+    ASSERT_NE(term, nullptr);
+    {
+        tool::ProgressLine line(term);
+        EXPECT_TRUE(line.shown());
+        line.update("longer line");
+        line.update("short");
+        line.finish();
+    }
+    fclose(term);
+    fcntl(master, F_SETFL, O_NONBLOCK);
+    const std::string out = read_all(master);
+    close(master);
+    // The terminal turns the final newline into "\r\n".
+    EXPECT_EQ(out, "\rlonger line\rshort      \r\n") << out;
 }
 
 }  // namespace
