@@ -904,13 +904,15 @@ int datazone_read(int disk_id, int cluster_id, void *buf);
 int datazone_read_direct(int disk_id, int cluster_id, void *buf);
 /* Writes one whole cluster from buf through the payload descriptor (O_DIRECT with direct I/O:
  * buf page-aligned): the bytes written, or -1 for a bad id, a zone not open, a cluster outside
- * the data area or a write error. Not synced. Needs no disk mutex: takes the I/O lock shared. */
+ * the data area, a write error or a short write (reported). Not synced. Needs no disk mutex:
+ * takes the I/O lock shared. */
 int datazone_write(int disk_id, int cluster_id, const void *buf);
-/* fsyncs the zone's payload, read-only and map descriptors (fsync failures are not reported). 0,
- * or -1 for a bad id or a zone not open. Takes no lock. */
+/* fsyncs the zone's payload, read-only and map descriptors (all of them, even after a failure).
+ * 0, or -1 for a bad id, a zone not open or a failed fsync (reported with perror). Takes no
+ * lock. */
 int datazone_sync(int disk_id);
-/* fsyncs the map descriptor (block and cluster maps). 0, or -1 for a bad id or a zone not open.
- * Takes no lock; the fs_* callers hold the disk's mutex. */
+/* fsyncs the map descriptor (block and cluster maps). 0, or -1 for a bad id, a zone not open or
+ * a failed fsync (reported). Takes no lock; the fs_* callers hold the disk's mutex. */
 int datazone_sync_bm(int disk_id);
 /* Busy clusters of the zone as counted in memory, or -1 for a bad id or a zone not open. Caller
  * holds the disk's mutex for a consistent value; no I/O. */
@@ -1060,9 +1062,10 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
                   uint32_t *frame_count, uint32_t *next_cluster_id, int advance);
 /* Writes one entry (cluster, payload length, count and the whole 24-descriptor table) at the
  * position, moving past it with advance, and adds it to the record in memory (entries, bytes,
- * frames; end time from the last frame when that is 0-180 s after the old one). 204, a short
- * count, or -1 (bad handle, null frames, handle not open, count above 24, write error). Not
- * synced; the header on disk is not rewritten. */
+ * frames; end time from the last frame when that is 0-180 s after the old one). 204, or -1 (bad
+ * handle, null frames, handle not open, count above 24, write error, short write: the file is
+ * then cut back to the entry's start when the write ended it). Not synced; the header on disk is
+ * not rewritten. */
 int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
                    uint32_t frame_count, int advance);
 
@@ -1089,11 +1092,15 @@ int index_check_magic(int disk_id);
 void index_erase_magic(int disk_id);
 /* Opens (flags with O_CREAT: creates) a recording's index file; flags 0 means O_RDWR. Creating
  * makes the missing directories and writes the header from the arguments (with ext, also the
- * extension area). Opening reads the header, refuses one cut short, and repairs one whose end
- * time lies before its start from the entries (written back only when no open handle, this one
- * with the flags its header records included, holds the recording with O_CREAT); the position is
- * then at the first entry. The handle 0-127, or -1 (bad id, null start, no free handle, open,
- * read or write failure). Not synced. No lock: callers serialise opens and closes with g_fslock. */
+ * extension area). Opening reads the header; one cut short keeps the fields it holds (the type
+ * from the name when cut off), gets zero counters and the start as end time, and is written back
+ * whole unless another handle holds the recording with O_CREAT (refused when it does not reach
+ * the start time). One whose end time lies before its start is repaired from the entries
+ * (written back only when no open handle, this one with the flags its header records included,
+ * holds the recording with O_CREAT); the position is then at the first entry. The handle 0-127, or
+ * -1 (bad id, null start, no free handle, open, read or write failure, a new header written only
+ * in part: a file made by this open is then removed). Not synced. No lock: callers serialise
+ * opens and closes with g_fslock. */
 int index_open(int disk_id, uint32_t block_id, const struct tm *start, int channel, int type,
                uint16_t attr_a, uint16_t attr_b, uint32_t attr_c, int flags, uint32_t mode,
                uint32_t attr_d, const ext_desc *ext);
@@ -1126,8 +1133,9 @@ int index_get(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames
  * walk backwards. 204, a short count, or -1 (also at the first entry, position unchanged). */
 int index_read_r(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
                  uint32_t *frame_count);
-/* Writes an entry at the position and moves past it (do_index_write): 204, a short count or -1.
- * Not synced. */
+/* Writes an entry at the position and moves past it (do_index_write): 204 or -1. A short write
+ * (a full partition) is reported and gives -1; the file is cut back to the entry's start when the
+ * write ended it, and the position stays there, so later entries stay aligned. Not synced. */
 int index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
                 uint32_t frame_count);
 /* Steps back one entry and overwrites it, leaving the position at its start; the record's counts
@@ -1145,7 +1153,7 @@ int index_stat(int handle, recordinfo *out);
  * -1 for a bad or free handle. Not synced. */
 int index_write_info(int handle);
 /* Rewrites the header (index_write_info) and fsyncs the index file: 0, or -1 (reported with
- * perror) when the rewrite failed. */
+ * perror) when the rewrite or the fsync failed. */
 int index_flush_info(int handle);
 /* Sets the record's mode and flushes the header (rewritten and fsynced). 0, or -1 for a bad or
  * free handle or a failed rewrite. */
@@ -1329,21 +1337,24 @@ extern pthread_mutex_t g_fslock; /* guards g_file_ctx */
 /* Opens a recording: with O_CREAT in flags it is created in the disk's current block (index file
  * header written, not synced; link; cache tag), otherwise it is opened for reading. The stream
  * handle, or -1 for a bad id, null param, a channel above 63, a disk not open, no free stream or
- * index_open's failure. Takes g_fslock (must not be held); creating waits up to 2 s for a
- * current block under the disk's mutex (without one the recording gets block 0xFFFFFFFF). Link
+ * index_open's failure; creating also gives -1 (reported) for a type above 99 or a year outside
+ * 0-9999, which the names cannot hold. Takes g_fslock (must not be held); creating waits up to
+ * 2 s for a current block under the disk's mutex and is refused (reported) without one. Link
  * and cache failures are only reported. */
 int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint32_t attr_d,
             const ext_desc *ext);
 /* Frees the handle and its preload buffer. For a writer it finalises the header (end time: the
  * given one, or the last frame's when null; rewritten, not synced; file times set) and replaces
- * the cache tag with the final one. Nothing for a bad handle, and nothing (the slot stays taken)
- * when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */
+ * the cache tag with the final one (an end time before the start gives a tag of duration 0, with
+ * a warning, so that the recording stays findable). Nothing for a bad handle, and nothing (the slot
+ * stays taken) when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */
 void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no
  * cluster can be allocated; -1 in read-only mode, for a bad or closed stream, null buffer or
  * frames, count above 24 or length above 524288; else the negative result of the failed payload
- * or entry write (the allocated cluster then stays busy; a short write goes unnoticed). Takes
+ * or entry write, a short write of either counting as failed (the allocated cluster then stays
+ * busy; a short entry is cut off the index file so later entries stay aligned). Takes
  * the disk's mutex only to allocate; payload and entry are written unlocked (one thread per
  * stream), not synced. Every 17th write replaces the cache tag (g_cachelock). */
 int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames, uint32_t count);

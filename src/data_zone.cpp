@@ -968,22 +968,39 @@ int datazone_write(int disk_id, int cluster_id, const void *buf) {
                      static_cast<int>(z.info.data_start), static_cast<int>(z.info.data_count));
         return -1;
     }
-    return static_cast<int>(write_cluster(z.fd_wr, cluster_id, 0, buf, kClusterSize));
+    const ssize_t n = write_cluster(z.fd_wr, cluster_id, 0, buf, kClusterSize);
+    // Part of a cluster is no payload: the caller must not reference the cluster.
+    if (n >= 0 && n != static_cast<ssize_t>(kClusterSize)) {
+        FS_LOG_ERR("short write cluster:%d %d of %d bytes\n", cluster_id, static_cast<int>(n),
+                   static_cast<int>(kClusterSize));
+        return -1;
+    }
+    return static_cast<int>(n);
 }
+
+namespace {
+
+// Flushes one descriptor of the zone; false (reported) when the flush failed.
+bool synced_fd(int fd) {
+    if (fd < 0 || io_calls().fsync(fd) == 0) return true;
+    perror("fsync");
+    return false;
+}
+
+}  // namespace
 
 int datazone_sync(int disk_id) {
     if (!check_disk(disk_id)) return -1;
     const datazone_ctx &z = zone(disk_id);
-    io_calls().fsync(z.fd_wr);
-    io_calls().fsync(z.fd_rd);
-    io_calls().fsync(z.fd_rw);
-    return 0;
+    bool synced = synced_fd(z.fd_wr);  // every descriptor is flushed, even after a failure
+    synced = synced_fd(z.fd_rd) && synced;
+    synced = synced_fd(z.fd_rw) && synced;
+    return synced ? 0 : -1;
 }
 
 int datazone_sync_bm(int disk_id) {
     if (!check_disk(disk_id)) return -1;
-    io_calls().fsync(zone(disk_id).fd_rw);
-    return 0;
+    return synced_fd(zone(disk_id).fd_rw) ? 0 : -1;
 }
 
 int datazone_busy_count(int disk_id) {

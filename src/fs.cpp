@@ -1003,7 +1003,10 @@ constexpr int kBlockWaitTries = 20;           // waits for a current block at op
 constexpr long kBlockWaitNs = 100000000L;     // 100 ms between them
 constexpr uint32_t kCacheRefreshWrites = 16;  // writes between two cache-tag refreshes
 constexpr size_t kPageSize = 4096;
-constexpr size_t kTimeText = 32;  // asctime_r needs 26 bytes
+constexpr size_t kTimeText = 32;        // asctime_r needs 26 bytes
+constexpr uint32_t kMaxNameType = 99;   // index, link and cache names hold the type in 2 digits
+constexpr int64_t kMaxNameYear = 9999;  // and the year in 4
+constexpr int64_t kTmYearBase = 1900;
 
 bool valid_handle(int handle) {
     return handle >= 0 && handle < RECSTORE_STREAMS;
@@ -1065,6 +1068,22 @@ void clear_kf(fs_file_ctx &f) {
     f.kf_pos = 0;
 }
 
+// True when the names of a new recording read back as that recording. A longer type or year
+// shifts every later field of the names, and recycling would then miss the recording.
+bool names_hold(const rec_param &p) {
+    if (p.type > kMaxNameType) {
+        FS_LOG_ERR("record type %u out of range 0-%u\n", p.type, kMaxNameType);
+        return false;
+    }
+    const int64_t year = static_cast<int64_t>(p.start.tm_year) + kTmYearBase;
+    if (year < 0 || year > kMaxNameYear) {
+        FS_LOG_ERR("record year %lld out of range 0-%lld\n", static_cast<long long>(year),
+                   static_cast<long long>(kMaxNameYear));
+        return false;
+    }
+    return true;
+}
+
 // Links and caches a recording just created in the slot.
 void register_new_recording(int disk_id, uint32_t block, const rec_param &p, const struct tm &start,
                             int idx) {
@@ -1098,6 +1117,17 @@ const void *aligned_source(const void *buffer) {
     }
     memcpy(bounce.get(), buffer, RECSTORE_CLUSTER_SIZE);
     return bounce.get();
+}
+
+// A tag cannot end before it starts: such an end time is taken as the start, so that the
+// recording keeps its tag (with a duration of 0) and searches still find it.
+void keep_tag_duration(recordinfo &info) {
+    const struct tm start = tm_from(info.start_time);
+    const struct tm end = tm_from(info.end_time);
+    if (tm_cmp(&start, &end) <= 0) return;
+    FS_LOG_WARN("end time before start, channel:%d type:%d kept with duration 0\n",
+                static_cast<int>(info.channel), static_cast<int>(info.type));
+    info.end_time = info.start_time;
 }
 
 // Every seventeenth write replaces the stream's cache tag with the current state.
@@ -1167,6 +1197,7 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
         FS_LOG_ERR("disk %d not open", disk_id);
         return -1;
     }
+    if ((flags & O_CREAT) != 0 && !names_hold(*param)) return -1;
     MutexGuard guard(g_fslock);
     int handle = -1;
     for (int i = 0; i < RECSTORE_STREAMS; i++) {
@@ -1184,6 +1215,11 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
     uint32_t block = kNoBlock;
     if (creating) {
         block = fs_getblockid(disk_id);
+        // A recording outside every block would never be recycled, nor its link directory.
+        if (block == kNoBlock) {
+            FS_LOG_ERR("no current block on disk %d, recording refused\n", disk_id);
+            return -1;
+        }
         FS_LOG_INFO("create a record diskid: %d, blockid:%d \n", disk_id, static_cast<int>(block));
     }
     const struct tm start = tm_from(param->start);
@@ -1272,6 +1308,7 @@ void fs_close(int handle, const struct tm *end) {
     if (fs_use_cache() && is_writer(f.idx) && index_stat(f.idx, &info) == 0) {
         cache_forget(f.disk_id, info);
         if (end != nullptr) to_fs_tm(end, &info.end_time);
+        keep_tag_duration(info);
         cache_enter(f.disk_id, info);
     }
     index_close(f.idx, end);

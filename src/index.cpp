@@ -245,7 +245,7 @@ ssize_t read_recordinfo(int disk_id, int fd, recordinfo *out, handle_slot *slot)
     if (len >= 0 || out->ext_magic == kExtMagic) {
         do_index_copy_ext(buf + kRecordInfoSize, len, slot);
     } else if (io_calls().lseek64(fd, kRecordInfoSize, SEEK_SET) < 0) {
-        report_errno("leek64");
+        report_errno("lseek64");
     }
     return n;
 }
@@ -358,6 +358,18 @@ void advance_end_time(recordinfo *info, const kframe *frames, uint32_t count) {
                  xx_text(info->end_time, a), xx_text(latest, b));
 }
 
+// A short entry write (a full partition) would misalign every later entry: when it ended the
+// file, the file is cut back to the entry's start and the position stays there.
+void drop_partial_entry(int fd, int64_t at, ssize_t n) {
+    FS_LOG_ERR("short entry write:%d of %d bytes at %lld\n", static_cast<int>(n), kIndexEntrySize,
+               static_cast<long long>(at));
+    struct stat64 st;
+    if (io_calls().fstat64(fd, &st) == 0 && static_cast<int64_t>(st.st_size) == at + n &&
+        io_calls().ftruncate64(fd, at) != 0)
+        report_errno("ftruncate");
+    if (io_calls().lseek64(fd, at, SEEK_SET) < 0) report_errno("lseek64");
+}
+
 }  // namespace
 
 int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kframe *frames,
@@ -382,11 +394,15 @@ int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kfram
     entry_head_to_inner(cluster_id, length, frame_count, head);
     frames_to_inner(frames, table);
     struct iovec iov[2] = {{head, sizeof head}, {table, sizeof table}};
+    const int64_t at = cur_pos(s->fd);
     ssize_t n;
     do {
-        n = advance ? io_calls().writev(s->fd, iov, 2)
-                    : io_calls().pwritev64(s->fd, iov, 2, cur_pos(s->fd));
+        n = advance ? io_calls().writev(s->fd, iov, 2) : io_calls().pwritev64(s->fd, iov, 2, at);
     } while (n < 0 && errno == EINTR);
+    if (n >= 0 && n != kIndexEntrySize) {
+        drop_partial_entry(s->fd, at, n);
+        return -1;
+    }
     if (n != kIndexEntrySize) {
         perror("writev");
         return static_cast<int>(n);
@@ -471,7 +487,7 @@ enum class StepBack { ok, before_header, failed };
 StepBack step_back_entry(handle_slot *s) {
     const int64_t pos = io_calls().lseek64(s->fd, -kIndexEntrySize, SEEK_CUR);
     if (pos < 1) {
-        report_errno("leek64");
+        report_errno("lseek64");
         return StepBack::failed;
     }
     if (pos >= sizeof_recordinfo(s->info)) return StepBack::ok;
@@ -589,8 +605,17 @@ int create_header(int handle, const index_open_args &a, const char *name) {
     info->attr_b = a.attr_b;
     info->attr_c = a.attr_c;
     info->attr_d = a.attr_d;
-    if (write_recordinfo(a.disk_id, s.fd, info, a.ext, copy_ext_callback, &s) <= 0) {
+    const ssize_t n = write_recordinfo(a.disk_id, s.fd, info, a.ext, copy_ext_callback, &s);
+    if (n <= 0) {
         report_errno("write");
+        do_index_release(handle);
+        return -1;
+    }
+    // Entries written after a cut header would be read as part of it: refuse the recording.
+    if (n != sizeof_recordinfo(info)) {
+        FS_LOG_ERR("short header write:%d of %d bytes\n", static_cast<int>(n),
+                   sizeof_recordinfo(info));
+        if (!a.existed && io_calls().unlink(name) != 0) report_errno("unlink");
         do_index_release(handle);
         return -1;
     }
@@ -714,6 +739,40 @@ int repair_header(int handle, const index_open_args &a) {
     return handle;
 }
 
+// A header cut short, as a power loss during its first write leaves it: the file holds no entry
+// yet. The fields present are kept, the type comes from the name when it was cut off, the
+// counters are zero and the end time is the start; the whole header is written again unless a
+// writer holds the file. Without the start time the file cannot be told apart and is refused.
+int repair_short_header(int handle, const index_open_args &a, ssize_t n) {
+    handle_slot &s = g_idx_ctx[handle];
+    recordinfo *info = s.info;
+    const int64_t hdr = expected_header(a.disk_id, info);
+    if (n < kOffEnd) {
+        FS_LOG_ERR("short header:%d of %d bytes holds no start time\n", static_cast<int>(n),
+                   static_cast<int>(hdr));
+        do_index_release(handle);
+        return -1;
+    }
+    if (!disk_is_v1(a.disk_id) && n < kOffType + 4) info->type = static_cast<uint32_t>(a.type);
+    info->entry_count = 0;
+    info->total_bytes = 0;
+    info->frame_count = 0;
+    info->end_time = info->start_time;
+    info->open_flags = static_cast<uint32_t>(a.flags);  // the flags read are the cut writer's
+    if (!writer_holds(a)) {
+        if (io_calls().lseek64(s.fd, 0, SEEK_SET) < 0 ||
+            write_recordinfo(a.disk_id, s.fd, info, nullptr, nullptr, &s) <= 0 ||
+            io_calls().ftruncate64(s.fd, hdr) != 0) {
+            report_errno("write");
+            return repair_failed(handle, hdr, a);
+        }
+    }
+    if (io_calls().lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
+    FS_LOG_WARN("short header:%d of %d bytes, repaired\n", static_cast<int>(n),
+                static_cast<int>(hdr));
+    return handle;
+}
+
 // Opening an existing file: reads its header and repairs it when it was never finalised.
 int load_header(int handle, const index_open_args &a) {
     handle_slot &s = g_idx_ctx[handle];
@@ -724,13 +783,7 @@ int load_header(int handle, const index_open_args &a) {
         do_index_release(handle);
         return -1;
     }
-    // A header cut short holds no trustworthy field: refuse the file rather than guess.
-    if (n < expected_header(a.disk_id, info)) {
-        FS_LOG_ERR("short header:%d of %d bytes", static_cast<int>(n),
-                   static_cast<int>(expected_header(a.disk_id, info)));
-        do_index_release(handle);
-        return -1;
-    }
+    if (n < expected_header(a.disk_id, info)) return repair_short_header(handle, a, n);
     const struct tm start = tm_of(info->start_time);
     const struct tm end = tm_of(info->end_time);
     if (tm_cmp(&start, &end) < 1) {
@@ -830,7 +883,7 @@ void index_close(int handle, const struct tm *end) {
         char t[kTextBuf];
         FS_LOG_PLAIN("close channel:%d type:%d fd:%d endtime:%s\n", static_cast<int>(info->channel),
                      static_cast<int>(info->type), s->fd, xx_text(info->end_time, t));
-        if (io_calls().lseek64(s->fd, 0, SEEK_SET) < 0) report_errno("leek64");
+        if (io_calls().lseek64(s->fd, 0, SEEK_SET) < 0) report_errno("lseek64");
         if (write_recordinfo(static_cast<int>(info->disk_id), s->fd, info, nullptr, nullptr, s) <=
             0)
             report_errno("write");
@@ -919,8 +972,9 @@ int index_write_info(int handle) {
 
 int index_flush_info(int handle) {
     if (index_write_info(handle) > 0) {
-        io_calls().fsync(g_idx_ctx[handle].fd);
-        return 0;
+        if (io_calls().fsync(g_idx_ctx[handle].fd) == 0) return 0;
+        report_errno("fsync");
+        return -1;
     }
     perror("flush_info");
     return -1;
@@ -1202,7 +1256,7 @@ Peek peek_entry(int handle) {
 
 bool step_entry(int fd, int64_t delta) {
     if (io_calls().lseek64(fd, delta, SEEK_CUR) < 0) {
-        report_errno("leek64");
+        report_errno("lseek64");
         return false;
     }
     return true;
@@ -1289,7 +1343,7 @@ int64_t index_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out
     if (whence == SEEK_SET) {
         if (offset < 0) return -1;
         if (io_calls().lseek64(s->fd, sizeof_recordinfo(s->info), SEEK_SET) < 0) {
-            report_errno("leek64");
+            report_errno("lseek64");
             return -1;
         }
         return lseek_forward(handle, offset, false, offset_out);
@@ -1349,7 +1403,7 @@ int64_t tseek_absolute(int handle, int32_t sec, int32_t *seq) {
         return -1;
     }
     if (io_calls().lseek64(s.fd, sizeof_recordinfo(info), SEEK_SET) < 0) {
-        report_errno("leek64");
+        report_errno("lseek64");
         return -1;
     }
     bool first = true;

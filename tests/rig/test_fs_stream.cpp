@@ -279,23 +279,19 @@ TEST_F(Stream, The129thStreamIsRefusedAndLeavesNoFile) {
     fs_close(h, nullptr);
 }
 
-TEST_F(Stream, OpenWithoutCurrentBlockWaitsAndUsesAllOnes) {
+TEST_F(Stream, OpenWithoutCurrentBlockWaitsAndIsRefused) {
     start(0, false);
     const struct tm t = make_tm(2024, 6, 2, 1, 2, 3);
     LogMask mask(kAllLevels);
     StdoutCapture out;
-    const int h = create(7, t, 0);
+    EXPECT_EQ(create(7, t, 0), -1);
     const std::string text = out.stop();
-    ASSERT_GE(h, 0);
     EXPECT_TRUE(contains(text, "waiting for current block reach the max count")) << text;
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n') >= 20, true) << text;
-    EXPECT_TRUE(contains(text, "create a record diskid: 0, blockid:-1 \n")) << text;
-    EXPECT_EQ(g_file_ctx[h].block_id, kNoBlock);
-    EXPECT_EQ(stat_of(h).block_id, kNoBlock);
-    EXPECT_TRUE(exists(index_name(0, 7, t, 0)));
-    // Without a block no cluster can be had.
-    EXPECT_EQ(write_cluster_n(h, 2, 0, secs(t)), -5);
-    EXPECT_EQ(stat_of(h).entry_count, 0u);
+    EXPECT_TRUE(contains(text, "no current block on disk 0, recording refused\n")) << text;
+    EXPECT_FALSE(exists(index_name(0, 7, t, 0)));
+    EXPECT_FALSE(exists("/mnt/sda/link/-0000001"));
+    EXPECT_EQ(g_file_ctx[0].idx, -1);
 }
 
 TEST_F(Stream, WriteIntoAFullZoneReturnsMinus5AndAddsNothing) {

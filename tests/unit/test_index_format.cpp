@@ -848,7 +848,7 @@ TEST_F(IndexFormat, RepairSkipsGarbageAndPartialEntries) {
     EXPECT_EQ(timegm(&e), static_cast<time_t>(kBase + 40));
 }
 
-TEST_F(IndexFormat, ShortOrEmptyFilesAreRefused) {
+TEST_F(IndexFormat, EmptyFilesAndHeadersWithoutStartAreRefused) {
     LogMask mask(0x1);
     {
         TempFile f;
@@ -856,30 +856,77 @@ TEST_F(IndexFormat, ShortOrEmptyFilesAreRefused) {
     }
     {
         TempFile f;
-        std::vector<uint8_t> part(5000, 0);
+        std::vector<uint8_t> part(30, 0);
         f.write_at(0, part.data(), part.size());
         StdoutCapture cap;
         EXPECT_EQ(reopen(f), -1);
-        EXPECT_NE(cap.stop().find("short header:5000 of 8336 bytes"), std::string::npos);
-    }
-    {
-        TempFile f;
-        std::vector<uint8_t> part(9000, 0);
-        le32_store(part.data() + 8304, RECSTORE_EXT_MAGIC);
-        le32_store(part.data() + 8312, 8);
-        f.write_at(0, part.data(), part.size());
-        StdoutCapture cap;
-        EXPECT_EQ(reopen(f), -1);
-        EXPECT_NE(cap.stop().find("short header:9000 of 10384 bytes"), std::string::npos);
+        EXPECT_NE(cap.stop().find("short header:30 of 8336 bytes holds no start time"),
+                  std::string::npos);
     }
     {
         g_magic[0] = RECSTORE_MAGIC_V1;
         TempFile f;
-        std::vector<uint8_t> part(500, 0);
+        std::vector<uint8_t> part(40, 0);
         f.write_at(0, part.data(), part.size());
         EXPECT_EQ(reopen(f), -1);
     }
     for (int h = 0; h < RECSTORE_INDEX_HANDLES; ++h) EXPECT_EQ(g_idx_ctx[h].fd, -1);
+}
+
+// A header cut by a power loss during its first write keeps what it holds and is written whole.
+TEST_F(IndexFormat, ShortHeadersAreRepairedFromWhatIsThere) {
+    LogMask mask(0xB);
+    {
+        TempFile f;
+        ASSERT_GE(create(f), 0);
+        for (int h = 0; h < RECSTORE_INDEX_HANDLES; ++h) do_index_release(h);
+        ASSERT_EQ(ftruncate(f.fd(), 5000), 0);
+        StdoutCapture cap;
+        const int r = reopen(f);
+        const std::string out = cap.stop();
+        ASSERT_GE(r, 0) << out;
+        EXPECT_NE(out.find("short header:5000 of 8336 bytes, repaired"), std::string::npos) << out;
+        const recordinfo info = stat_of(r);
+        EXPECT_EQ(info.channel, 3u);
+        EXPECT_EQ(info.type, 1u);
+        EXPECT_EQ(info.block_id, 7u);
+        EXPECT_EQ(info.mode, 0x44u);
+        EXPECT_EQ(info.entry_count, 0u);
+        EXPECT_EQ(memcmp(&info.end_time, &info.start_time, sizeof(fs_tm)), 0);
+        EXPECT_EQ(pos(r), 8336);
+        EXPECT_EQ(f.size(), 8336);
+        EXPECT_EQ(le32(f.bytes(), 8296), 1u);
+        do_index_release(r);
+    }
+    {
+        TempFile f;
+        const uint32_t data[2] = {0xAAAAAAAAu, 0xBBBBBBBBu};
+        const ext_desc ext{9, 8, data};
+        ASSERT_GE(create(f, &ext), 0);
+        for (int h = 0; h < RECSTORE_INDEX_HANDLES; ++h) do_index_release(h);
+        ASSERT_EQ(ftruncate(f.fd(), 9000), 0);
+        StdoutCapture cap;
+        const int r = reopen(f);
+        const std::string out = cap.stop();
+        ASSERT_GE(r, 0) << out;
+        EXPECT_NE(out.find("short header:9000 of 10384 bytes, repaired"), std::string::npos) << out;
+        EXPECT_EQ(pos(r), 10384);
+        EXPECT_EQ(f.size(), 10384);
+        do_index_release(r);
+    }
+    {
+        g_magic[0] = RECSTORE_MAGIC_V1;
+        TempFile f;
+        ASSERT_GE(create(f), 0);
+        for (int h = 0; h < RECSTORE_INDEX_HANDLES; ++h) do_index_release(h);
+        ASSERT_EQ(ftruncate(f.fd(), 500), 0);
+        const int r = reopen(f);
+        ASSERT_GE(r, 0);
+        EXPECT_EQ(stat_of(r).channel, 3u);
+        EXPECT_EQ(pos(r), 896);
+        EXPECT_EQ(f.size(), 896);
+        do_index_release(r);
+    }
 }
 
 TEST_F(IndexFormat, GarbageExtensionLengthDoesNotOverrun) {
