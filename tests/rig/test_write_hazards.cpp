@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Write paths under conditions that must not cost a recording or hand out space that a
 // recording still references: names the name parsers cannot read back, end times before the
 // start, index headers cut by a power loss, a full index partition, short payload and header
