@@ -528,8 +528,9 @@ int cmd_inspect(int argc, char **argv) {
         return inspect_device(args.words[0], disk, args.has("--maps"), json);
     }
     const std::string target = from_start_dir(args.words[0]);
-    struct stat st;
-    if (stat(target.c_str(), &st) != 0) return failure(kCmd, target + ": " + strerror(errno));
+    // The 64-bit form: on the 32-bit target a plain stat of an image of 2 GiB or more fails.
+    struct stat64 st;
+    if (stat64(target.c_str(), &st) != 0) return failure(kCmd, target + ": " + strerror(errno));
     if (!S_ISREG(st.st_mode)) {
         return usage_error(kCmd, target + " is neither a disk node /dev/hd/sdX nor an image file");
     }
