@@ -35,6 +35,11 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <new>
+
 #include "fs.h"  // fs_version, which tells a version-1 disk
 #include "fs_tools.h"
 #include "fstype_old.h"
@@ -1240,6 +1245,9 @@ int64_t index_ltell(int handle, uint32_t *offset) {
 
 namespace {
 
+// Whether the walks below read entries in batches (the default) or one entry per read.
+std::atomic<bool> g_seek_batched{true};
+
 // One entry peeked at the current position.
 struct Peek {
     int result = 0;
@@ -1262,11 +1270,110 @@ bool step_entry(int fd, int64_t delta) {
     return true;
 }
 
+// Entries per read of a batched walk: 1024 x 204 bytes, a fifth of the entries of a two-hour
+// recording at 4 Mbit/s.
+constexpr int kWalkBatchEntries = 1024;
+
+// The entry walk of the positioning functions. Unbatched, every peek is one index_get at the
+// descriptor's position and every step one relative seek of the descriptor. Batched, the walk
+// keeps its own position, serves whole entries from one read of up to kWalkBatchEntries entries,
+// and moves the descriptor only when it hands control back (sync): before index_ltell, on
+// return, and before any read that does not yield a whole entry (end of file, a partial entry, a
+// read error), which it leaves to index_get so that results and messages stay those of the
+// entry-by-entry walk.
+class EntryWalk {
+  public:
+    explicit EntryWalk(int handle)
+        : handle_(handle), fd_(g_idx_ctx[handle].fd), batched_(g_seek_batched) {
+        if (batched_) pos_ = synced_ = cur_pos(fd_);
+        batched_ = batched_ && pos_ >= 0;
+    }
+    EntryWalk(const EntryWalk &) = delete;
+    EntryWalk &operator=(const EntryWalk &) = delete;
+    ~EntryWalk() { sync(); }
+
+    // The entry at the current position, as peek_entry would give it.
+    Peek peek() {
+        if (!batched_) return peek_entry(handle_);
+        if (!buffered(pos_) && !fill()) {
+            sync();
+            return peek_entry(handle_);
+        }
+        Peek p;
+        const uint8_t *e = buf_.get() + (pos_ - buf_pos_);
+        p.cluster_id = le32_load(e);
+        p.length = le32_load(e + 4);
+        p.count = le32_load(e + 8);
+        inner_to_frames(e + kEntryHeadSize, p.frames);
+        p.result = kIndexEntrySize;
+        return p;
+    }
+
+    // Moves by delta bytes, as step_entry would.
+    bool step(int64_t delta) {
+        if (!batched_) return step_entry(fd_, delta);
+        if (pos_ + delta < 0) {
+            // The seek fails as the unbatched one would, with its message; the position stays.
+            sync();
+            const bool ok = step_entry(fd_, delta);
+            pos_ = synced_ = cur_pos(fd_);
+            return ok;
+        }
+        pos_ += delta;
+        backward_ = delta < 0;
+        return true;
+    }
+
+    // The current position (the descriptor's position once synced).
+    int64_t pos() const { return batched_ ? pos_ : cur_pos(fd_); }
+
+    // Puts the descriptor at the walk's position; from here on index_get and the descriptor agree
+    // until the next peek or step.
+    void sync() {
+        if (batched_ && synced_ != pos_ && io_calls().lseek64(fd_, pos_, SEEK_SET) == pos_)
+            synced_ = pos_;
+    }
+
+  private:
+    bool buffered(int64_t at) const {
+        return buf_len_ > 0 && at >= buf_pos_ && at + kIndexEntrySize <= buf_pos_ + buf_len_;
+    }
+    // Reads the batch that holds the current position: starting there, or after a backward step
+    // ending with it (as many whole entries before it as the file start allows). False unless the
+    // current entry was read whole.
+    bool fill() {
+        constexpr size_t kBytes = static_cast<size_t>(kWalkBatchEntries) * kIndexEntrySize;
+        if (!buf_) buf_.reset(new (std::nothrow) uint8_t[kBytes]);
+        if (!buf_) return false;
+        buf_len_ = 0;
+        int64_t before = 0;
+        if (backward_) {
+            before = std::min<int64_t>(kWalkBatchEntries - 1, pos_ / kIndexEntrySize);
+            before *= kIndexEntrySize;
+        }
+        const ssize_t n = io_calls().pread64(fd_, buf_.get(), kBytes, pos_ - before);
+        if (n < before + kIndexEntrySize) return false;
+        buf_pos_ = pos_ - before;
+        buf_len_ = n;
+        return true;
+    }
+
+    int handle_;
+    int fd_;
+    bool batched_;
+    bool backward_ = false;
+    int64_t pos_ = -1;
+    int64_t synced_ = -1;
+    std::unique_ptr<uint8_t[]> buf_;
+    int64_t buf_pos_ = 0;
+    int64_t buf_len_ = 0;
+};
+
 // Walks forward from the current entry through `remaining` payload bytes.
 int64_t lseek_forward(int handle, int64_t remaining, bool relative, uint32_t *offset_out) {
-    const int fd = g_idx_ctx[handle].fd;
+    EntryWalk walk(handle);
     for (;;) {
-        const Peek p = peek_entry(handle);
+        const Peek p = walk.peek();
         if (p.result < 1) {
             if (relative) FS_LOG_ERR("index get err");
             return -1;
@@ -1274,31 +1381,33 @@ int64_t lseek_forward(int handle, int64_t remaining, bool relative, uint32_t *of
         remaining -= p.length;
         if (remaining == 0) {
             index_set_offset(handle, 0, nullptr, 0);
-            if (!step_entry(fd, kIndexEntrySize)) return -1;
+            if (!walk.step(kIndexEntrySize)) return -1;
+            walk.sync();
             return index_ltell(handle, offset_out);
         }
         if (remaining < 0) {
             index_set_offset(handle, static_cast<uint32_t>(p.length + remaining), p.frames,
                              static_cast<int>(p.count));
+            walk.sync();
             return index_ltell(handle, offset_out);
         }
-        if (!step_entry(fd, kIndexEntrySize)) return -1;
+        if (!walk.step(kIndexEntrySize)) return -1;
     }
 }
 
 // Walks backward from the current entry through `remaining` payload bytes.
 int64_t lseek_backward(int handle, int64_t remaining, uint32_t *offset_out) {
-    const int fd = g_idx_ctx[handle].fd;
+    EntryWalk walk(handle);
     const int64_t hdr = sizeof_recordinfo(g_idx_ctx[handle].info);
     for (;;) {
-        if (!step_entry(fd, -kIndexEntrySize)) return -1;
-        if (cur_pos(fd) < hdr) {
+        if (!walk.step(-kIndexEntrySize)) return -1;
+        if (walk.pos() < hdr) {
             // Stepped back past the first entry: the bytes there are the header, not an entry.
-            step_entry(fd, kIndexEntrySize);
+            walk.step(kIndexEntrySize);
             FS_LOG_ERR("read_r err or over");
             return -1;
         }
-        const Peek p = peek_entry(handle);
+        const Peek p = walk.peek();
         if (p.result < 1) {
             FS_LOG_ERR("read_r err or over");
             return -1;
@@ -1306,17 +1415,23 @@ int64_t lseek_backward(int handle, int64_t remaining, uint32_t *offset_out) {
         remaining -= p.length;
         if (remaining == 0) {
             index_set_offset(handle, 0, nullptr, 0);
+            walk.sync();
             return index_ltell(handle, offset_out);
         }
         if (remaining < 0) {
             index_set_offset(handle, static_cast<uint32_t>(p.length + remaining), p.frames,
                              static_cast<int>(p.count));
+            walk.sync();
             return index_ltell(handle, offset_out);
         }
     }
 }
 
 }  // namespace
+
+void recstore::index_set_seek_batched(bool batched) {
+    g_seek_batched.store(batched);
+}
 
 int64_t index_lseek(int handle, int64_t offset, int whence, uint32_t *offset_out) {
     if (!valid_handle(handle)) {
@@ -1406,9 +1521,10 @@ int64_t tseek_absolute(int handle, int32_t sec, int32_t *seq) {
         report_errno("lseek64");
         return -1;
     }
+    EntryWalk walk(handle);
     bool first = true;
     for (;;) {
-        const Peek p = peek_entry(handle);
+        const Peek p = walk.peek();
         if (p.result < 0) return -1;
         if (p.result == 0) return secs_of(info->end_time);
         for (int i = 0; i < usable_frames(p.count); ++i) {
@@ -1423,16 +1539,17 @@ int64_t tseek_absolute(int handle, int32_t sec, int32_t *seq) {
                 return take_frame(handle, p, i, seq);
             }
         }
-        if (!step_entry(s.fd, kIndexEntrySize)) return -1;
+        if (!walk.step(kIndexEntrySize)) return -1;
     }
 }
 
 int64_t tseek_forward(int handle, int32_t sec, int32_t *seq) {
     handle_slot &s = g_idx_ctx[handle];
+    EntryWalk walk(handle);
     bool have_base = false;
     int64_t target = 0;
     for (;;) {
-        const Peek p = peek_entry(handle);
+        const Peek p = walk.peek();
         if (p.result < 0) return -1;
         if (p.result == 0) return secs_of(s.info->end_time);
         const int n = usable_frames(p.count);
@@ -1444,16 +1561,17 @@ int64_t tseek_forward(int handle, int32_t sec, int32_t *seq) {
         for (int i = 0; i < n; ++i)
             if (static_cast<int64_t>(p.frames[i].frame_time) >= target)
                 return take_frame(handle, p, i, seq);
-        if (!step_entry(s.fd, kIndexEntrySize)) return -1;
+        if (!walk.step(kIndexEntrySize)) return -1;
     }
 }
 
 int64_t tseek_backward(int handle, int32_t sec, int32_t *seq) {
     handle_slot &s = g_idx_ctx[handle];
+    EntryWalk walk(handle);
     bool have_base = false;
     int64_t target = 0;
     for (;;) {
-        const Peek p = peek_entry(handle);
+        const Peek p = walk.peek();
         if (p.result < 0) {
             FS_LOG_ERR("read_r err");
             return -1;
@@ -1468,7 +1586,7 @@ int64_t tseek_backward(int handle, int32_t sec, int32_t *seq) {
         for (int i = n - 1; i >= 0; --i)
             if (static_cast<int64_t>(p.frames[i].frame_time) <= target)
                 return take_frame(handle, p, i, seq);
-        if (!step_entry(s.fd, -kIndexEntrySize)) return -1;
+        if (!walk.step(-kIndexEntrySize)) return -1;
     }
 }
 

@@ -41,6 +41,13 @@ int do_index_setup(int handle, int fd, const index_open_args &args);
 // do_index_take_slot followed by do_index_setup; closes fd when no slot is free.
 int do_index_attach(int fd, const index_open_args &args);
 
+// How the walks of index_lseek and index_tseek read the entries: in batches of up to 1024
+// entries per read (true, the default) or one entry per read (false, the plain walk that the
+// equivalence tests and the seek benchmark compare with). Results, positions and messages are
+// the same either way; a partial entry, the end of the file and read errors are always met by the
+// one-entry read. Takes effect for walks started afterwards; no lock.
+void index_set_seek_batched(bool batched);
+
 }  // namespace recstore
 
 #endif
