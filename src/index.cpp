@@ -1277,7 +1277,7 @@ constexpr int kWalkBatchEntries = 1024;
 // The entry walk of the positioning functions. Unbatched, every peek is one index_get at the
 // descriptor's position and every step one relative seek of the descriptor. Batched, the walk
 // keeps its own position, serves whole entries from one read of up to kWalkBatchEntries entries,
-// and moves the descriptor only when it hands control back (sync): before index_ltell, on
+// and moves the descriptor only when it hands control back (settle): before index_ltell, on
 // return, and before any read that does not yield a whole entry (end of file, a partial entry, a
 // read error), which it leaves to index_get so that results and messages stay those of the
 // entry-by-entry walk.
@@ -1290,13 +1290,13 @@ class EntryWalk {
     }
     EntryWalk(const EntryWalk &) = delete;
     EntryWalk &operator=(const EntryWalk &) = delete;
-    ~EntryWalk() { sync(); }
+    ~EntryWalk() { settle(); }
 
     // The entry at the current position, as peek_entry would give it.
     Peek peek() {
         if (!batched_) return peek_entry(handle_);
         if (!buffered(pos_) && !fill()) {
-            sync();
+            settle();
             return peek_entry(handle_);
         }
         Peek p;
@@ -1314,7 +1314,7 @@ class EntryWalk {
         if (!batched_) return step_entry(fd_, delta);
         if (pos_ + delta < 0) {
             // The seek fails as the unbatched one would, with its message; the position stays.
-            sync();
+            settle();
             const bool ok = step_entry(fd_, delta);
             pos_ = synced_ = cur_pos(fd_);
             return ok;
@@ -1329,7 +1329,7 @@ class EntryWalk {
 
     // Puts the descriptor at the walk's position; from here on index_get and the descriptor agree
     // until the next peek or step.
-    void sync() {
+    void settle() {
         if (batched_ && synced_ != pos_ && io_calls().lseek64(fd_, pos_, SEEK_SET) == pos_)
             synced_ = pos_;
     }
@@ -1382,13 +1382,13 @@ int64_t lseek_forward(int handle, int64_t remaining, bool relative, uint32_t *of
         if (remaining == 0) {
             index_set_offset(handle, 0, nullptr, 0);
             if (!walk.step(kIndexEntrySize)) return -1;
-            walk.sync();
+            walk.settle();
             return index_ltell(handle, offset_out);
         }
         if (remaining < 0) {
             index_set_offset(handle, static_cast<uint32_t>(p.length + remaining), p.frames,
                              static_cast<int>(p.count));
-            walk.sync();
+            walk.settle();
             return index_ltell(handle, offset_out);
         }
         if (!walk.step(kIndexEntrySize)) return -1;
@@ -1415,13 +1415,13 @@ int64_t lseek_backward(int handle, int64_t remaining, uint32_t *offset_out) {
         remaining -= p.length;
         if (remaining == 0) {
             index_set_offset(handle, 0, nullptr, 0);
-            walk.sync();
+            walk.settle();
             return index_ltell(handle, offset_out);
         }
         if (remaining < 0) {
             index_set_offset(handle, static_cast<uint32_t>(p.length + remaining), p.frames,
                              static_cast<int>(p.count));
-            walk.sync();
+            walk.settle();
             return index_ltell(handle, offset_out);
         }
     }
