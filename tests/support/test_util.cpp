@@ -23,6 +23,13 @@ struct tm make_tm(int year, int mon1, int mday, int hour, int min, int sec) {
     return t;
 }
 
+struct tm utc_tm(uint32_t secs) {
+    const time_t t = static_cast<time_t>(secs);
+    struct tm out {};
+    gmtime_r(&t, &out);
+    return out;
+}
+
 TempDir::TempDir() {
     char tmpl[] = "/tmp/recstore-test.XXXXXX";
     if (!mkdtemp(tmpl)) throw std::runtime_error("cannot create a scratch directory in /tmp");

@@ -7,12 +7,16 @@
 #include <time.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace recstore_test {
 
 // A broken-down time from calendar values as people write them (year 2024, month 1-12).
 struct tm make_tm(int year, int mon1, int mday, int hour = 0, int min = 0, int sec = 0);
+
+// The broken-down UTC time of a count of seconds since 1970.
+struct tm utc_tm(uint32_t secs);
 
 // A scratch directory under /tmp, removed with its contents when the object goes away.
 class TempDir {

@@ -20,6 +20,7 @@
 #include "fstype_old.h"
 #include "index.h"
 #include "recstore.h"
+#include "test_util.h"
 
 using namespace recstore;
 using recstore_test::LogMask;
@@ -27,14 +28,9 @@ using recstore_test::StdoutCapture;
 
 namespace {
 
-constexpr uint32_t kBase = 1715933350u;  // 2024-05-17 08:09:10 UTC
+using recstore_test::utc_tm;
 
-struct tm utc(uint32_t secs) {
-    const time_t t = static_cast<time_t>(secs);
-    struct tm out {};
-    gmtime_r(&t, &out);
-    return out;
-}
+constexpr uint32_t kBase = 1715933350u;  // 2024-05-17 08:09:10 UTC
 
 // A temporary file that disappears with the object.
 class TempFile {
@@ -95,7 +91,7 @@ class IndexFormat : public ::testing::Test {
     void SetUp() override {
         index_init();
         for (auto &m : g_magic) m = RECSTORE_MAGIC_V7;
-        start_ = utc(kBase);
+        start_ = utc_tm(kBase);
     }
     void TearDown() override {
         for (int h = 0; h < RECSTORE_INDEX_HANDLES; ++h) do_index_release(h);
@@ -679,7 +675,7 @@ TEST_F(IndexFormat, SoundFileOpensAtTheFirstEntry) {
     const int h = create(f);
     const auto fr = frames_at({kBase + 3});
     ASSERT_EQ(index_write(h, 1, 10, fr.data(), 1), 204);
-    struct tm end = utc(kBase + 3);
+    struct tm end = utc_tm(kBase + 3);
     index_close(h, &end);
     LogMask mask(0xB);
     StdoutCapture cap;
@@ -967,7 +963,7 @@ TEST_F(IndexFormat, PartialLastEntryIsAShortRead) {
     ASSERT_GE(h, 0);
     const auto fr = frames_at({kBase});
     ASSERT_EQ(index_write(h, 1, 10, fr.data(), 1), 204);
-    struct tm end = utc(kBase + 1);
+    struct tm end = utc_tm(kBase + 1);
     index_close(h, &end);
     std::vector<uint8_t> half(100, 0x11);
     f.write_at(8336 + 204, half.data(), half.size());

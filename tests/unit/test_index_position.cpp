@@ -16,6 +16,7 @@
 #include "fstype_old.h"
 #include "index.h"
 #include "recstore.h"
+#include "test_util.h"
 
 using namespace recstore;
 using recstore_test::LogMask;
@@ -23,15 +24,10 @@ using recstore_test::StdoutCapture;
 
 namespace {
 
+using recstore_test::utc_tm;
+
 constexpr uint32_t T = 1715933350u;  // 2024-05-17 08:09:10 UTC: time of the first key frame
 constexpr int64_t kCluster = RECSTORE_CLUSTER_SIZE;
-
-struct tm utc(uint32_t secs) {
-    const time_t t = static_cast<time_t>(secs);
-    struct tm out {};
-    gmtime_r(&t, &out);
-    return out;
-}
 
 struct EntryPlan {
     uint32_t length;
@@ -57,7 +53,7 @@ class IndexPosition : public ::testing::Test {
         ASSERT_GE(fd, 0);
         close(fd);
         path_ = name;
-        start_ = utc(T - 10);
+        start_ = utc_tm(T - 10);
     }
     void TearDown() override {
         for (int h = 0; h < RECSTORE_INDEX_HANDLES; ++h) do_index_release(h);
@@ -87,7 +83,7 @@ class IndexPosition : public ::testing::Test {
                 index_write(w, cluster++, e.length, fr, static_cast<uint32_t>(e.frames.size())),
                 204);
         }
-        const struct tm end_tm = utc(end);
+        const struct tm end_tm = utc_tm(end);
         index_close(w, &end_tm);
         return reader();
     }
@@ -453,7 +449,7 @@ TEST_F(IndexPosition, GarbageEntriesNeitherCrashNorHang) {
     ASSERT_GE(w, 0);
     const kframe fr[kMaxKframes] = {{10, T}};
     ASSERT_EQ(index_write(w, 1, 1000, fr, 1), 204);
-    const struct tm end = utc(T + 30);
+    const struct tm end = utc_tm(T + 30);
     index_close(w, &end);
     // Entries with 1000 frames, a length above a cluster, all ones, zero length, then half an
     // entry.

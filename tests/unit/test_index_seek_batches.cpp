@@ -20,6 +20,7 @@
 #include "fstype_old.h"
 #include "index.h"
 #include "recstore.h"
+#include "test_util.h"
 
 using namespace recstore;
 using recstore_test::LogMask;
@@ -27,15 +28,10 @@ using recstore_test::StdoutCapture;
 
 namespace {
 
+using recstore_test::utc_tm;
+
 constexpr uint32_t T = 1715933350u;  // 2024-05-17 08:09:10 UTC
 constexpr int64_t kCluster = RECSTORE_CLUSTER_SIZE;
-
-struct tm utc(uint32_t secs) {
-    const time_t t = static_cast<time_t>(secs);
-    struct tm out {};
-    gmtime_r(&t, &out);
-    return out;
-}
 
 // What one call left behind on one handle.
 struct Outcome {
@@ -242,7 +238,7 @@ class SeekBatches : public ::testing::Test {
 // Closed recordings of random length and shape, some with a partial entry at the end.
 TEST_F(SeekBatches, ClosedRecordingsGiveTheSameSeeks) {
     for (int rec = 0; rec < 40; ++rec) {
-        start_ = utc(T - 5);
+        start_ = utc_tm(T - 5);
         ASSERT_EQ(truncate(path_.c_str(), 0), 0);
         const int w = open_handle(O_CREAT | O_RDWR);
         ASSERT_GE(w, 0);
@@ -251,7 +247,7 @@ TEST_F(SeekBatches, ClosedRecordingsGiveTheSameSeeks) {
             rec % 5 == 0 ? static_cast<int>(random_() % 5) : 1 + static_cast<int>(random_() % 2600);
         write_entries(w, entries, &t);
         const int64_t bytes = static_cast<int64_t>(g_idx_ctx[w].info->total_bytes);
-        const struct tm end = utc(t + 3);
+        const struct tm end = utc_tm(t + 3);
         index_close(w, &end);
         if (rec % 4 == 1) append_partial_entry();
         const int plain = open_handle(O_RDWR);
@@ -269,7 +265,7 @@ TEST_F(SeekBatches, ClosedRecordingsGiveTheSameSeeks) {
 
 // A recording still being written: entries are appended between the seeks.
 TEST_F(SeekBatches, GrowingRecordingGivesTheSameSeeks) {
-    start_ = utc(T - 5);
+    start_ = utc_tm(T - 5);
     const int w = open_handle(O_CREAT | O_RDWR);
     ASSERT_GE(w, 0);
     uint32_t t = T;
@@ -290,13 +286,13 @@ TEST_F(SeekBatches, GrowingRecordingGivesTheSameSeeks) {
 
 // A read of a batch that fails leaves the entry to the one-entry read: same results.
 TEST_F(SeekBatches, FailedBatchReadFallsBackToTheEntryRead) {
-    start_ = utc(T - 5);
+    start_ = utc_tm(T - 5);
     const int w = open_handle(O_CREAT | O_RDWR);
     ASSERT_GE(w, 0);
     uint32_t t = T;
     write_entries(w, 700, &t);
     const int64_t bytes = static_cast<int64_t>(g_idx_ctx[w].info->total_bytes);
-    const struct tm end = utc(t + 3);
+    const struct tm end = utc_tm(t + 3);
     index_close(w, &end);
     const int plain = open_handle(O_RDWR);
     const int batched = open_handle(O_RDWR);
