@@ -165,7 +165,7 @@ IoCalls &io_calls() {
 
 // Every entry of IoCalls is reset here; the size check catches an entry added without a line.
 void IoCalls::reset_all() {
-    constexpr size_t kEntries = 42;
+    constexpr size_t kEntries = 44;
     static_assert(sizeof(IoCalls) == kEntries * sizeof(IoCall<int(int)>), "reset every entry");
     open.reset();
     close.reset();
@@ -180,6 +180,8 @@ void IoCalls::reset_all() {
     lseek64.reset();
     fsync.reset();
     fdatasync.reset();
+    syncfs.reset();
+    sync_file_range.reset();
     ftruncate64.reset();
     ioctl.reset();
     vdprintf.reset();

@@ -6,6 +6,7 @@
 #ifndef RECSTORE_FS_TOOLS_H
 #define RECSTORE_FS_TOOLS_H
 
+#include <fcntl.h>
 #include <dirent.h>
 #include <mntent.h>
 #include <stdarg.h>
@@ -140,9 +141,12 @@ struct IoCalls {
     IoCall<ssize_t(int, const struct iovec *, int, off64_t)> preadv64{::preadv64};
     // vectored write at a position
     IoCall<ssize_t(int, const struct iovec *, int, off64_t)> pwritev64{::pwritev64};
-    IoCall<off64_t(int, off64_t, int)> lseek64{::lseek64};             // move the file offset
-    IoCall<int(int)> fsync{::fsync};                                   // flush data and metadata
-    IoCall<int(int)> fdatasync{::fdatasync};                           // flush data
+    IoCall<off64_t(int, off64_t, int)> lseek64{::lseek64};  // move the file offset
+    IoCall<int(int)> fsync{::fsync};                        // flush data and metadata
+    IoCall<int(int)> fdatasync{::fdatasync};                // flush data
+    IoCall<int(int)> syncfs{::syncfs};  // flush the file system that holds a descriptor
+    // write back and/or wait for a byte range of a file or device
+    IoCall<int(int, off64_t, off64_t, unsigned int)> sync_file_range{::sync_file_range};
     IoCall<int(int, off64_t)> ftruncate64{::ftruncate64};              // cut or extend a file
     IoCall<int(int, unsigned long, void *)> ioctl{io_default::ioctl};  // device requests (sizes)
     // formatted write to a descriptor (the event log, the dump functions)
