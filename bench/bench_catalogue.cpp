@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -387,6 +388,22 @@ struct Row {
     double p99;
 };
 
+// A row's text as one word of a summary line: runs of anything but letters and digits become
+// one underscore.
+std::string key_word(const std::string &text) {
+    std::string out;
+    for (const char c : text) {
+        const bool word = isalnum(static_cast<unsigned char>(c)) != 0;
+        if (word) {
+            out += c;
+        } else if (!out.empty() && out.back() != '_') {
+            out += '_';
+        }
+    }
+    while (!out.empty() && out.back() == '_') out.pop_back();
+    return out;
+}
+
 void add_row(std::vector<Row> &rows, const std::string &what, const std::string &how,
              const std::vector<double> &ms, int found) {
     rows.push_back(Row{what, how, found, static_cast<int>(ms.size()), percentile(ms, 0.5),
@@ -524,6 +541,18 @@ int run() {
                recycle_ms);
     } else {
         printf("recycling failed\n");
+    }
+    printf("\n");
+    for (const Row &r : rows) {
+        printf("bench catalogue: query=%s how=%s results=%d runs=%d median_ms=%.3f p99_ms=%.3f\n",
+               key_word(r.what).c_str(), key_word(r.how).c_str(), r.found, r.samples, r.median,
+               r.p99);
+    }
+    printf("bench catalogue_build: recordings=%d made_per_s=%.0f cache_rebuild_ms=%.0f\n",
+           g_recordings, per_sec, cache_ms);
+    if (ok) {
+        printf("bench recycle: recordings=%d ms=%.0f ms_per_recording=%.4f\n", recycled_files,
+               recycle_ms, recycle_ms / recycled_files);
     }
     return ok ? 0 : 1;
 }

@@ -142,6 +142,10 @@ int run() {
     std::printf("baseline 4-byte pwrite64: %9.0f writes/s   ratio alloc/pwrite = %.2f\n", w, a / w);
     std::printf("block_load + unload:     %10.3f ms\n", l);
     std::printf("baseline 512 KiB pread64: %9.3f ms        ratio load/pread = %.2f\n", p, l / p);
+    std::printf(
+        "\nbench datazone_alloc: alloc_per_s=%.0f pwrite_per_s=%.0f ratio_alloc_to_pwrite=%.2f\n"
+        "bench datazone_load: load_ms=%.3f pread_ms=%.3f ratio_load_to_pread=%.2f\n",
+        a, w, a / w, l, p, l / p);
     finish(t);
     return 0;
 }

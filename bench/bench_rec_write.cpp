@@ -156,6 +156,14 @@ int run() {
         printf("| %s | %.1f | %.1f | %.2f | %.3f | %.3f |\n", r.mode, r.rec_mibs, r.raw_mibs,
                r.rec_mibs / r.raw_mibs, r.rec_cpu_gib, r.raw_cpu_gib);
     }
+    printf("\n");
+    for (const Row &r : rows) {
+        printf(
+            "bench rec_write: mode=%s channels=%d rec_mibs=%.1f raw_mibs=%.1f ratio=%.2f "
+            "rec_cpu_s_per_gib=%.3f raw_cpu_s_per_gib=%.3f\n",
+            r.mode, kChannels, r.rec_mibs, r.raw_mibs, r.rec_mibs / r.raw_mibs, r.rec_cpu_gib,
+            r.raw_cpu_gib);
+    }
     return ok ? 0 : 1;
 }
 

@@ -204,6 +204,14 @@ int run() {
         printf("| %s | %d | %.1f | %.1f | %.2f | %.3f | %.3f |\n", r.mode, r.streams, r.fs_mibs,
                r.raw_mibs, r.fs_mibs / r.raw_mibs, r.fs_cpu_gib, r.raw_cpu_gib);
     }
+    printf("\n");
+    for (const Row &r : rows) {
+        printf(
+            "bench write: mode=%s streams=%d fs_mibs=%.1f raw_mibs=%.1f ratio=%.2f "
+            "fs_cpu_s_per_gib=%.3f raw_cpu_s_per_gib=%.3f\n",
+            r.mode, r.streams, r.fs_mibs, r.raw_mibs, r.fs_mibs / r.raw_mibs, r.fs_cpu_gib,
+            r.raw_cpu_gib);
+    }
     return ok ? 0 : 1;
 }
 
