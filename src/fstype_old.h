@@ -331,6 +331,16 @@ inline void inner_to_frames(const uint8_t *in, kframe *frames) {
     }
 }
 
+// One entry from its head (cluster id, length, key-frame count) and its key-frame table, the
+// inverse of entry_head_to_inner and frames_to_inner.
+inline void decode_entry(const uint8_t *head, const uint8_t *table, uint32_t *cluster_id,
+                         uint32_t *length, uint32_t *frame_count, kframe *frames) {
+    *cluster_id = le32_load(head);
+    *length = le32_load(head + 4);
+    *frame_count = le32_load(head + 8);
+    inner_to_frames(table, frames);
+}
+
 }  // namespace recstore
 
 #endif

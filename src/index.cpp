@@ -455,10 +455,7 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
         perror("readv");
         return static_cast<int>(n);
     }
-    *cluster_id = le32_load(head);
-    *length = le32_load(head + 4);
-    *frame_count = le32_load(head + 8);
-    inner_to_frames(table, frames);
+    decode_entry(head, table, cluster_id, length, frame_count, frames);
     if (next_cluster_id != nullptr) {
         const int64_t pos = cur_pos(s->fd);
         uint8_t next[kEntryHeadSize];
@@ -1301,10 +1298,7 @@ class EntryWalk {
         }
         Peek p;
         const uint8_t *e = buf_.get() + (pos_ - buf_pos_);
-        p.cluster_id = le32_load(e);
-        p.length = le32_load(e + 4);
-        p.count = le32_load(e + 8);
-        inner_to_frames(e + kEntryHeadSize, p.frames);
+        decode_entry(e, e + kEntryHeadSize, &p.cluster_id, &p.length, &p.count, p.frames);
         p.result = kIndexEntrySize;
         return p;
     }
@@ -1364,6 +1358,8 @@ class EntryWalk {
     bool backward_ = false;
     int64_t pos_ = -1;
     int64_t synced_ = -1;
+    // Allocated per walk, not kept per thread: a reader thread would otherwise pin 200 KiB for
+    // its lifetime (tens of playback threads on a 32-bit recorder).
     std::unique_ptr<uint8_t[]> buf_;
     int64_t buf_pos_ = 0;
     int64_t buf_len_ = 0;
