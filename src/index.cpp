@@ -785,7 +785,19 @@ int load_header(int handle, const index_open_args &a) {
         do_index_release(handle);
         return -1;
     }
-    if (n < expected_header(a.disk_id, info)) return repair_short_header(handle, a, n);
+    if (n < expected_header(a.disk_id, info)) {
+        // Only a file that ends inside its header was cut by a power loss. A short read of a
+        // longer file is a read error: repairing would cut the file to a header and lose every
+        // entry, so the open fails and the file stays as it is.
+        struct stat64 st = {};
+        if (io_calls().fstat64(s.fd, &st) != 0 || st.st_size != n) {
+            FS_LOG_ERR("header read %d bytes of a %lld-byte file, not repaired\n",
+                       static_cast<int>(n), static_cast<long long>(st.st_size));
+            do_index_release(handle);
+            return -1;
+        }
+        return repair_short_header(handle, a, n);
+    }
     const struct tm start = tm_of(info->start_time);
     const struct tm end = tm_of(info->end_time);
     if (tm_cmp(&start, &end) < 1) {
