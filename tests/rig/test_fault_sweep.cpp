@@ -1,0 +1,578 @@
+// SPDX-License-Identifier: MIT
+// Fault sweep through the I/O table: each workload (record and close, read back, delete) runs
+// once clean to count the system calls it makes, then once for every N with its Nth call failed:
+// EIO, then ENOSPC, then a short count (transfers only), then EINTR. After each run: no hang, no
+// descriptor, stream slot, index slot or lock left behind, every result is the documented value
+// or negative, what was acknowledged still reads back byte for byte (a deleted recording is
+// whole or gone), and a clean recording works again. One formatted 200 GiB loop-backed disk,
+// brought up in the plug-in order; the calls are counted on the workload's thread only.
+//
+// RECSTORE_SWEEP=full fails every N; the default run takes every third N of the transfers and
+// every N of the other calls.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "capture.h"
+#include "formatted_disks.h"
+#include "fs_tools.h"
+#include "recording.h"
+#include "recstore.h"
+#include "rig.h"
+
+namespace {
+
+using recstore_test::LogMask;
+using namespace recording_test;
+
+const bool g_disks_registered = (use_formatted_disks(1), true);
+
+constexpr uint32_t kClusters = 3;  // clusters of one swept recording
+constexpr int kHangSeconds = 60;   // a workload run longer than this has hung
+constexpr int kChannel = 5;        // channel of the swept recordings
+constexpr int kType = 1;           // type of the swept recordings
+
+// ---- the injector --------------------------------------------------------------------------
+
+enum class Fault { kEio, kEnospc, kShort, kEintr };
+const char *const kFaultNames[] = {"EIO", "ENOSPC", "short count", "EINTR"};
+
+struct Injector {
+    int target = 0;  // fail this call (1-based); 0: count only
+    Fault fault = Fault::kEio;
+    int calls = 0;                   // calls counted so far
+    std::vector<bool> transfer;      // per call of the clean run: a read or write
+    std::vector<std::string> names;  // per call of the clean run: the entry
+    std::string fired;               // the call that failed, "" when none did
+};
+
+Injector g_inj;
+thread_local bool t_counted = false;  // set on the workload's thread while it runs
+
+// True when this call is the one to fail; the fault to inject in *f.
+bool draw(const char *name, bool is_transfer, Fault *f) {
+    if (!t_counted) return false;
+    const int n = ++g_inj.calls;
+    if (g_inj.target == 0) {
+        g_inj.transfer.push_back(is_transfer);
+        g_inj.names.push_back(name);
+    }
+    if (n != g_inj.target) return false;
+    if (g_inj.fault == Fault::kShort && !is_transfer) return false;
+    g_inj.fired = name;
+    *f = g_inj.fault;
+    return true;
+}
+
+int errno_of(Fault f) {
+    return f == Fault::kEnospc ? ENOSPC : f == Fault::kEintr ? EINTR : EIO;
+}
+
+// Every entry that returns a number: fails with -1 and the fault's errno.
+template <typename Sig, recstore::IoCall<Sig> recstore::IoCalls::*M>
+struct Hook;
+template <typename R, typename... A, recstore::IoCall<R(A...)> recstore::IoCalls::*M>
+struct Hook<R(A...), M> {
+    static const char *name;
+    static R fn(A... a) {
+        Fault f;
+        if (draw(name, false, &f)) {
+            errno = errno_of(f);
+            return static_cast<R>(-1);
+        }
+        return (recstore::io_calls().*M).real()(a...);
+    }
+    static void install() { (recstore::io_calls().*M).set(fn); }
+};
+template <typename R, typename... A, recstore::IoCall<R(A...)> recstore::IoCalls::*M>
+const char *Hook<R(A...), M>::name = "call";
+
+// close releases the descriptor even when it reports an error, as Linux does.
+int hook_close(int fd) {
+    Fault f;
+    const int r = recstore::io_calls().close.real()(fd);
+    if (draw("close", false, &f) && r == 0) {
+        errno = errno_of(f);
+        return -1;
+    }
+    return r;
+}
+
+// The transfers: a short count moves half of what was asked (the first buffer of a vector).
+template <typename Real, typename... A>
+ssize_t transfer(const char *name, Real real, void *buf, size_t n, A... a) {
+    Fault f;
+    if (!draw(name, true, &f)) return real(a..., buf, n);
+    if (f != Fault::kShort) {
+        errno = errno_of(f);
+        return -1;
+    }
+    return real(a..., buf, n / 2);
+}
+
+ssize_t hook_read(int fd, void *b, size_t n) {
+    auto real = [](int d, void *p, size_t k) { return recstore::io_calls().read.real()(d, p, k); };
+    return transfer("read", real, b, n, fd);
+}
+ssize_t hook_write(int fd, const void *b, size_t n) {
+    auto real = [](int d, void *p, size_t k) { return recstore::io_calls().write.real()(d, p, k); };
+    return transfer("write", real, const_cast<void *>(b), n, fd);
+}
+ssize_t hook_pread(int fd, void *b, size_t n, off64_t pos) {
+    Fault f;
+    const auto real = recstore::io_calls().pread64.real();
+    if (!draw("pread64", true, &f)) return real(fd, b, n, pos);
+    if (f != Fault::kShort) {
+        errno = errno_of(f);
+        return -1;
+    }
+    return real(fd, b, n / 2, pos);
+}
+ssize_t hook_pwrite(int fd, const void *b, size_t n, off64_t pos) {
+    Fault f;
+    const auto real = recstore::io_calls().pwrite64.real();
+    if (!draw("pwrite64", true, &f)) return real(fd, b, n, pos);
+    if (f != Fault::kShort) {
+        errno = errno_of(f);
+        return -1;
+    }
+    return real(fd, b, n / 2, pos);
+}
+
+// A shortened copy of a vector: its first buffer, or half of it when it is the only one.
+std::vector<struct iovec> shortened(const struct iovec *iov, int cnt) {
+    std::vector<struct iovec> v(iov, iov + 1);
+    if (cnt == 1) v[0].iov_len /= 2;
+    return v;
+}
+
+ssize_t hook_readv(int fd, const struct iovec *iov, int cnt) {
+    Fault f;
+    const auto real = recstore::io_calls().readv.real();
+    if (!draw("readv", true, &f)) return real(fd, iov, cnt);
+    if (f != Fault::kShort) {
+        errno = errno_of(f);
+        return -1;
+    }
+    const auto v = shortened(iov, cnt);
+    return real(fd, v.data(), 1);
+}
+ssize_t hook_writev(int fd, const struct iovec *iov, int cnt) {
+    Fault f;
+    const auto real = recstore::io_calls().writev.real();
+    if (!draw("writev", true, &f)) return real(fd, iov, cnt);
+    if (f != Fault::kShort) {
+        errno = errno_of(f);
+        return -1;
+    }
+    const auto v = shortened(iov, cnt);
+    return real(fd, v.data(), 1);
+}
+ssize_t hook_preadv(int fd, const struct iovec *iov, int cnt, off64_t pos) {
+    Fault f;
+    const auto real = recstore::io_calls().preadv64.real();
+    if (!draw("preadv64", true, &f)) return real(fd, iov, cnt, pos);
+    if (f != Fault::kShort) {
+        errno = errno_of(f);
+        return -1;
+    }
+    const auto v = shortened(iov, cnt);
+    return real(fd, v.data(), 1, pos);
+}
+ssize_t hook_pwritev(int fd, const struct iovec *iov, int cnt, off64_t pos) {
+    Fault f;
+    const auto real = recstore::io_calls().pwritev64.real();
+    if (!draw("pwritev64", true, &f)) return real(fd, iov, cnt, pos);
+    if (f != Fault::kShort) {
+        errno = errno_of(f);
+        return -1;
+    }
+    const auto v = shortened(iov, cnt);
+    return real(fd, v.data(), 1, pos);
+}
+
+template <typename T>
+struct SigOf;
+template <typename S>
+struct SigOf<recstore::IoCall<S>> {
+    using type = S;
+};
+
+#define HOOK(member)                                                                          \
+    do {                                                                                      \
+        using H =                                                                             \
+            Hook<SigOf<std::remove_reference_t<decltype(recstore::io_calls().member)>>::type, \
+                 &recstore::IoCalls::member>;                                                 \
+        H::name = #member;                                                                    \
+        H::install();                                                                         \
+    } while (0)
+
+void install_injector() {
+    recstore::IoCalls &io = recstore::io_calls();
+    HOOK(open);
+    io.close.set(hook_close);
+    io.read.set(hook_read);
+    io.write.set(hook_write);
+    io.pread64.set(hook_pread);
+    io.pwrite64.set(hook_pwrite);
+    io.readv.set(hook_readv);
+    io.writev.set(hook_writev);
+    io.preadv64.set(hook_preadv);
+    io.pwritev64.set(hook_pwritev);
+    HOOK(lseek64);
+    HOOK(fsync);
+    HOOK(fdatasync);
+    HOOK(syncfs);
+    HOOK(sync_file_range);
+    HOOK(ftruncate64);
+    HOOK(fstat64);
+    HOOK(stat64);
+    HOOK(lstat64);
+    HOOK(statfs);
+    HOOK(statfs64);
+    HOOK(access);
+    HOOK(futimes);
+    HOOK(unlink);
+    HOOK(remove);
+    HOOK(rmdir);
+    HOOK(mkdir);
+    HOOK(symlink);
+    HOOK(readlink);
+    HOOK(rename);
+}
+
+// ---- what must hold after every run ---------------------------------------------------------
+
+int open_descriptors() {
+    int n = 0;
+    DIR *d = opendir("/proc/self/fd");
+    if (d == nullptr) return -1;
+    while (readdir(d) != nullptr) n++;
+    closedir(d);
+    return n;
+}
+
+bool lock_free(pthread_mutex_t &m) {
+    if (pthread_mutex_trylock(&m) != 0) return false;
+    pthread_mutex_unlock(&m);
+    return true;
+}
+
+class FaultSweep : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(rig::active());
+        quiet_ = std::make_unique<LogMask>(0, 0);
+        ASSERT_EQ(fs_init(kCacheInodes, kCacheMib, 0), 0);
+        bring_up(0, true);
+        ASSERT_EQ(block_alloc(0), static_cast<int>(kBlock1));
+        install_injector();
+        descriptors_ = open_descriptors();
+    }
+    void TearDown() override {
+        recstore::io_calls().reset_all();
+        for (int h = 0; h < RECSTORE_STREAMS; h++) {
+            if (g_file_ctx[h].idx >= 0) fs_close(h, nullptr);
+        }
+        take_down(0);
+        fs_exit();
+        quiet_.reset();
+    }
+
+    struct tm start_of(int run) const {
+        return make_tm(2024, 9, 1, 0, 0, 0 + run * 60);
+    }
+
+    // Runs the workload on a thread of its own with the Nth call armed; a hang ends the test
+    // binary, since the stuck thread cannot be taken back.
+    template <typename F>
+    void run(int target, Fault fault, F workload) {
+        g_inj.target = target;
+        g_inj.fault = fault;
+        g_inj.calls = 0;
+        g_inj.fired.clear();
+        auto done = std::async(std::launch::async, [&] {
+            t_counted = true;
+            workload();
+            t_counted = false;
+        });
+        if (done.wait_for(std::chrono::seconds(kHangSeconds)) != std::future_status::ready) {
+            fprintf(stderr, "HANG: %s of call %d (%s) did not return in %d s\n",
+                    kFaultNames[static_cast<int>(fault)], target, g_inj.fired.c_str(),
+                    kHangSeconds);
+            fflush(stderr);
+            _exit(1);
+        }
+        done.get();
+        g_inj.target = 0;
+    }
+
+    // Nothing left behind: slots, descriptors, locks.
+    void expect_nothing_held(const std::string &what) {
+        for (int h = 0; h < RECSTORE_STREAMS; h++) {
+            EXPECT_EQ(g_file_ctx[h].idx, -1) << what << ": stream slot " << h << " left open";
+        }
+        for (int i = 0; i < RECSTORE_INDEX_HANDLES; i++) {
+            EXPECT_EQ(g_idx_ctx[i].fd, -1) << what << ": index slot " << i << " left open";
+        }
+        EXPECT_EQ(open_descriptors(), descriptors_) << what << ": descriptors leaked";
+        EXPECT_TRUE(lock_free(g_fslock)) << what << ": g_fslock held";
+        EXPECT_TRUE(lock_free(g_disk[0].lock)) << what << ": the disk's mutex held";
+        EXPECT_TRUE(lock_free(g_cachelock)) << what << ": g_cachelock held";
+    }
+
+    // Records kClusters clusters and closes; the number acknowledged in *acked. Every result
+    // must be the documented success or negative.
+    void record(int run, uint32_t *acked, std::string *bad) {
+        *acked = 0;
+        acked_seqs_.clear();
+        const struct tm t = start_of(run);
+        const rec_param p = param_of(kChannel, t, kType);
+        const int h = fs_open(0, &p, O_CREAT | O_RDWR, 0x15, 0, nullptr);
+        if (h < -1 || h >= RECSTORE_STREAMS) *bad += "fs_open returned " + std::to_string(h);
+        if (h < 0) return;
+        for (uint32_t n = 0; n < kClusters; n++) {
+            fill_payload(buf_.data(), static_cast<uint32_t>(run), n);
+            kframe frames[RECSTORE_MAX_KFRAMES];
+            const uint32_t count = frames_of(n, secs(t), frames);
+            const int r = fs_write(h, buf_.data(), kCluster, frames, count);
+            if (r == static_cast<int>(kCluster)) {
+                if (*acked == n) (*acked)++;
+                acked_seqs_.push_back(n);
+            } else if (r >= 0) {
+                *bad += "fs_write returned " + std::to_string(r);
+            }
+        }
+        struct tm end = t;
+        end.tm_sec += 30;
+        fs_close(h, &end);
+    }
+
+    // The entries of a recording (none when it does not open), with each payload compared.
+    // *whole: every entry read back and held the payload it was written with.
+    uint32_t read_back(int run, bool *whole) {
+        *whole = true;
+        const rec_param p = param_of(kChannel, start_of(run), kType);
+        held_seqs_.clear();
+        const int h = fs_open(0, &p, 0, 0, 0, nullptr);
+        if (h < 0) return 0;
+        uint32_t n = 0;
+        for (;; n++) {
+            uint32_t length = 0, count = 0;
+            kframe frames[RECSTORE_MAX_KFRAMES];
+            const int r = fs_read(h, got_.data(), &length, frames, &count);
+            if (r == 0) break;
+            if (r < 0) {
+                *whole = false;
+                break;
+            }
+            int held = -1;
+            for (uint32_t k = 0; k < kClusters && length == kCluster; k++) {
+                fill_payload(buf_.data(), static_cast<uint32_t>(run), k);
+                if (memcmp(got_.data(), buf_.data(), kCluster) == 0) held = static_cast<int>(k);
+            }
+            held_seqs_.push_back(held);
+            if (held != static_cast<int>(n)) *whole = false;  // read on: which write it holds
+        }
+        fs_close(h, nullptr);
+        return n;
+    }
+
+    // A clean recording still works after the fault.
+    void expect_recording_works(int run, const std::string &what) {
+        uint32_t acked = 0;
+        std::string bad;
+        record(run, &acked, &bad);
+        EXPECT_EQ(acked, kClusters) << what << ": recording no longer works " << bad;
+        bool whole = false;
+        EXPECT_EQ(read_back(run, &whole), kClusters) << what;
+        EXPECT_TRUE(whole) << what;
+    }
+
+    // Calls of one clean run of the workload, and which of them are transfers.
+    template <typename F>
+    int count_calls(F workload, std::vector<bool> *transfers) {
+        g_inj.transfer.clear();
+        g_inj.names.clear();
+        run(0, Fault::kEio, workload);
+        *transfers = g_inj.transfer;
+        return g_inj.calls;
+    }
+
+    // The Ns of a sweep: every call, or in the bounded run every third transfer.
+    static bool swept(int n, const std::vector<bool> &transfers) {
+        const char *v = getenv("RECSTORE_SWEEP");
+        const bool full = v != nullptr && strcmp(v, "full") == 0;
+        const bool transfer =
+            static_cast<size_t>(n - 1) < transfers.size() && transfers[static_cast<size_t>(n - 1)];
+        return full || !transfer || n % 3 == 0;
+    }
+
+    // The acknowledged writes of the last record(), and which write each entry read back by
+    // the last read_back() holds (-1: none of them).
+    std::vector<uint32_t> acked_seqs_;
+    std::vector<int> held_seqs_;
+    Cluster buf_;
+    Cluster got_;
+    int descriptors_ = 0;
+    int next_run_ = 0;
+    std::unique_ptr<LogMask> quiet_;
+};
+
+// The case, with the calls of the clean run around the failed one.
+std::string case_name(const char *workload, Fault f, int n) {
+    std::string around;
+    for (int k = std::max(1, n - 3); k <= n + 3 && k <= static_cast<int>(g_inj.names.size()); k++) {
+        around +=
+            (k == n ? " [" : " ") + g_inj.names[static_cast<size_t>(k - 1)] + (k == n ? "]" : "");
+    }
+    return std::string(workload) + " with " + kFaultNames[static_cast<int>(f)] + " at call " +
+           std::to_string(n) + " (" + g_inj.fired + "; calls" + around + ")";
+}
+
+// ---- the sweeps ------------------------------------------------------------------------------
+
+TEST_F(FaultSweep, RecordAndClose) {
+    std::vector<bool> transfers;
+    uint32_t acked = 0;
+    std::string bad;
+    // The first recording makes the directories; the counted one is like every swept one.
+    record(next_run_++, &acked, &bad);
+    const int clean_run = next_run_++;
+    const int calls = count_calls([&] { record(clean_run, &acked, &bad); }, &transfers);
+    ASSERT_EQ(acked, kClusters) << bad;
+    ASSERT_GT(calls, 0);
+    int cases = 0;
+    for (Fault f : {Fault::kEio, Fault::kEnospc, Fault::kShort, Fault::kEintr}) {
+        for (int n = 1; n <= calls; n++) {
+            if (!swept(n, transfers)) continue;
+            if (f == Fault::kShort && !transfers[static_cast<size_t>(n - 1)]) continue;
+            const int r = next_run_++;
+            acked = 0;
+            bad.clear();
+            run(n, f, [&] { record(r, &acked, &bad); });
+            const std::string what = case_name("record", f, n);
+            cases++;
+            EXPECT_TRUE(bad.empty()) << what << ": " << bad;
+            expect_nothing_held(what);
+            bool whole = false;
+            read_back(r, &whole);
+            // What was acknowledged reads back in order, byte for byte, and no entry leads to
+            // anything but a write of this recording.
+            const std::vector<uint32_t> acks = acked_seqs_;
+            size_t found = 0;
+            for (int held : held_seqs_) {
+                EXPECT_GE(held, 0) << what << ": an entry leads to other data";
+                if (found < acks.size() && held == static_cast<int>(acks[found])) found++;
+            }
+            EXPECT_EQ(found, acks.size())
+                << what << ": acknowledged clusters lost (" << held_seqs_.size() << " entries, "
+                << acks.size() << " acknowledged)";
+            if (HasFailure()) break;
+        }
+        if (HasFailure()) break;
+    }
+    expect_recording_works(next_run_++, "after the sweep");
+    printf("fault sweep record: calls=%d cases=%d\n", calls, cases);
+}
+
+TEST_F(FaultSweep, ReadBack) {
+    const int run_id = next_run_++;
+    uint32_t acked = 0;
+    std::string bad;
+    record(run_id, &acked, &bad);
+    ASSERT_EQ(acked, kClusters) << bad;
+    std::vector<bool> transfers;
+    bool whole = false;
+    uint32_t entries = 0;
+    const int calls = count_calls([&] { entries = read_back(run_id, &whole); }, &transfers);
+    ASSERT_EQ(entries, kClusters);
+    ASSERT_TRUE(whole);
+    int cases = 0;
+    for (Fault f : {Fault::kEio, Fault::kEnospc, Fault::kShort, Fault::kEintr}) {
+        for (int n = 1; n <= calls; n++) {
+            if (!swept(n, transfers)) continue;
+            if (f == Fault::kShort && !transfers[static_cast<size_t>(n - 1)]) continue;
+            bool ok = false;
+            run(n, f, [&] { read_back(run_id, &ok); });
+            const std::string what = case_name("read", f, n);
+            cases++;
+            expect_nothing_held(what);
+            // A failed read never costs the recording: it reads back whole afterwards.
+            EXPECT_EQ(read_back(run_id, &ok), kClusters) << what;
+            EXPECT_TRUE(ok) << what;
+            if (HasFailure()) break;
+        }
+        if (HasFailure()) break;
+    }
+    expect_recording_works(next_run_++, "after the sweep");
+    printf("fault sweep read: calls=%d cases=%d\n", calls, cases);
+}
+
+TEST_F(FaultSweep, DeleteIsAllOrNothing) {
+    // One clean run counts the calls of a deletion.
+    auto make = [&](int r) {
+        uint32_t acked = 0;
+        std::string bad;
+        record(r, &acked, &bad);
+        ASSERT_EQ(acked, kClusters) << bad;
+    };
+    auto del = [&](int r, int *result) {
+        record_name name;
+        memset(&name, 0, sizeof name);
+        name.disk_id = 0;
+        name.channel = kChannel;
+        name.start = start_of(r);
+        name.type = kType;
+        *result = fs_delete(0, &name);
+    };
+    const int first = next_run_++;
+    make(first);
+    std::vector<bool> transfers;
+    int result = 0;
+    const int calls = count_calls([&] { del(first, &result); }, &transfers);
+    ASSERT_EQ(result, 0);
+    int cases = 0;
+    for (Fault f : {Fault::kEio, Fault::kEnospc, Fault::kShort, Fault::kEintr}) {
+        for (int n = 1; n <= calls; n++) {
+            if (!swept(n, transfers)) continue;
+            if (f == Fault::kShort && !transfers[static_cast<size_t>(n - 1)]) continue;
+            const int r = next_run_++;
+            make(r);
+            run(n, f, [&] { del(r, &result); });
+            const std::string what = case_name("delete", f, n);
+            cases++;
+            EXPECT_TRUE(result == 0 || result == -1) << what << ": fs_delete returned " << result;
+            expect_nothing_held(what);
+            bool whole = false;
+            const uint32_t entries = read_back(r, &whole);
+            // Whole, or gone.
+            EXPECT_TRUE(entries == 0 || (entries == kClusters && whole))
+                << what << ": " << entries << " entries came back";
+            if (result == 0) {
+                EXPECT_EQ(entries, 0u) << what << ": deleted, still there";
+            }
+            if (HasFailure()) break;
+        }
+        if (HasFailure()) break;
+    }
+    expect_recording_works(next_run_++, "after the sweep");
+    printf("fault sweep delete: calls=%d cases=%d\n", calls, cases);
+}
+
+}  // namespace
