@@ -34,8 +34,9 @@ inline double now_sec() {
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
-// Busy CPU time of the whole machine so far, in seconds (user, nice, system, irq, softirq,
-// steal of the "cpu" line of /proc/stat), so that the loop device's kernel work counts too.
+// Busy CPU time of the whole machine so far, in seconds (user, nice, system, irq and softirq of
+// the "cpu" line of /proc/stat), so that the loop device's kernel work counts too. Steal is left
+// out: on a virtual machine it is other machines' load.
 inline double machine_cpu_sec() {
     FILE *f = fopen("/proc/stat", "r");
     if (f == nullptr) return 0;
@@ -44,7 +45,7 @@ inline double machine_cpu_sec() {
                          &v[3], &v[4], &v[5], &v[6], &v[7]);
     fclose(f);
     if (n != 8) return 0;
-    const unsigned long long busy = v[0] + v[1] + v[2] + v[5] + v[6] + v[7];
+    const unsigned long long busy = v[0] + v[1] + v[2] + v[5] + v[6];  // v[7] is steal
     return static_cast<double>(busy) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
