@@ -138,6 +138,7 @@ int run() {
     fprintf(stderr, "\n");
     const double heap0 = heap_bytes(), rss0 = rss_bytes();
     double heap_disks = 0, rss_disks = 0, heap_all = 0, rss_all = 0;
+    int loaded = 0;  // disks with a block loaded
     bool ok = true;
     std::vector<int> handles;
     {
@@ -151,6 +152,7 @@ int run() {
         ok = ok && open_streams(&handles);
         heap_all = heap_bytes();
         rss_all = rss_bytes();
+        for (int i = 0; i < kDisks; i++) loaded += g_dz_ctx[i].cur_block != nullptr ? 1 : 0;
         for (int h : handles) rec_close(h, nullptr);
         rec_shutdown_deamon();
         for (int i = kDisks - 1; i >= 0; i--) {
@@ -170,18 +172,20 @@ int run() {
         return 1;
     }
     const double heap = (heap_all - heap0) / kMiB, rss = (rss_all - rss0) / kMiB;
-    printf("\n%d disks up, %zu streams open (%d writers, %d readers); %zu-bit build\n", kDisks,
-           handles.size(), kWriters, kReaders, sizeof(void *) * 8);
+    printf(
+        "\n%d disks up (%d with a block loaded), %zu streams open (%d writers, %d readers); "
+        "%zu-bit build\n",
+        kDisks, loaded, handles.size(), kWriters, kReaders, sizeof(void *) * 8);
     printf("| state | heap MiB | RSS MiB |\n|---|---|---|\n");
     printf("| before rec_init (baseline) | %.2f | %.2f |\n", heap0 / kMiB, rss0 / kMiB);
     printf("| disks up, daemon running | +%.2f | +%.2f |\n", (heap_disks - heap0) / kMiB,
            (rss_disks - rss0) / kMiB);
     printf("| and %zu streams open | +%.2f | +%.2f |\n", handles.size(), heap, rss);
     printf(
-        "\nbench memory: bits=%zu disks=%d streams=%zu heap_mib=%.2f rss_mib=%.2f "
-        "heap_per_disk_mib=%.2f heap_streams_mib=%.2f\n",
-        sizeof(void *) * 8, kDisks, handles.size(), heap, rss, (heap_disks - heap0) / kMiB / kDisks,
-        (heap_all - heap_disks) / kMiB);
+        "\nbench memory: bits=%zu disks=%d blocks_loaded=%d streams=%zu heap_mib=%.2f "
+        "rss_mib=%.2f heap_per_disk_mib=%.2f heap_streams_mib=%.2f\n",
+        sizeof(void *) * 8, kDisks, loaded, handles.size(), heap, rss,
+        (heap_disks - heap0) / kMiB / kDisks, (heap_all - heap_disks) / kMiB);
     return 0;
 }
 
