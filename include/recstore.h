@@ -1458,10 +1458,13 @@ int file_delete_index_before_action(const char *path, void *t);
 /* Removes every recording created in a block (through its link directory: index files, links,
  * emptied directories, cache tags) and frees the block: block_clear and an fsync of the maps
  * under the disk's mutex (must not be held). 0, or -1 in read-only mode, for a bad id, block
- * 0xFFFFFFFF, the current block or no index root. */
+ * 0xFFFFFFFF, the current block or no index root. Also -1, with the block left in use, when a
+ * recording of the block could not be removed or its link directory cannot be listed (an I/O
+ * error): freeing the block would hand out clusters the recording still references. */
 int fs_clear(int disk_id, uint32_t block_id);
 /* Walk action of fs_clear over a link directory (user unused): for a link naming a recording,
- * removes its index file, the link, the directories left empty and the cache tag (g_cachelock).
+ * removes its index file, the link, the directories left empty and the cache tag (g_cachelock);
+ * when the index file cannot be removed (other than missing) the link and the rest stay.
  * Always 1. */
 int file_delete_link_action(const char *path, struct stat *st, void *user);
 /* Walk action over a link directory; t: pointer to a time_t. 0 (stop) at the first recording

@@ -2116,6 +2116,34 @@ int file_delete_index_before_action(const char *path, void *t) {
     return kWalkGo;
 }
 
+// Recordings still reachable through a block's link directory: links whose index file exists,
+// or cannot be told not to. 0 when none is left or the directory is gone, -1 when it cannot be
+// listed.
+static int recordings_left(const char *dir) {
+    DIR *d = io_calls().opendir(dir);
+    if (d == nullptr) return errno == ENOENT ? 0 : -1;
+    int left = 0;
+    while (struct dirent64 *e = io_calls().readdir64(d)) {
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+        char link[RECSTORE_PATH_LEN];
+        if (snprintf(link, sizeof link, "%s/%s", dir, e->d_name) >= static_cast<int>(sizeof link))
+            continue;
+        int disk_id = -1, block_id = 0, channel = 0, type = 0;
+        struct tm start;
+        memset(&start, 0, sizeof start);
+        if (linkname_to_record(link, &disk_id, &block_id, &channel, &start, &type) < kLinkFields ||
+            !valid_disk_id(disk_id)) {
+            continue;  // not a recording's link: removed with the directory
+        }
+        char name[RECSTORE_PATH_LEN];
+        mk_idx_fullname(disk_id, name, sizeof name, channel, &start, type);
+        struct stat64 st;
+        if (name[0] != '\0' && (io_calls().lstat64(name, &st) == 0 || errno != ENOENT)) left++;
+    }
+    io_calls().closedir(d);
+    return left;
+}
+
 int fs_clear(int disk_id, uint32_t block_id) {
     if (g_fs_rdonly) {
         FS_LOG_ERR("fs_clear readonly\n");
@@ -2140,6 +2168,15 @@ int fs_clear(int disk_id, uint32_t block_id) {
     if (dir[0] == '\0') return -1;
     fs_log_file("remove link :%s\n", dir);
     find_recursive(dir, 1, 0, 0, file_delete_link_action, nullptr, nullptr, nullptr);
+    // A recording the walk could not remove (an I/O error on its file, its link or the listing)
+    // still points into the block: freeing it would hand its clusters out again.
+    const int left = recordings_left(dir);
+    if (left != 0) {
+        FS_LOG_ERR("block %u not freed: %s\n", block_id,
+                   left < 0 ? "its link directory cannot be listed"
+                            : "recordings in it could not be removed");
+        return -1;
+    }
     remove_file(dir, kRemoveTree);
     MutexGuard guard(g_disk[disk_id].lock);
     block_clear(disk_id, block_id);
@@ -2161,7 +2198,8 @@ int file_delete_link_action(const char *path, struct stat *st, void * /*user*/) 
     }
     char name[RECSTORE_PATH_LEN];
     mk_idx_fullname(disk_id, name, sizeof name, channel, &start, type);
-    if (name[0] != '\0') io_calls().remove(name);
+    // An index file that could not be removed keeps its link, so that fs_clear sees it is left.
+    if (name[0] != '\0' && io_calls().remove(name) != 0 && errno != ENOENT) return kWalkGo;
     io_calls().remove(path);
     char leaf[RECSTORE_PATH_LEN];
     char root[RECSTORE_PATH_LEN];

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
 // Fault sweep through the I/O table: each workload (record and close, read back, delete, search,
-// block change) runs once clean to count the system calls it makes, then once for every N with
-// its Nth call failed: EIO, then ENOSPC, then a short count (transfers only), then EINTR. After
-// each run: no hang, no descriptor, stream slot, index slot or lock left behind, every result is
-// the documented value or negative, what was acknowledged still reads back byte for byte (a
+// block change, recycle) runs once clean to count the system calls it makes, then once for every N
+// with its Nth call failed: EIO, then ENOSPC, then a short count (transfers only), then EINTR.
+// After each run: no hang, no descriptor, stream slot, index slot or lock left behind, every result
+// is the documented value or negative, what was acknowledged still reads back byte for byte (a
 // deleted recording is whole or gone), and a clean recording works again. One formatted 200 GiB
 // loop-backed disk, brought up in the plug-in order; calls are counted on the workload's thread.
 //
 // RECSTORE_SWEEP=full fails every N of record, read and delete; the default run takes every third
-// N of their transfers and every N of their other calls. Search and block change take every N.
+// N of their transfers and every N of their other calls. Search, block change and recycle take
+// every N.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -676,6 +677,59 @@ TEST_F(FaultSweep, BlockChangeKeepsRecordingsAndRecordingGoesOn) {
         if (HasFailure()) break;
     }
     printf("fault sweep block change: calls=%d cases=%d\n", calls, cases);
+}
+
+TEST_F(FaultSweep, RecycleIsAllOrNothing) {
+    // One clean recycle counts the calls: two recordings in the current block, a block change,
+    // then the freeing of the block they are in.
+    uint32_t acked = 0;
+    std::string bad;
+    auto fill_and_change = [&](int *first) -> uint32_t {
+        *first = next_run_;
+        for (int i = 0; i < 2; i++) {
+            record(next_run_++, &acked, &bad);
+            EXPECT_EQ(acked, kClusters) << bad;
+        }
+        return current_block();
+    };
+    int first = 0;
+    uint32_t block = fill_and_change(&first);
+    ASSERT_NE(block, kNoBlock);
+    ASSERT_EQ(fs_changeblock(0, 0, 0), 0);
+    std::vector<bool> transfers;
+    int result = 0;
+    const int calls = count_calls([&] { result = fs_clear(0, block); }, &transfers);
+    ASSERT_EQ(result, 0);
+    int cases = 0;
+    for (Fault f : {Fault::kEio, Fault::kEnospc, Fault::kShort, Fault::kEintr}) {
+        for (int n = 1; n <= calls; n++) {
+            if (f == Fault::kShort && !transfers[static_cast<size_t>(n - 1)]) continue;
+            block = fill_and_change(&first);
+            ASSERT_NE(block, kNoBlock);
+            ASSERT_EQ(fs_changeblock(0, 0, 0), 0);
+            run(n, f, [&] { result = fs_clear(0, block); });
+            const std::string what = case_name("recycle", f, n);
+            cases++;
+            EXPECT_TRUE(result == 0 || result == -1) << what << ": fs_clear returned " << result;
+            expect_nothing_held(what);
+            for (int r = first; r < first + 2; r++) {
+                bool whole = false;
+                const uint32_t entries = read_back(r, &whole);
+                EXPECT_TRUE(entries == 0 || (entries == kClusters && whole))
+                    << what << ": recording " << r << " came back with " << entries << " entries";
+            }
+            // A clean retry frees the block, and recording goes on.
+            EXPECT_EQ(fs_clear(0, block), 0) << what;
+            for (int r = first; r < first + 2; r++) {
+                bool whole = false;
+                EXPECT_EQ(read_back(r, &whole), 0u) << what << ": recycled, still there";
+            }
+            expect_recording_works(next_run_++, what);
+            if (HasFailure()) break;
+        }
+        if (HasFailure()) break;
+    }
+    printf("fault sweep recycle: calls=%d cases=%d\n", calls, cases);
 }
 
 }  // namespace
