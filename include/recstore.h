@@ -1378,9 +1378,9 @@ int fs_stat(int handle, recordinfo *out);
 /* Appends an alarm to the recording (index_insertalarm: header rewritten and fsynced): 0, or -1
  * for a bad or closed stream, null alarm or no room. No lock. */
 int fs_insertalarm(int handle, const record_alarm *alarm);
-/* Rewrites and fsyncs the stream's header, then fsyncs the disk's data-zone descriptors:
- * datazone_sync's result (a failed header flush is only reported); -1 for a bad or closed
- * stream. No lock. */
+/* fsyncs the disk's data-zone descriptors, then rewrites and fsyncs the stream's header (the
+ * maps and payload are thus durable before the entries the header counts): datazone_sync's
+ * result (a failed header flush is only reported); -1 for a bad or closed stream. No lock. */
 int fs_sync(int handle);
 /* Makes the next fs_write refresh the stream's cache tag. 0, or -1 for a bad or free handle. No
  * lock. */

@@ -1003,6 +1003,12 @@ int datazone_sync_bm(int disk_id) {
     return synced_fd(zone(disk_id).fd_rw) ? 0 : -1;
 }
 
+int recstore::datazone_flush_maps(int disk_id) {
+    IoGuard io(disk_id, false);
+    if (!check_disk(disk_id)) return -1;
+    return synced_fd(zone(disk_id).fd_rw) ? 0 : -1;
+}
+
 int datazone_busy_count(int disk_id) {
     if (!check_disk(disk_id)) return -1;
     return static_cast<int>(zone(disk_id).busy_count);

@@ -38,6 +38,11 @@ struct DzGeometry {
 // gets at most R blocks, since block map clusters beyond R would overlap the data area.
 bool dz_compute_geometry(uint64_t partition_bytes, uint64_t max_disk_bytes, DzGeometry *out);
 
+// Makes the block and cluster maps durable (fsync of the map descriptor) under the zone's I/O
+// lock taken shared, so that it needs no disk mutex and writers keep allocating meanwhile. 0, or
+// -1 for a bad id, a zone not open or a failed fsync (reported).
+int datazone_flush_maps(int disk_id);
+
 }  // namespace recstore
 
 #endif

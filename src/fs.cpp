@@ -1311,6 +1311,10 @@ void fs_close(int handle, const struct tm *end) {
         keep_tag_duration(info);
         cache_enter(f.disk_id, info);
     }
+    // The close makes the recording's entries durable; the map words of their clusters go to the
+    // disk first, or a cut between the two would leave entries into clusters the maps call free,
+    // handed out again after bring-up.
+    if (is_writer(f.idx)) recstore::datazone_flush_maps(f.disk_id);
     index_close(f.idx, end);
     f.cache_writes = 0;
     f.idx = -1;
@@ -1365,11 +1369,35 @@ int fs_insertalarm(int handle, const record_alarm *alarm) {
     return index_insertalarm(g_file_ctx[handle].idx, alarm);
 }
 
+void recstore::fs_flush_changed_maps() {
+    struct Flushed {
+        int64_t at_ms = 0;  // time of the last flush
+        uint32_t free = 0;  // free clusters then: a change means the maps were written
+        uint32_t busy = 0;  // busy clusters then
+    };
+    static Flushed s_flushed[RECSTORE_MAX_DISKS];  // the daemon's thread only
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    const int64_t now = static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    for (int d = 0; d < RECSTORE_MAX_DISKS; d++) {
+        if (!disk_is_open(d) || fs_disk_is_inited(d) == 0) continue;
+        Flushed &f = s_flushed[d];
+        const uint32_t free = static_cast<uint32_t>(datazone_free_count(d));
+        const uint32_t busy = static_cast<uint32_t>(datazone_busy_count(d));
+        if ((free == f.free && busy == f.busy) || now - f.at_ms < kMapFlushMillis) continue;
+        f = Flushed{now, free, busy};
+        recstore::datazone_flush_maps(d);
+    }
+}
+
 int fs_sync(int handle) {
     if (!check_stream(handle)) return -1;
     const fs_file_ctx &f = g_file_ctx[handle];
+    // The data zone (payload and maps) first: the header flushed after it counts entries whose
+    // clusters the maps then already hold busy.
+    const int synced = datazone_sync(f.disk_id);
     index_flush_info(f.idx);
-    return datazone_sync(f.disk_id);
+    return synced;
 }
 
 int fs_sync_cache(int handle) {

@@ -32,6 +32,15 @@ bool is_disk_node_name(const char *dev);
 // The disk id of dev when dev is a valid whole-disk node name, else -1 (reported as an error).
 int checked_disk_id(const char *dev);
 
+// Longest time the maps of a disk being recorded to stay behind in the page cache: index entries
+// written meanwhile cannot reach the disk before the kernel's write-back expiry (30 s by
+// default) unless flushed, and a close flushes the maps first.
+constexpr int kMapFlushMillis = 1000;
+
+// Flushes the maps of every open disk whose maps changed since their last flush at least
+// kMapFlushMillis ago (datazone_flush_maps: no disk mutex). Called by the daemon after each pass.
+void fs_flush_changed_maps();
+
 // ---- shared by the search and calendar walks over the cache tree and the index partition ----
 
 // Directory levels of the index and cache trees, as the name parsers count the fields they read.

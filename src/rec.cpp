@@ -390,7 +390,10 @@ void *rec_daemon(void *context) {
         const uint64_t tick = get_tick_count(1);
         if (tick >= s_last_pass_tick + recstore::kRecTicksPerPass) {
             s_last_pass_tick = tick;
-            if (!fs_is_readonly()) do_disk_loop();
+            if (!fs_is_readonly()) {
+                do_disk_loop();
+                recstore::fs_flush_changed_maps();
+            }
         } else {
             do_rec_preload();
         }
