@@ -1105,8 +1105,11 @@ int index_open(int disk_id, uint32_t block_id, const struct tm *start, int chann
                uint16_t attr_a, uint16_t attr_b, uint32_t attr_c, int flags, uint32_t mode,
                uint32_t attr_d, const ext_desc *ext);
 /* Frees the handle. For a writer (O_CREAT) it first sets the end time to end when given (else
- * keeps the last frame's), rewrites the header at offset 0 (not synced) and sets the file's
- * access and modification times to start and end. Only a report for a bad or free handle. No
+ * keeps the last frame's), rewrites the header at offset 0, sets the file's access and
+ * modification times to start and end, and before returning makes the recording durable: fsync
+ * of the index file, then fsync of every directory from the index root down to the file's and
+ * of the link root and the block directory that holds the recording's link. A failed flush is
+ * reported and the handle is freed all the same. Only a report for a bad or free handle. No
  * lock: callers hold g_fslock. */
 void index_close(int handle, const struct tm *end);
 /* Copies the handle's extension data into buffer, at most size and 2048 bytes: the count, or -1
@@ -1344,7 +1347,8 @@ extern pthread_mutex_t g_fslock; /* guards g_file_ctx */
 int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint32_t attr_d,
             const ext_desc *ext);
 /* Frees the handle and its preload buffer. For a writer it finalises the header (end time: the
- * given one, or the last frame's when null; rewritten, not synced; file times set) and replaces
+ * given one, or the last frame's when null; rewritten; file times set), makes the index file, its
+ * directories and its link durable before returning (see index_close), and replaces
  * the cache tag with the final one (an end time before the start gives a tag of duration 0, with
  * a warning, so that the recording stays findable). Nothing for a bad handle, and nothing (the slot
  * stays taken) when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */

@@ -872,6 +872,67 @@ int index_open(int disk_id, uint32_t block_id, const struct tm *start, int chann
     return do_index_setup(handle, fd, a);
 }
 
+namespace {
+
+// Flushes one directory (its entries: names created in it) to the disk; false, reported, when
+// it cannot be opened or flushed.
+bool sync_directory(const char *path) {
+    FdGuard fd(io_calls().open(path, O_RDONLY | O_DIRECTORY, 0));
+    if (fd.get() < 0 || io_calls().fsync(fd.get()) != 0) {
+        FS_LOG_ERR("directory flush failed:%s\n", path);
+        report_errno("fsync");
+        return false;
+    }
+    return true;
+}
+
+// Flushes `dir` and every parent up to and including `root`, so that each name on the way
+// (possibly created for this recording) is on the disk. `dir` may end in '/'.
+bool sync_directory_chain(const char *dir, const char *root) {
+    char path[kPathLen];
+    snprintf(path, sizeof path, "%s", dir);
+    const size_t root_len = strlen(root);
+    bool ok = true;
+    size_t len = strlen(path);
+    while (len > 0 && path[len - 1] == '/') path[--len] = '\0';
+    while (len >= root_len) {
+        ok = sync_directory(path) && ok;
+        char *slash = strrchr(path, '/');
+        if (slash == nullptr || len == root_len) break;
+        *slash = '\0';
+        len = strlen(path);
+    }
+    return ok;
+}
+
+// Makes a closed recording reachable after a power cut: the index file's data and size, the
+// directories from the index root down to the file, and the block directory holding its link.
+bool make_closed_durable(const handle_slot &s) {
+    const recordinfo *info = s.info;
+    bool ok = true;
+    if (io_calls().fsync(s.fd) != 0) {
+        report_errno("fsync");
+        ok = false;
+    }
+    const int disk = static_cast<int>(info->disk_id);
+    const struct tm start = tm_of(info->start_time);
+    char root[kPathLen] = {}, dir[kPathLen] = {};
+    idx_root(disk, root, sizeof root);
+    mk_idx_fullpath(disk, dir, sizeof dir, static_cast<int>(info->channel), &start,
+                    static_cast<int>(info->type));
+    if (root[0] == '\0' || dir[0] == '\0') return false;
+    ok = sync_directory_chain(dir, root) && ok;
+    char link_root[kPathLen] = {}, link_dir[kPathLen] = {};
+    idx_linkroot(disk, link_root, sizeof link_root);
+    mk_idx_linkpath(disk, link_dir, sizeof link_dir, static_cast<int>(info->block_id));
+    // A recording made outside every block has no link directory.
+    if (link_dir[0] != '\0' && link_root[0] != '\0' && io_calls().access(link_dir, F_OK) == 0)
+        ok = sync_directory_chain(link_dir, link_root) && ok;
+    return ok;
+}
+
+}  // namespace
+
 void index_close(int handle, const struct tm *end) {
     if (!valid_handle(handle)) {
         FS_LOG_ERR("invalid handle :%d", handle);
@@ -896,6 +957,7 @@ void index_close(int handle, const struct tm *end) {
         struct tm et = tm_of(info->end_time);
         struct timeval times[2] = {{mktime(&st), 0}, {mktime(&et), 0}};
         if (io_calls().futimes(s->fd, times) != 0) perror("futimes");
+        if (!make_closed_durable(*s)) FS_LOG_ERR("closed recording not flushed\n");
     }
     do_index_release(handle);
 }

@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: MIT
+// What reaches the disk when, for recordings that must survive a power cut: a writer's close
+// flushes the index file and the directories that make it reachable before it returns. The
+// calls are recorded through the library's I/O table. One formatted 200 GiB
+// loop-backed disk brought up in the plug-in order.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "capture.h"
+#include "formatted_disks.h"
+#include "fs_tools.h"
+#include "recording.h"
+#include "recstore.h"
+#include "rig.h"
+
+namespace {
+
+using recstore_test::LogMask;
+
+using namespace recording_test;
+
+const bool g_disks_registered = (use_formatted_disks(1), true);
+
+// ---- the call recorder ---------------------------------------------------------------------
+// Remembers the path of every descriptor opened through the table and logs, in order, the
+// writes, flushes and range flushes made on them.
+
+std::mutex g_mu;
+std::map<int, std::string> g_paths;
+std::vector<std::string> g_log;
+
+std::string path_of(int fd) {
+    const auto it = g_paths.find(fd);
+    return it == g_paths.end() ? "?" : it->second;
+}
+
+int recording_open(const char *path, int flags, mode_t mode) {
+    const int fd = recstore::io_calls().open.real()(path, flags, mode);
+    if (fd >= 0) {
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_paths[fd] = path;
+    }
+    return fd;
+}
+
+int recording_fsync(int fd) {
+    {
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_log.push_back("fsync " + path_of(fd));
+    }
+    return recstore::io_calls().fsync.real()(fd);
+}
+
+int recording_fdatasync(int fd) {
+    {
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_log.push_back("fdatasync " + path_of(fd));
+    }
+    return recstore::io_calls().fdatasync.real()(fd);
+}
+
+ssize_t recording_write(int fd, const void *buf, size_t n) {
+    {
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_log.push_back("write " + path_of(fd) + " " + std::to_string(n));
+    }
+    return recstore::io_calls().write.real()(fd, buf, n);
+}
+
+// Position of the first event equal to `what` at or after `from`; -1 when there is none.
+long find_event(const std::vector<std::string> &log, const std::string &what, long from = 0) {
+    for (long i = from; i < static_cast<long>(log.size()); i++) {
+        if (log[i] == what) return i;
+    }
+    return -1;
+}
+
+std::string joined(const std::vector<std::string> &log) {
+    std::string out;
+    for (const std::string &e : log) out += e + "\n";
+    return out;
+}
+
+std::string without_slash(std::string dir) {
+    while (!dir.empty() && dir.back() == '/') dir.pop_back();
+    return dir;
+}
+
+class CloseDurability : public ::testing::Test {
+  protected:
+    void start(int flags) {
+        quiet_ = std::make_unique<LogMask>(0, 0);
+        ASSERT_EQ(fs_init(kCacheInodes, kCacheMib, flags), 0);
+        bring_up(0, true);
+        ASSERT_EQ(block_alloc(0), static_cast<int>(kBlock1));
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_paths.clear();
+        g_log.clear();
+    }
+    void SetUp() override { ASSERT_TRUE(rig::active()); }
+    void TearDown() override {
+        LogMask quiet(0, 0);
+        for (int h = 0; h < RECSTORE_STREAMS; h++) {
+            if (g_file_ctx[h].idx >= 0) fs_close(h, nullptr);
+        }
+        take_down(0);
+        fs_exit();
+        quiet_.reset();
+    }
+
+    int create(int channel, const struct tm &start, int type) {
+        const rec_param p = param_of(channel, start, type);
+        return fs_open(0, &p, O_CREAT | O_RDWR, 0x15, 0, nullptr);
+    }
+
+    int write_cluster_n(int h, uint32_t s, uint32_t n, time_t base) {
+        fill_payload(buf_.data(), s, n);
+        kframe frames[RECSTORE_MAX_KFRAMES];
+        const uint32_t count = frames_of(n, base, frames);
+        return fs_write(h, buf_.data(), kCluster, frames, count);
+    }
+
+    std::vector<std::string> log() {
+        std::lock_guard<std::mutex> lock(g_mu);
+        return g_log;
+    }
+
+    Cluster buf_;
+    std::unique_ptr<LogMask> quiet_;
+};
+
+// ---- the tests -----------------------------------------------------------------------------
+
+// Closing a new recording flushes its index file after the header is rewritten, then the
+// directories on the way from the index root to the file and the block directory of its link,
+// all before the close returns.
+TEST_F(CloseDurability, CloseFlushesTheIndexFileAndItsDirectories) {
+    start(0);
+    const struct tm t = make_tm(2024, 8, 1, 10, 0, 0);
+    const time_t base = secs(t);
+    recstore::IoOverride<int(const char *, int, mode_t)> o(recstore::io_calls().open,
+                                                           recording_open);
+    recstore::IoOverride<int(int)> f(recstore::io_calls().fsync, recording_fsync);
+    recstore::IoOverride<int(int)> d(recstore::io_calls().fdatasync, recording_fdatasync);
+    recstore::IoOverride<ssize_t(int, const void *, size_t)> w(recstore::io_calls().write,
+                                                               recording_write);
+    const int h = create(3, t, 1);
+    ASSERT_GE(h, 0);
+    for (uint32_t n = 0; n < 4; n++) ASSERT_EQ(write_cluster_n(h, 1, n, base), int(kCluster));
+    const size_t before_close = log().size();
+    fs_close(h, nullptr);
+    const std::vector<std::string> events = log();
+    const std::vector<std::string> closing(events.begin() + before_close, events.end());
+    const std::string text = joined(closing);
+
+    const std::string file = index_name(0, 3, t, 1);
+    const long header = find_event(closing, "write " + file + " 8336");
+    ASSERT_GE(header, 0) << text;
+    const long flushed = std::max(find_event(closing, "fsync " + file, header),
+                                  find_event(closing, "fdatasync " + file, header));
+    EXPECT_GT(flushed, header) << text;
+
+    char root[RECSTORE_PATH_LEN], dir[RECSTORE_PATH_LEN];
+    idx_root(0, root, sizeof root);
+    mk_idx_fullpath(0, dir, sizeof dir, 3, &t, 1);
+    // Every directory from the file's up to the index root.
+    for (std::string p = without_slash(dir); p.size() >= strlen(root);
+         p = p.substr(0, p.rfind('/'))) {
+        EXPECT_GE(find_event(closing, "fsync " + p), 0) << p << "\n" << text;
+        if (p == root) break;
+    }
+    char link_root[RECSTORE_PATH_LEN], link_dir[RECSTORE_PATH_LEN];
+    idx_linkroot(0, link_root, sizeof link_root);
+    mk_idx_linkpath(0, link_dir, sizeof link_dir, static_cast<int>(kBlock1));
+    EXPECT_GE(find_event(closing, "fsync " + std::string(link_dir)), 0) << text;
+    EXPECT_GE(find_event(closing, "fsync " + std::string(link_root)), 0) << text;
+    EXPECT_TRUE(exists(link_name(0, kBlock1, 3, t, 1)));
+}
+
+// A reader's close writes and flushes nothing.
+TEST_F(CloseDurability, ReaderCloseFlushesNothing) {
+    start(0);
+    const struct tm t = make_tm(2024, 8, 2, 11, 0, 0);
+    const int h = create(4, t, 1);
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(write_cluster_n(h, 2, 0, secs(t)), int(kCluster));
+    fs_close(h, nullptr);
+    const rec_param p = param_of(4, t, 1);
+    const int r = fs_open(0, &p, 0, 0, 0, nullptr);
+    ASSERT_GE(r, 0);
+    recstore::IoOverride<int(int)> f(recstore::io_calls().fsync, recording_fsync);
+    fs_close(r, nullptr);
+    EXPECT_TRUE(log().empty()) << joined(log());
+}
+
+}  // namespace
