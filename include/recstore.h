@@ -1358,9 +1358,13 @@ void fs_close(int handle, const struct tm *end);
  * cluster can be allocated; -1 in read-only mode, for a bad or closed stream, null buffer or
  * frames, count above 24 or length above 524288; else the negative result of the failed payload
  * or entry write, a short write of either counting as failed (the allocated cluster then stays
- * busy; a short entry is cut off the index file so later entries stay aligned). Takes
- * the disk's mutex only to allocate; payload and entry are written unlocked (one thread per
- * stream), not synced. Every 17th write replaces the cache tag (g_cachelock). */
+ * busy; a short entry is cut off the index file so later entries stay aligned), or -1 when
+ * buffered payload could not be flushed. In buffered payload mode the cluster is written back
+ * to the device and waited for (sync_file_range) before its entry is written, so that an entry
+ * never reaches the disk before its payload; with direct I/O the payload is on the device when
+ * its write returns. Takes the disk's mutex only to allocate; payload and entry are written
+ * unlocked (one thread per stream); the entry is not synced. Every 17th write replaces the
+ * cache tag (g_cachelock). */
 int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames, uint32_t count);
 /* Current block of the disk, looking up to 20 times 100 ms apart, each time under the disk's
  * mutex (must not be held); 0xFFFFFFFF when none appears or for a bad id. */

@@ -38,6 +38,13 @@ struct DzGeometry {
 // gets at most R blocks, since block map clusters beyond R would overlap the data area.
 bool dz_compute_geometry(uint64_t partition_bytes, uint64_t max_disk_bytes, DzGeometry *out);
 
+// Writes one payload cluster's bytes from the page cache to the device and waits until they are
+// there (sync_file_range over the cluster on the payload descriptor; with direct I/O nothing is
+// cached and the call returns at once). 0, or -1 for a bad id, a zone not open, a cluster
+// outside the data area or a failed flush (reported). The device's own volatile cache is not
+// flushed. Needs no disk mutex: takes the I/O lock shared.
+int datazone_flush_cluster(int disk_id, int cluster_id);
+
 }  // namespace recstore
 
 #endif

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // What reaches the disk when, for recordings that must survive a power cut: a writer's close
-// flushes the index file and the directories that make it reachable before it returns. The
-// calls are recorded through the library's I/O table. One formatted 200 GiB
+// flushes the index file and the directories that make it reachable before it returns; in
+// buffered payload mode a cluster's payload is on the device before the index entry that names
+// it is written. The calls are recorded through the library's I/O table. One formatted 200 GiB
 // loop-backed disk brought up in the plug-in order.
 #include <errno.h>
 #include <fcntl.h>
@@ -44,6 +45,11 @@ std::string path_of(int fd) {
     return it == g_paths.end() ? "?" : it->second;
 }
 
+void note(const std::string &event) {
+    std::lock_guard<std::mutex> lock(g_mu);
+    g_log.push_back(event);
+}
+
 int recording_open(const char *path, int flags, mode_t mode) {
     const int fd = recstore::io_calls().open.real()(path, flags, mode);
     if (fd >= 0) {
@@ -75,6 +81,24 @@ ssize_t recording_write(int fd, const void *buf, size_t n) {
         g_log.push_back("write " + path_of(fd) + " " + std::to_string(n));
     }
     return recstore::io_calls().write.real()(fd, buf, n);
+}
+
+// An index entry: the cluster it names is the first word of its first part.
+ssize_t recording_writev(int fd, const struct iovec *iov, int count) {
+    if (count >= 1 && iov[0].iov_len >= 4) {
+        const uint32_t cluster =
+            recstore::le32_load(static_cast<const unsigned char *>(iov[0].iov_base));
+        note("entry " + std::to_string(cluster));
+    }
+    return recstore::io_calls().writev.real()(fd, iov, count);
+}
+
+int recording_range(int fd, off64_t at, off64_t len, unsigned flags) {
+    constexpr unsigned kAll =
+        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    if ((flags & kAll) == kAll && len == kCluster && at % kCluster == 0)
+        note("range " + std::to_string(at / kCluster));
+    return recstore::io_calls().sync_file_range.real()(fd, at, len, flags);
 }
 
 // Position of the first event equal to `what` at or after `from`; -1 when there is none.
@@ -201,6 +225,55 @@ TEST_F(CloseDurability, ReaderCloseFlushesNothing) {
     recstore::IoOverride<int(int)> f(recstore::io_calls().fsync, recording_fsync);
     fs_close(r, nullptr);
     EXPECT_TRUE(log().empty()) << joined(log());
+}
+
+// Buffered payload mode: the payload of every cluster is written back to the device and waited
+// for before the index entry that names the cluster is written.
+TEST_F(CloseDurability, BufferedPayloadReachesTheDeviceBeforeItsEntry) {
+    start(0);
+    const struct tm t = make_tm(2024, 8, 3, 12, 0, 0);
+    const time_t base = secs(t);
+    const int h = create(5, t, 1);
+    ASSERT_GE(h, 0);
+    {
+        recstore::IoOverride<ssize_t(int, const struct iovec *, int)> v(recstore::io_calls().writev,
+                                                                        recording_writev);
+        recstore::IoOverride<int(int, off64_t, off64_t, unsigned)> r(
+            recstore::io_calls().sync_file_range, recording_range);
+        for (uint32_t n = 0; n < 6; n++) ASSERT_EQ(write_cluster_n(h, 3, n, base), int(kCluster));
+    }
+    const std::vector<std::string> events = log();
+    const std::string text = joined(events);
+    int entries = 0;
+    for (long i = 0; i < static_cast<long>(events.size()); i++) {
+        if (events[i].rfind("entry ", 0) != 0) continue;
+        entries++;
+        const std::string cluster = events[i].substr(6);
+        const long flushed = find_event(events, "range " + cluster);
+        EXPECT_GE(flushed, 0) << "cluster " << cluster << "\n" << text;
+        EXPECT_LT(flushed, i) << "cluster " << cluster << "\n" << text;
+    }
+    EXPECT_EQ(entries, 6) << text;
+    fs_close(h, nullptr);
+    const std::vector<Entry> read = entries_of(0, 5, t, 1);
+    EXPECT_EQ(read.size(), 6u);
+}
+
+// Direct payload mode: the payload is on the device when the write returns, so no range flush
+// is added to the write path.
+TEST_F(CloseDurability, DirectPayloadAddsNoRangeFlush) {
+    start(kDirectIo);
+    const struct tm t = make_tm(2024, 8, 4, 13, 0, 0);
+    const int h = create(6, t, 1);
+    ASSERT_GE(h, 0);
+    {
+        recstore::IoOverride<int(int, off64_t, off64_t, unsigned)> r(
+            recstore::io_calls().sync_file_range, recording_range);
+        for (uint32_t n = 0; n < 3; n++)
+            ASSERT_EQ(write_cluster_n(h, 4, n, secs(t)), int(kCluster));
+    }
+    EXPECT_TRUE(log().empty()) << joined(log());
+    fs_close(h, nullptr);
 }
 
 }  // namespace
