@@ -276,4 +276,151 @@ TEST_F(CloseDurability, DirectPayloadAddsNoRangeFlush) {
     fs_close(h, nullptr);
 }
 
+// ---- index files torn by a power cut ----
+
+constexpr size_t kHeader = 8336;
+constexpr size_t kEntry = 204;
+
+std::string read_bytes(const std::string &path, off_t at, size_t n) {
+    std::string out(n, '\0');
+    const int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) return std::string();
+    const ssize_t got = pread(fd, &out[0], n, at);
+    close(fd);
+    out.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    return out;
+}
+
+bool write_bytes(const std::string &path, off_t at, const std::string &bytes) {
+    const int fd = open(path.c_str(), O_WRONLY);
+    if (fd < 0) return false;
+    const ssize_t n = pwrite(fd, bytes.data(), bytes.size(), at);
+    close(fd);
+    return n == static_cast<ssize_t>(bytes.size());
+}
+
+off_t size_of(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+// Every payload read back through a reader stream: the fs_read results, the last being the
+// one that ended the loop.
+std::vector<int> read_all(int channel, const struct tm &start, int type) {
+    std::vector<int> results;
+    const rec_param p = param_of(channel, start, type);
+    const int h = fs_open(0, &p, 0, 0, 0, nullptr);
+    EXPECT_GE(h, 0);
+    if (h < 0) return results;
+    Cluster buf;
+    for (int i = 0; i < 64; i++) {
+        uint32_t length = 0, count = 0;
+        kframe frames[RECSTORE_MAX_KFRAMES];
+        const int r = fs_read(h, buf.data(), &length, frames, &count);
+        results.push_back(r);
+        if (r <= 0) break;
+    }
+    fs_close(h, nullptr);
+    return results;
+}
+
+class TornIndexFile : public CloseDurability {
+  protected:
+    // Records `clusters` clusters on channel 7 from `t`, keeps the header as it was written at
+    // creation (the state a power cut leaves it in before the close), closes and puts that
+    // header back. The file's name.
+    std::string unfinished(const struct tm &t, uint32_t clusters) {
+        const int h = create(7, t, 2);
+        EXPECT_GE(h, 0);
+        const std::string name = index_name(0, 7, t, 2);
+        const std::string created = read_bytes(name, 0, kHeader);
+        EXPECT_EQ(created.size(), kHeader);
+        for (uint32_t n = 0; n < clusters; n++)
+            EXPECT_EQ(write_cluster_n(h, 7, n, secs(t)), int(kCluster));
+        fs_close(h, nullptr);
+        EXPECT_TRUE(write_bytes(name, 0, created));
+        return name;
+    }
+};
+
+// Zeros past the last entry (the file's size reached the disk, its last blocks did not): the
+// repaired header counts only the real entries, and reading ends cleanly after them.
+TEST_F(TornIndexFile, ZerosPastTheLastEntryAreNotAdopted) {
+    start(0);
+    const struct tm t = make_tm(2024, 8, 10, 8, 0, 0);
+    const std::string name = unfinished(t, 5);
+    const off_t real_end = static_cast<off_t>(kHeader + 5 * kEntry);
+    ASSERT_EQ(size_of(name), real_end);
+    ASSERT_TRUE(write_bytes(name, real_end, std::string(3 * kEntry + 100, '\0')));
+
+    const std::vector<Entry> entries = entries_of(0, 7, t, 2);
+    EXPECT_EQ(entries.size(), 5u);
+    const rec_param p = param_of(7, t, 2);
+    const int r = fs_open(0, &p, 0, 0, 0, nullptr);
+    ASSERT_GE(r, 0);
+    recordinfo info;
+    ASSERT_EQ(fs_stat(r, &info), 0);
+    EXPECT_EQ(info.entry_count, 5u);
+    fs_close(r, nullptr);
+    const std::vector<int> reads = read_all(7, t, 2);
+    ASSERT_EQ(reads.size(), 6u);
+    for (size_t i = 0; i < 5; i++) EXPECT_EQ(reads[i], int(kCluster)) << i;
+    EXPECT_EQ(reads[5], 0);
+}
+
+// A block of an older index file past the last entry (a recycled block that kept its old
+// bytes): its entry names a cluster of the data area with key frames from two days before.
+// It is not adopted; the recording ends at its own last entry.
+TEST_F(TornIndexFile, AStaleEntryPastTheLastEntryIsNotAdopted) {
+    start(0);
+    const struct tm old = make_tm(2024, 8, 9, 8, 0, 0);
+    const int o = create(1, old, 2);
+    ASSERT_GE(o, 0);
+    for (uint32_t n = 0; n < 3; n++) ASSERT_EQ(write_cluster_n(o, 1, n, secs(old)), int(kCluster));
+    fs_close(o, nullptr);
+    const std::string stale = read_bytes(index_name(0, 1, old, 2), kHeader + kEntry, kEntry);
+    ASSERT_EQ(stale.size(), kEntry);
+
+    const struct tm t = make_tm(2024, 8, 11, 8, 0, 0);
+    const std::string name = unfinished(t, 4);
+    const off_t real_end = static_cast<off_t>(kHeader + 4 * kEntry);
+    ASSERT_TRUE(write_bytes(name, real_end, stale + stale));
+
+    const std::vector<Entry> entries = entries_of(0, 7, t, 2);
+    ASSERT_EQ(entries.size(), 4u);
+    const rec_param p = param_of(7, t, 2);
+    const int r = fs_open(0, &p, 0, 0, 0, nullptr);
+    ASSERT_GE(r, 0);
+    recordinfo info;
+    ASSERT_EQ(fs_stat(r, &info), 0);
+    EXPECT_EQ(info.entry_count, 4u);
+    struct tm end;
+    from_fs_tm(&end, &info.end_time);
+    // Cluster 3 holds the last frames: 1 + 3 % 3 = 1 frame, at start + 3.
+    EXPECT_EQ(secs(end), secs(t) + 3);
+    fs_close(r, nullptr);
+    const std::vector<int> reads = read_all(7, t, 2);
+    ASSERT_EQ(reads.size(), 5u);
+    for (size_t i = 0; i < 4; i++) EXPECT_EQ(reads[i], int(kCluster)) << i;
+    EXPECT_EQ(reads[4], 0);
+}
+
+// A closed recording whose last entries never reached the disk (the header did): reading ends
+// cleanly at the first zeroed entry instead of failing on cluster 0.
+TEST_F(TornIndexFile, ReadingEndsCleanlyAtZeroedEntries) {
+    start(0);
+    const struct tm t = make_tm(2024, 8, 12, 8, 0, 0);
+    const int h = create(7, t, 2);
+    ASSERT_GE(h, 0);
+    for (uint32_t n = 0; n < 5; n++) ASSERT_EQ(write_cluster_n(h, 7, n, secs(t)), int(kCluster));
+    fs_close(h, nullptr);
+    const std::string name = index_name(0, 7, t, 2);
+    ASSERT_TRUE(
+        write_bytes(name, static_cast<off_t>(kHeader + 3 * kEntry), std::string(2 * kEntry, '\0')));
+    const std::vector<int> reads = read_all(7, t, 2);
+    ASSERT_EQ(reads.size(), 4u);
+    for (size_t i = 0; i < 3; i++) EXPECT_EQ(reads[i], int(kCluster)) << i;
+    EXPECT_EQ(reads[3], 0);
+}
+
 }  // namespace
