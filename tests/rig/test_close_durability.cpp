@@ -2,8 +2,10 @@
 // What reaches the disk when, for recordings that must survive a power cut: a writer's close
 // flushes the index file and the directories that make it reachable before it returns; in
 // buffered payload mode a cluster's payload is on the device before the index entry that names
-// it is written. The calls are recorded through the library's I/O table. One formatted 200 GiB
-// loop-backed disk brought up in the plug-in order.
+// it is written (both recorded through the library's I/O table, and proved by copying the disk
+// image right after a close and bringing the copy up); an index file that a cut left ending in
+// zeros or in another file's blocks is repaired without them and read up to its real end. One
+// formatted 200 GiB loop-backed disk brought up in the plug-in order, and a copy of it.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -274,6 +276,126 @@ TEST_F(CloseDurability, DirectPayloadAddsNoRangeFlush) {
     }
     EXPECT_TRUE(log().empty()) << joined(log());
     fs_close(h, nullptr);
+}
+
+// ---- a power cut right after a close ----
+// The disk image is copied while the disk is still up, right after the close returned: the copy
+// holds what the loop device had been given, not what still sat in the kernel's page cache for
+// the index partition or the data partition. The copy is then plugged in as a new disk and
+// brought up in the plug-in order.
+
+class CutAfterClose : public CloseDurability {
+  protected:
+    void TearDown() override {
+        LogMask quiet(0, 0);
+        drop_copy();
+        CloseDurability::TearDown();
+    }
+
+    // Copies disk 0's image at once, then plugs the copy in as disk 'b'.
+    void cut_into_copy() {
+        const std::string cut = rig::dir() + "/cut.img";
+        rig::sh("cp --sparse=always " + rig::quote(g_disks[0].image) + " " + rig::quote(cut));
+        copy_ = rig::attach('b', g_disks[0].bytes);
+        rig::unplug(copy_);
+        rig::sh("mv " + rig::quote(cut) + " " + rig::quote(copy_.image));
+        rig::replug(copy_);
+    }
+
+    // Disk 0 taken down; the copy brought up in the plug-in order in its place. Its disk id.
+    int bring_up_copy() {
+        take_down(0);
+        const char *dev = copy_.node.c_str();
+        fs_umount(dev);
+        EXPECT_EQ(fs_chk(dev), 0);
+        EXPECT_EQ(fs_mount(dev), 0);
+        const int id = fs_opendisk(dev);
+        EXPECT_GE(id, 0);
+        if (id < 0) return id;
+        cache_set_loaded(static_cast<unsigned>(id), 0);
+        EXPECT_EQ(fs_datazone_init(id), 0);
+        EXPECT_TRUE(wait_cache_loaded(id));
+        EXPECT_EQ(fs_adddisk(0, id), 0);
+        copy_id_ = id;
+        return id;
+    }
+
+    void drop_copy() {
+        if (copy_id_ >= 0 && g_disk[copy_id_].devname[0] != '\0') {
+            fs_removedisk(0, copy_id_);
+            fs_datazone_exit(copy_id_);
+            fs_closedisk(copy_id_);
+            fs_umount(copy_.node.c_str());
+        }
+        copy_id_ = -1;
+        if (!copy_.loop.empty()) rig::unplug(copy_);
+        if (!copy_.image.empty()) unlink(copy_.image.c_str());
+        copy_ = rig::Disk();
+    }
+
+    // Records `clusters` clusters on channel 9 from `t` with the payload of stream `seed` and
+    // closes; what was on the disk before the recording is first flushed, so that only the
+    // recording itself is at stake. Each test takes its own seed: a fresh disk hands out the same
+    // clusters again, and an earlier test's payload must not pass for this one's.
+    void record_and_close(const struct tm &t, uint32_t clusters, uint32_t seed) {
+        sync();
+        const int h = create(9, t, 3);
+        ASSERT_GE(h, 0);
+        for (uint32_t n = 0; n < clusters; n++)
+            ASSERT_EQ(write_cluster_n(h, seed, n, secs(t)), int(kCluster));
+        fs_close(h, nullptr);
+    }
+
+    // The recording reads back whole from the copy: every cluster's length, key frames and
+    // payload.
+    void expect_whole(int id, const struct tm &t, uint32_t clusters, uint32_t seed) {
+        const rec_param p = param_of(9, t, 3);
+        const int r = fs_open(id, &p, 0, 0, 0, nullptr);
+        ASSERT_GE(r, 0) << "the closed recording is gone";
+        recordinfo info;
+        ASSERT_EQ(fs_stat(r, &info), 0);
+        EXPECT_EQ(info.entry_count, clusters);
+        Cluster got, want;
+        uint32_t n = 0;
+        for (;; n++) {
+            uint32_t length = 0, count = 0;
+            kframe frames[RECSTORE_MAX_KFRAMES], wanted[RECSTORE_MAX_KFRAMES];
+            const int res = fs_read(r, got.data(), &length, frames, &count);
+            if (res <= 0 || n >= clusters) break;
+            EXPECT_EQ(res, int(kCluster)) << n;
+            EXPECT_EQ(count, frames_of(n, secs(t), wanted)) << n;
+            fill_payload(want.data(), seed, n);
+            EXPECT_EQ(memcmp(got.data(), want.data(), kCluster), 0) << "cluster " << n;
+        }
+        EXPECT_EQ(n, clusters);
+        fs_close(r, nullptr);
+        EXPECT_TRUE(exists(link_name(id, kBlock1, 9, t, 3)));
+    }
+
+    rig::Disk copy_;
+    int copy_id_ = -1;
+};
+
+// Direct payload I/O: a recording closed just before the cut reads back whole.
+TEST_F(CutAfterClose, DirectPayloadRecordingSurvives) {
+    start(kDirectIo);
+    const struct tm t = make_tm(2024, 8, 20, 9, 0, 0);
+    record_and_close(t, 6, 21);
+    cut_into_copy();
+    const int id = bring_up_copy();
+    ASSERT_GE(id, 0);
+    expect_whole(id, t, 6, 21);
+}
+
+// Buffered payload I/O: the same, the payload having reached the device before its entries.
+TEST_F(CutAfterClose, BufferedPayloadRecordingSurvives) {
+    start(0);
+    const struct tm t = make_tm(2024, 8, 21, 9, 0, 0);
+    record_and_close(t, 6, 22);
+    cut_into_copy();
+    const int id = bring_up_copy();
+    ASSERT_GE(id, 0);
+    expect_whole(id, t, 6, 22);
 }
 
 // ---- index files torn by a power cut ----
