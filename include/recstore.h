@@ -1055,12 +1055,15 @@ int do_ext_get_len(const recordinfo *info);
 void do_index_copy_ext(const void *data, int len, handle_slot *slot);
 /* Reads the entry at the index file's position into the arguments (frames: a table of 24); with
  * advance the position moves past it. next_cluster_id, when given, gets the cluster of the entry
- * at the position after the read (0xFFFFFFFF at the end). 204; 0 at end of file, at an entry of
- * zeros, or past the entries the header counts at one that cannot belong to the recording (what
- * a power cut leaves past its real end: more than 24 frames or 524288 bytes, a cluster outside
- * the data area, key frames over an hour before the start), the position then staying before
- * it; a short count; or -1 (bad handle, null argument, handle not open, read error). A damaged
- * entry inside the counted ones is returned as read. No lock: one thread per handle. */
+ * at the position after the read (0xFFFFFFFF at the end). 204; 0 at end of file and, with
+ * advance, at an entry of zeros or, past the entries the header counts, at one that cannot
+ * belong to the recording (what a power cut leaves past its real end: a cluster outside the
+ * data area, key frames over an hour before the start), the position then staying before it
+ * (reads in place serve the seek and key-frame walks and return such entries as read); a short
+ * count; or -1 (bad handle,
+ * null argument, handle not open, read error). Any other entry is returned as read, damaged or
+ * not (more than 24 frames or 524288 bytes are the caller's to refuse). Takes the zone's I/O
+ * lock shared to learn its bounds. No other lock: one thread per handle. */
 int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
                   uint32_t *frame_count, uint32_t *next_cluster_id, int advance);
 /* Writes one entry (cluster, payload length, count and the whole 24-descriptor table) at the
@@ -1101,12 +1104,12 @@ void index_erase_magic(int disk_id);
  * the start time). One whose end time lies before its start is repaired from the entries
  * (written back only when no open handle, this one with the flags its header records included,
  * holds the recording with O_CREAT): the entries are walked from the first up to the first one
- * that cannot belong to the recording (as do_index_read tells, also key frames more than 180 s
- * before the previous entry's) and only those count; when written back, the file is cut after
- * them. The position is then at the first entry. The handle 0-127, or
- * -1 (bad id, null start, no free handle, open, read or write failure, a new header written only
- * in part: a file made by this open is then removed). Not synced. No lock: callers serialise
- * opens and closes with g_fslock. */
+ * that cannot belong to the recording (more than 24 frames or 524288 bytes, a cluster outside the
+ * data area, key frames over an hour before the start or more than 180 s before the previous
+ * entry's) and only those count; when written back, the file is cut after them. The position is
+ * then at the first entry. The handle 0-127, or -1 (bad id, null start, no free handle, open, read
+ * or write failure, a new header written only in part: a file made by this open is then removed).
+ * Not synced. No lock: callers serialise opens and closes with g_fslock. */
 int index_open(int disk_id, uint32_t block_id, const struct tm *start, int channel, int type,
                uint16_t attr_a, uint16_t attr_b, uint32_t attr_c, int flags, uint32_t mode,
                uint32_t attr_d, const ext_desc *ext);

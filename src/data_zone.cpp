@@ -979,6 +979,14 @@ int datazone_write(int disk_id, int cluster_id, const void *buf) {
     return static_cast<int>(n);
 }
 
+int recstore::datazone_holds_cluster(int disk_id, uint32_t cluster_id) {
+    if (!valid_disk_id(disk_id)) return -1;
+    IoGuard io(disk_id, false);
+    const datazone_ctx &z = zone(disk_id);
+    if (z.info.data_count == 0) return -1;
+    return cluster_id >= z.info.data_start && cluster_id - z.info.data_start < z.info.data_count;
+}
+
 int recstore::datazone_flush_cluster(int disk_id, int cluster_id) {
     IoGuard io(disk_id, false);
     if (!check_disk(disk_id)) return -1;

@@ -38,6 +38,11 @@ struct DzGeometry {
 // gets at most R blocks, since block map clusters beyond R would overlap the data area.
 bool dz_compute_geometry(uint64_t partition_bytes, uint64_t max_disk_bytes, DzGeometry *out);
 
+// Whether a cluster id lies in the disk's data area: 1 inside, 0 outside, -1 for a bad id or a
+// zone that is not up. Takes the I/O lock shared (datazone_exit clears the geometry under it
+// held exclusive); needs no disk mutex.
+int datazone_holds_cluster(int disk_id, uint32_t cluster_id);
+
 // Writes one payload cluster's bytes from the page cache to the device and waits until they are
 // there (sync_file_range over the cluster on the payload descriptor; with direct I/O nothing is
 // cached and the call returns at once). 0, or -1 for a bad id, a zone not open, a cluster

@@ -40,7 +40,8 @@
 #include <memory>
 #include <new>
 
-#include "fs.h"  // fs_version, which tells a version-1 disk
+#include "data_zone.h"  // datazone_holds_cluster: where a torn tail's entries point
+#include "fs.h"         // fs_version, which tells a version-1 disk
 #include "fs_tools.h"
 #include "fstype_old.h"
 
@@ -66,7 +67,6 @@ namespace {
 
 constexpr int kHandles = RECSTORE_INDEX_HANDLES;
 constexpr int kPathLen = RECSTORE_PATH_LEN;
-constexpr int64_t kClusterSize = RECSTORE_CLUSTER_SIZE;
 constexpr uint64_t kIndexFullBytes = 0x20000000ull;  // 512 MiB free or less: full
 constexpr long kIndexFullInodes = 128;               // 128 free inodes or less: full
 constexpr int kEraseMagicTries = 12;
@@ -352,28 +352,21 @@ int64_t start_secs(const recordinfo *info) {
     return static_cast<int64_t>(timegm(&t));
 }
 
-// True when an entry read from an index file can have been written for this recording. After a
-// power cut the index file can end in zeros or in blocks that held other files (the partition
-// keeps data and metadata apart): such an entry names more frames than a table holds, more
-// payload than a cluster holds, a cluster outside the data area (zeros name cluster 0, the
-// block map), or key frames from before the recording began. `prev` is the last key-frame time
-// of the entries before it (0: none); a frame more than kMaxEndTimeStep seconds before it comes
-// from another recording. The zone's bounds are used once it is up, else only cluster 0 is
-// refused.
-bool entry_plausible(const recordinfo *info, const uint8_t *head, const uint8_t *table,
-                     int64_t prev) {
+// True when an entry read from an index file can have been written for this recording, as far
+// as where it points and when its frames lie: after a power cut the index file can end in zeros
+// or in blocks that held other files (the partition keeps data and metadata apart), whose
+// entries name a cluster outside the data area (zeros name cluster 0, the block map) or key
+// frames from before the recording began. `prev` is the last key-frame time of the entries
+// before it (0: none); a frame more than kMaxEndTimeStep seconds before it comes from another
+// recording. The zone's bounds are used once it is up (its I/O lock is taken shared), else only
+// cluster 0 is refused. The frames are looked at only when the count fits a table.
+bool entry_belongs(const recordinfo *info, const uint8_t *head, const uint8_t *table,
+                   int64_t prev) {
     const uint32_t cluster = le32_load(head);
-    const uint32_t length = le32_load(head + 4);
     const uint32_t count = le32_load(head + 8);
-    if (count > static_cast<uint32_t>(kMaxKframes) || length > kClusterSize) return false;
-    const int disk = static_cast<int>(info->disk_id);
-    const datazone_info &zone = g_dz_ctx[valid_disk_id(disk) ? disk : 0].info;
-    if (valid_disk_id(disk) && zone.data_count != 0) {
-        if (cluster < zone.data_start || cluster - zone.data_start >= zone.data_count) return false;
-    } else if (cluster == 0) {
-        return false;
-    }
-    if (count == 0) return true;
+    const int in_zone = datazone_holds_cluster(static_cast<int>(info->disk_id), cluster);
+    if (in_zone == 0 || (in_zone < 0 && cluster == 0)) return false;
+    if (count == 0 || count > static_cast<uint32_t>(kMaxKframes)) return true;
     kframe frames[kMaxKframes];
     inner_to_frames(table, frames);
     const int64_t floor =
@@ -382,6 +375,15 @@ bool entry_plausible(const recordinfo *info, const uint8_t *head, const uint8_t 
         if (static_cast<int64_t>(frames[i].frame_time) < floor) return false;
     }
     return true;
+}
+
+// entry_belongs, and the entry fits: at most 24 frames and one cluster of payload.
+bool entry_plausible(const recordinfo *info, const uint8_t *head, const uint8_t *table,
+                     int64_t prev) {
+    const uint32_t length = le32_load(head + 4);
+    const uint32_t count = le32_load(head + 8);
+    if (count > static_cast<uint32_t>(kMaxKframes) || length > kClusterSize) return false;
+    return entry_belongs(info, head, table, prev);
 }
 
 // Moves the end time to the last key frame of a new entry when that frame is plausible: the end
@@ -476,7 +478,7 @@ bool torn_end(const handle_slot *s, int64_t pos, const uint8_t *head, const uint
     if (all_zero(head, kEntryHeadSize) && all_zero(table, kFramesSize)) return true;
     const int64_t at = pos - sizeof_recordinfo(s->info);
     if (at < 0 || at / kIndexEntrySize < static_cast<int64_t>(s->info->entry_count)) return false;
-    return !entry_plausible(s->info, head, table, 0);
+    return !entry_belongs(s->info, head, table, 0);
 }
 
 }  // namespace
@@ -516,12 +518,14 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
         perror("readv");
         return static_cast<int>(n);
     }
-    // What a power cut left past the recording's real end is not read: the position stays
-    // before it and the recording ends there. That is an entry of zeros anywhere (no entry
-    // names cluster 0, the block map) or one that cannot belong to the recording past the
-    // entries the header counts; a damaged entry inside them is the caller's to refuse.
-    if (torn_end(s, pos, head, table)) {
-        if (advance) io_calls().lseek64(s->fd, pos, SEEK_SET);
+    // What a power cut left past the recording's real end is not played: a forward read leaves
+    // the position before it and the recording ends there. (Reads in place serve the key-frame
+    // and seek walks, which judge entries themselves, as their batched forms do.) That is an entry
+    // of zeros anywhere (no entry names cluster 0, the block map) or one that cannot belong to the
+    // recording past the entries the header counts; a damaged entry inside them is the caller's to
+    // refuse.
+    if (advance && torn_end(s, pos, head, table)) {
+        io_calls().lseek64(s->fd, pos, SEEK_SET);
         FS_LOG_INFO("end of recording at a torn entry");
         return 0;
     }
