@@ -1055,9 +1055,15 @@ int do_ext_get_len(const recordinfo *info);
 void do_index_copy_ext(const void *data, int len, handle_slot *slot);
 /* Reads the entry at the index file's position into the arguments (frames: a table of 24); with
  * advance the position moves past it. next_cluster_id, when given, gets the cluster of the entry
- * at the position after the read (0xFFFFFFFF at the end). 204, 0 at end of file, a short count,
- * or -1 (bad handle, null argument, handle not open, read error). No lock: one thread per
- * handle. */
+ * at the position after the read (0xFFFFFFFF at the end). 204; 0 at end of file and, with
+ * advance, at an entry of zeros or, past the entries the header counts, at one that cannot
+ * belong to the recording (what a power cut leaves past its real end: a cluster outside the
+ * data area, key frames over an hour before the start), the position then staying before it
+ * (reads in place serve the seek and key-frame walks and return such entries as read); a short
+ * count; or -1 (bad handle,
+ * null argument, handle not open, read error). Any other entry is returned as read, damaged or
+ * not (more than 24 frames or 524288 bytes are the caller's to refuse). Takes the zone's I/O
+ * lock shared to learn its bounds. No other lock: one thread per handle. */
 int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
                   uint32_t *frame_count, uint32_t *next_cluster_id, int advance);
 /* Writes one entry (cluster, payload length, count and the whole 24-descriptor table) at the
@@ -1097,16 +1103,22 @@ void index_erase_magic(int disk_id);
  * whole unless another handle holds the recording with O_CREAT (refused when it does not reach
  * the start time). One whose end time lies before its start is repaired from the entries
  * (written back only when no open handle, this one with the flags its header records included,
- * holds the recording with O_CREAT); the position is then at the first entry. The handle 0-127, or
- * -1 (bad id, null start, no free handle, open, read or write failure, a new header written only
- * in part: a file made by this open is then removed). Not synced. No lock: callers serialise
- * opens and closes with g_fslock. */
+ * holds the recording with O_CREAT): the entries are walked from the first up to the first one
+ * that cannot belong to the recording (more than 24 frames or 524288 bytes, a cluster outside the
+ * data area, key frames over an hour before the start or more than 180 s before the previous
+ * entry's) and only those count; when written back, the file is cut after them. The position is
+ * then at the first entry. The handle 0-127, or -1 (bad id, null start, no free handle, open, read
+ * or write failure, a new header written only in part: a file made by this open is then removed).
+ * Not synced. No lock: callers serialise opens and closes with g_fslock. */
 int index_open(int disk_id, uint32_t block_id, const struct tm *start, int channel, int type,
                uint16_t attr_a, uint16_t attr_b, uint32_t attr_c, int flags, uint32_t mode,
                uint32_t attr_d, const ext_desc *ext);
 /* Frees the handle. For a writer (O_CREAT) it first sets the end time to end when given (else
- * keeps the last frame's), rewrites the header at offset 0 (not synced) and sets the file's
- * access and modification times to start and end. Only a report for a bad or free handle. No
+ * keeps the last frame's), rewrites the header at offset 0, sets the file's access and
+ * modification times to start and end, and before returning makes the recording durable: fsync
+ * of the index file, then fsync of every directory from the index root down to the file's and
+ * of the link root and the block directory that holds the recording's link. A failed flush is
+ * reported and the handle is freed all the same. Only a report for a bad or free handle. No
  * lock: callers hold g_fslock. */
 void index_close(int handle, const struct tm *end);
 /* Copies the handle's extension data into buffer, at most size and 2048 bytes: the count, or -1
@@ -1344,7 +1356,8 @@ extern pthread_mutex_t g_fslock; /* guards g_file_ctx */
 int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint32_t attr_d,
             const ext_desc *ext);
 /* Frees the handle and its preload buffer. For a writer it finalises the header (end time: the
- * given one, or the last frame's when null; rewritten, not synced; file times set) and replaces
+ * given one, or the last frame's when null; rewritten; file times set), makes the index file, its
+ * directories and its link durable before returning (see index_close), and replaces
  * the cache tag with the final one (an end time before the start gives a tag of duration 0, with
  * a warning, so that the recording stays findable). Nothing for a bad handle, and nothing (the slot
  * stays taken) when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */
@@ -1354,9 +1367,13 @@ void fs_close(int handle, const struct tm *end);
  * cluster can be allocated; -1 in read-only mode, for a bad or closed stream, null buffer or
  * frames, count above 24 or length above 524288; else the negative result of the failed payload
  * or entry write, a short write of either counting as failed (the allocated cluster then stays
- * busy; a short entry is cut off the index file so later entries stay aligned). Takes
- * the disk's mutex only to allocate; payload and entry are written unlocked (one thread per
- * stream), not synced. Every 17th write replaces the cache tag (g_cachelock). */
+ * busy; a short entry is cut off the index file so later entries stay aligned), or -1 when
+ * buffered payload could not be flushed. In buffered payload mode the cluster is written back
+ * to the device and waited for (sync_file_range) before its entry is written, so that an entry
+ * never reaches the disk before its payload; with direct I/O the payload is on the device when
+ * its write returns. Takes the disk's mutex only to allocate; payload and entry are written
+ * unlocked (one thread per stream); the entry is not synced. Every 17th write replaces the
+ * cache tag (g_cachelock). */
 int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames, uint32_t count);
 /* Current block of the disk, looking up to 20 times 100 ms apart, each time under the disk's
  * mutex (must not be held); 0xFFFFFFFF when none appears or for a bad id. */

@@ -21,6 +21,7 @@
 //     its preload buffer).
 #include "data_zone.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -976,6 +977,34 @@ int datazone_write(int disk_id, int cluster_id, const void *buf) {
         return -1;
     }
     return static_cast<int>(n);
+}
+
+int recstore::datazone_holds_cluster(int disk_id, uint32_t cluster_id) {
+    if (!valid_disk_id(disk_id)) return -1;
+    IoGuard io(disk_id, false);
+    const datazone_ctx &z = zone(disk_id);
+    if (z.info.data_count == 0) return -1;
+    return cluster_id >= z.info.data_start && cluster_id - z.info.data_start < z.info.data_count;
+}
+
+int recstore::datazone_flush_cluster(int disk_id, int cluster_id) {
+    IoGuard io(disk_id, false);
+    if (!check_disk(disk_id)) return -1;
+    const datazone_ctx &z = zone(disk_id);
+    if (!in_data_area(z.info, cluster_id)) return -1;
+    const off64_t at = static_cast<off64_t>(cluster_id) * kClusterSize;
+    constexpr unsigned kWholeRange =
+        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    int r;
+    do {
+        r = io_calls().sync_file_range(z.fd_wr, at, kClusterSize, kWholeRange);
+    } while (r != 0 && errno == EINTR);
+    if (r != 0) {
+        FS_LOG_ERR("cluster flush failed:%d\n", cluster_id);
+        perror("sync_file_range");
+        return -1;
+    }
+    return 0;
 }
 
 namespace {

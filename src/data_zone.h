@@ -43,6 +43,18 @@ bool dz_compute_geometry(uint64_t partition_bytes, uint64_t max_disk_bytes, DzGe
 // -1 for a bad id, a zone not open or a failed fsync (reported).
 int datazone_flush_maps(int disk_id);
 
+// Whether a cluster id lies in the disk's data area: 1 inside, 0 outside, -1 for a bad id or a
+// zone that is not up. Takes the I/O lock shared (datazone_exit clears the geometry under it
+// held exclusive); needs no disk mutex.
+int datazone_holds_cluster(int disk_id, uint32_t cluster_id);
+
+// Writes one payload cluster's bytes from the page cache to the device and waits until they are
+// there (sync_file_range over the cluster on the payload descriptor; with direct I/O nothing is
+// cached and the call returns at once). 0, or -1 for a bad id, a zone not open, a cluster
+// outside the data area or a failed flush (reported). The device's own volatile cache is not
+// flushed. Needs no disk mutex: takes the I/O lock shared.
+int datazone_flush_cluster(int disk_id, int cluster_id);
+
 }  // namespace recstore
 
 #endif

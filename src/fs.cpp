@@ -1277,6 +1277,12 @@ int fs_write(int handle, const void *buffer, uint32_t length, const kframe *fram
         FS_LOG_ERR("data write err");
         return written;
     }
+    // The entry below makes the cluster reachable: a buffered payload must be on the device
+    // first, or a power cut could leave the entry naming a cluster that holds other data.
+    if (!g_fs_directio && recstore::datazone_flush_cluster(disk_id, cluster) != 0) {
+        FS_LOG_ERR("data flush err");
+        return -1;
+    }
     const int entry = index_write(f.idx, static_cast<uint32_t>(cluster), length, frames, count);
     if (entry < 0) {
         FS_LOG_ERR("index write err");

@@ -40,7 +40,8 @@
 #include <memory>
 #include <new>
 
-#include "fs.h"  // fs_version, which tells a version-1 disk
+#include "data_zone.h"  // datazone_holds_cluster: where a torn tail's entries point
+#include "fs.h"         // fs_version, which tells a version-1 disk
 #include "fs_tools.h"
 #include "fstype_old.h"
 
@@ -66,12 +67,15 @@ namespace {
 
 constexpr int kHandles = RECSTORE_INDEX_HANDLES;
 constexpr int kPathLen = RECSTORE_PATH_LEN;
-constexpr int64_t kClusterSize = RECSTORE_CLUSTER_SIZE;
 constexpr uint64_t kIndexFullBytes = 0x20000000ull;  // 512 MiB free or less: full
 constexpr long kIndexFullInodes = 128;               // 128 free inodes or less: full
 constexpr int kEraseMagicTries = 12;
 constexpr int kMaxEndTimeStep = 180;  // seconds a new frame may lie after the end time
-constexpr int kTtellRetries = 4;      // re-peeks of an entry without key frames
+// Seconds a key frame may lie before its recording's start (frames kept from before the
+// recording was opened) and still belong to it.
+constexpr int64_t kMaxFrameLead = 3600;
+constexpr int kWalkBatch = 256;   // entries read at once when a header is rebuilt
+constexpr int kTtellRetries = 4;  // re-peeks of an entry without key frames
 constexpr int kTextBuf = 64;
 constexpr mode_t kFileMode = 0777;
 constexpr int kRemoveAll = 7;  // remove_file: directories, contents, missing is fine
@@ -342,6 +346,46 @@ ssize_t pwrite_recordinfo(int disk_id, int fd, const recordinfo *info) {
 
 namespace {
 
+// Start of a recording in seconds, in the frames' convention (broken-down UTC).
+int64_t start_secs(const recordinfo *info) {
+    struct tm t = tm_of(info->start_time);
+    return static_cast<int64_t>(timegm(&t));
+}
+
+// True when an entry read from an index file can have been written for this recording, as far
+// as where it points and when its frames lie: after a power cut the index file can end in zeros
+// or in blocks that held other files (the partition keeps data and metadata apart), whose
+// entries name a cluster outside the data area (zeros name cluster 0, the block map) or key
+// frames from before the recording began. `prev` is the last key-frame time of the entries
+// before it (0: none); a frame more than kMaxEndTimeStep seconds before it comes from another
+// recording. The zone's bounds are used once it is up (its I/O lock is taken shared), else only
+// cluster 0 is refused. The frames are looked at only when the count fits a table.
+bool entry_belongs(const recordinfo *info, const uint8_t *head, const uint8_t *table,
+                   int64_t prev) {
+    const uint32_t cluster = le32_load(head);
+    const uint32_t count = le32_load(head + 8);
+    const int in_zone = datazone_holds_cluster(static_cast<int>(info->disk_id), cluster);
+    if (in_zone == 0 || (in_zone < 0 && cluster == 0)) return false;
+    if (count == 0 || count > static_cast<uint32_t>(kMaxKframes)) return true;
+    kframe frames[kMaxKframes];
+    inner_to_frames(table, frames);
+    const int64_t floor =
+        std::max(start_secs(info) - kMaxFrameLead, prev > 0 ? prev - kMaxEndTimeStep : INT64_MIN);
+    for (uint32_t i = 0; i < count; i++) {
+        if (static_cast<int64_t>(frames[i].frame_time) < floor) return false;
+    }
+    return true;
+}
+
+// entry_belongs, and the entry fits: at most 24 frames and one cluster of payload.
+bool entry_plausible(const recordinfo *info, const uint8_t *head, const uint8_t *table,
+                     int64_t prev) {
+    const uint32_t length = le32_load(head + 4);
+    const uint32_t count = le32_load(head + 8);
+    if (count > static_cast<uint32_t>(kMaxKframes) || length > kClusterSize) return false;
+    return entry_belongs(info, head, table, prev);
+}
+
 // Moves the end time to the last key frame of a new entry when that frame is plausible: the end
 // time is still unset, or the frame lies 0 to 180 seconds after it.
 void advance_end_time(recordinfo *info, const kframe *frames, uint32_t count) {
@@ -420,6 +464,25 @@ int do_index_write(int handle, uint32_t cluster_id, uint32_t length, const kfram
     return kIndexEntrySize;
 }
 
+namespace {
+
+bool all_zero(const uint8_t *p, size_t n) {
+    for (size_t i = 0; i < n; i++) {
+        if (p[i] != 0) return false;
+    }
+    return true;
+}
+
+// True when the entry read at file position `pos` is where the recording really ends.
+bool torn_end(const handle_slot *s, int64_t pos, const uint8_t *head, const uint8_t *table) {
+    if (all_zero(head, kEntryHeadSize) && all_zero(table, kFramesSize)) return true;
+    const int64_t at = pos - sizeof_recordinfo(s->info);
+    if (at < 0 || at / kIndexEntrySize < static_cast<int64_t>(s->info->entry_count)) return false;
+    return !entry_belongs(s->info, head, table, 0);
+}
+
+}  // namespace
+
 int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *frames,
                   uint32_t *frame_count, uint32_t *next_cluster_id, int advance) {
     if (!valid_handle(handle)) {
@@ -438,10 +501,10 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
     uint8_t head[kEntryHeadSize];
     uint8_t table[kFramesSize];
     struct iovec iov[2] = {{head, sizeof head}, {table, sizeof table}};
+    const int64_t pos = cur_pos(s->fd);
     ssize_t n;
     do {
-        n = advance ? io_calls().readv(s->fd, iov, 2)
-                    : io_calls().preadv64(s->fd, iov, 2, cur_pos(s->fd));
+        n = advance ? io_calls().readv(s->fd, iov, 2) : io_calls().preadv64(s->fd, iov, 2, pos);
     } while (n < 0 && errno == EINTR);
     if (n < 0) {
         perror("readv");
@@ -454,6 +517,17 @@ int do_index_read(int handle, uint32_t *cluster_id, uint32_t *length, kframe *fr
     if (n != kIndexEntrySize) {
         perror("readv");
         return static_cast<int>(n);
+    }
+    // What a power cut left past the recording's real end is not played: a forward read leaves
+    // the position before it and the recording ends there. (Reads in place serve the key-frame
+    // and seek walks, which judge entries themselves, as their batched forms do.) That is an entry
+    // of zeros anywhere (no entry names cluster 0, the block map) or one that cannot belong to the
+    // recording past the entries the header counts; a damaged entry inside them is the caller's to
+    // refuse.
+    if (advance && torn_end(s, pos, head, table)) {
+        io_calls().lseek64(s->fd, pos, SEEK_SET);
+        FS_LOG_INFO("end of recording at a torn entry");
+        return 0;
     }
     decode_entry(head, table, cluster_id, length, frame_count, frames);
     if (next_cluster_id != nullptr) {
@@ -648,38 +722,60 @@ bool writer_holds(const index_open_args &a) {
 // Outcome of looking for the last entry that has key frames.
 enum class LastFrames { found, none, failed };
 
-// Walks back from the last whole entry to the first and stops at the first one whose frame count
-// is 1 to 24; fills its number and frame table.
+// Walks the entries from the first on, in batches, up to the first one that cannot belong to
+// the recording (entry_plausible) or the last whole one: *whole is the number of entries before
+// that point. Among them, the last one whose frame count is 1 to 24 gives its number and frame
+// table.
 LastFrames find_last_frames(handle_slot &s, int64_t hdr, int64_t *entry, kframe *frames,
-                            uint32_t *count) {
+                            uint32_t *count, int64_t *whole) {
     struct stat64 st;
     if (io_calls().fstat64(s.fd, &st) != 0) {
         perror("stat");
         return LastFrames::failed;
     }
-    for (int64_t k = (static_cast<int64_t>(st.st_size) - hdr) / kIndexEntrySize - 1; k >= 0; --k) {
-        if (io_calls().lseek64(s.fd, hdr + kIndexEntrySize * k, SEEK_SET) < 0) {
-            perror("leek64");
-            return LastFrames::failed;
-        }
-        uint8_t head[kEntryHeadSize];
-        if (io_calls().read(s.fd, head, sizeof head) != kEntryHeadSize) {
+    const int64_t total = (static_cast<int64_t>(st.st_size) - hdr) / kIndexEntrySize;
+    std::unique_ptr<uint8_t[]> batch(new (std::nothrow) uint8_t[kWalkBatch * kIndexEntrySize]);
+    if (!batch) return LastFrames::failed;
+    LastFrames result = LastFrames::none;
+    int64_t prev = 0;
+    int64_t k = 0;
+    while (k < total) {
+        const int64_t want = std::min<int64_t>(kWalkBatch, total - k);
+        const ssize_t n = io_calls().pread64(s.fd, batch.get(), want * kIndexEntrySize,
+                                             hdr + kIndexEntrySize * k);
+        if (n < kIndexEntrySize) {
             perror("idx read eof");
             return LastFrames::failed;
         }
-        const uint32_t c = le32_load(head + 8);
-        if (c < 1 || c > static_cast<uint32_t>(kMaxKframes)) continue;
-        uint8_t table[kFramesSize];
-        if (io_calls().read(s.fd, table, sizeof table) != kFramesSize) {
-            perror("info read eof");
-            return LastFrames::failed;
+        const int64_t got = n / kIndexEntrySize;
+        for (int64_t i = 0; i < got; i++, k++) {
+            const uint8_t *head = batch.get() + i * kIndexEntrySize;
+            const uint8_t *table = head + kEntryHeadSize;
+            if (!entry_plausible(s.info, head, table, prev)) {
+                *whole = k;
+                return result;
+            }
+            const uint32_t c = le32_load(head + 8);
+            if (c < 1 || c > static_cast<uint32_t>(kMaxKframes)) continue;
+            inner_to_frames(table, frames);
+            prev = frames[c - 1].frame_time;
+            *entry = k;
+            *count = c;
+            result = LastFrames::found;
         }
-        inner_to_frames(table, frames);
-        *entry = k;
-        *count = c;
-        return LastFrames::found;
     }
-    return LastFrames::none;
+    *whole = k;
+    return result;
+}
+
+// Cuts what follows the recording's last whole entry that belongs to it (zeros or other files'
+// blocks left by a power cut, a torn entry), so that every reader ends there.
+void cut_torn_tail(handle_slot &s, int64_t end) {
+    struct stat64 st;
+    if (io_calls().fstat64(s.fd, &st) != 0 || static_cast<int64_t>(st.st_size) <= end) return;
+    FS_LOG_WARN("index file tail of %lld bytes past the last entry cut\n",
+                static_cast<long long>(st.st_size) - static_cast<long long>(end));
+    if (io_calls().ftruncate64(s.fd, end) != 0) report_errno("ftruncate");
 }
 
 // The repair failed: the file is still opened, positioned at its first entry.
@@ -707,7 +803,8 @@ int repair_header(int handle, const index_open_args &a) {
     kframe frames[kMaxKframes];
     int64_t k = 0;
     uint32_t count = 0;
-    switch (find_last_frames(s, hdr, &k, frames, &count)) {
+    int64_t whole = 0;
+    switch (find_last_frames(s, hdr, &k, frames, &count, &whole)) {
         case LastFrames::failed:
             return repair_failed(handle, hdr, a);
         case LastFrames::none:
@@ -733,6 +830,7 @@ int repair_header(int handle, const index_open_args &a) {
             perror("write");
             return repair_failed(handle, hdr, a);
         }
+        cut_torn_tail(s, hdr + whole * kIndexEntrySize);
         // The plain header ends before an extension area: entries start after it.
         if (io_calls().lseek64(s.fd, hdr, SEEK_SET) < 0) return repair_failed(handle, hdr, a);
         FS_LOG_PLAIN("done\n");
@@ -881,6 +979,67 @@ int index_open(int disk_id, uint32_t block_id, const struct tm *start, int chann
     return do_index_setup(handle, fd, a);
 }
 
+namespace {
+
+// Flushes one directory (its entries: names created in it) to the disk; false, reported, when
+// it cannot be opened or flushed.
+bool sync_directory(const char *path) {
+    FdGuard fd(io_calls().open(path, O_RDONLY | O_DIRECTORY, 0));
+    if (fd.get() < 0 || io_calls().fsync(fd.get()) != 0) {
+        FS_LOG_ERR("directory flush failed:%s\n", path);
+        report_errno("fsync");
+        return false;
+    }
+    return true;
+}
+
+// Flushes `dir` and every parent up to and including `root`, so that each name on the way
+// (possibly created for this recording) is on the disk. `dir` may end in '/'.
+bool sync_directory_chain(const char *dir, const char *root) {
+    char path[kPathLen];
+    snprintf(path, sizeof path, "%s", dir);
+    const size_t root_len = strlen(root);
+    bool ok = true;
+    size_t len = strlen(path);
+    while (len > 0 && path[len - 1] == '/') path[--len] = '\0';
+    while (len >= root_len) {
+        ok = sync_directory(path) && ok;
+        char *slash = strrchr(path, '/');
+        if (slash == nullptr || len == root_len) break;
+        *slash = '\0';
+        len = strlen(path);
+    }
+    return ok;
+}
+
+// Makes a closed recording reachable after a power cut: the index file's data and size, the
+// directories from the index root down to the file, and the block directory holding its link.
+bool make_closed_durable(const handle_slot &s) {
+    const recordinfo *info = s.info;
+    bool ok = true;
+    if (io_calls().fsync(s.fd) != 0) {
+        report_errno("fsync");
+        ok = false;
+    }
+    const int disk = static_cast<int>(info->disk_id);
+    const struct tm start = tm_of(info->start_time);
+    char root[kPathLen] = {}, dir[kPathLen] = {};
+    idx_root(disk, root, sizeof root);
+    mk_idx_fullpath(disk, dir, sizeof dir, static_cast<int>(info->channel), &start,
+                    static_cast<int>(info->type));
+    if (root[0] == '\0' || dir[0] == '\0') return false;
+    ok = sync_directory_chain(dir, root) && ok;
+    char link_root[kPathLen] = {}, link_dir[kPathLen] = {};
+    idx_linkroot(disk, link_root, sizeof link_root);
+    mk_idx_linkpath(disk, link_dir, sizeof link_dir, static_cast<int>(info->block_id));
+    // A recording made outside every block has no link directory.
+    if (link_dir[0] != '\0' && link_root[0] != '\0' && io_calls().access(link_dir, F_OK) == 0)
+        ok = sync_directory_chain(link_dir, link_root) && ok;
+    return ok;
+}
+
+}  // namespace
+
 void index_close(int handle, const struct tm *end) {
     if (!valid_handle(handle)) {
         FS_LOG_ERR("invalid handle :%d", handle);
@@ -905,6 +1064,7 @@ void index_close(int handle, const struct tm *end) {
         struct tm et = tm_of(info->end_time);
         struct timeval times[2] = {{mktime(&st), 0}, {mktime(&et), 0}};
         if (io_calls().futimes(s->fd, times) != 0) perror("futimes");
+        if (!make_closed_durable(*s)) FS_LOG_ERR("closed recording not flushed\n");
     }
     do_index_release(handle);
 }
