@@ -1346,8 +1346,10 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
 /* Frees the handle and its preload buffer. For a writer it finalises the header (end time: the
  * given one, or the last frame's when null; rewritten, not synced; file times set) and replaces
  * the cache tag with the final one (an end time before the start gives a tag of duration 0, with
- * a warning, so that the recording stays findable). Nothing for a bad handle, and nothing (the slot
- * stays taken) when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */
+ * a warning, so that the recording stays findable). Nothing for a bad handle. When the stream's
+ * disk is no longer open, or was taken down (pulled) while the stream was open, the slot and its
+ * index handle are freed all the same, touching no disk: the index descriptor is closed without
+ * rewriting the header, which the next open repairs. Takes g_fslock (then g_cachelock). */
 void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no

@@ -243,6 +243,9 @@ bool take_down_disk(const char *dev) {
     int expected = disk;
     __atomic_compare_exchange_n(&g_recctx.curdiskid, &expected, kNoDisk, false, __ATOMIC_SEQ_CST,
                                 __ATOMIC_SEQ_CST);
+    // Streams still open on it keep their handles until the host closes them; they no longer
+    // reach any disk, and closing them frees their slots.
+    recstore::streams_lose_disk(disk);
     fs_removedisk(0, disk);
     fs_datazone_exit(disk);
     fs_closedisk(disk);
