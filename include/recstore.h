@@ -34,10 +34,12 @@
  *   Lock order: g_diskrwlock, the recording context's stream lock, g_fslock, a disk's mutex,
  *   g_cachelock. The find lock only guards taking and freeing find handles.
  * - g_diskrwlock (fs_lockdisk, rec_lockdisk) is held by the daemon for each disk pass, in which
- *   hot-plug, rec_diskcurrent, rec_changedisk, fs_changeblock and the fullness tests run. The host
- *   holds it around its own changes of the disk table and groups (plug-in and plug-out sequences,
- *   fs_adddisk, fs_removedisk) while the daemon runs. It is not recursive: the block- and
- *   disk-change callbacks, which the daemon runs under it, must not take it.
+ *   hot-plug, rec_diskcurrent, the choice of a disk or block change and the fullness tests run.
+ *   The host holds it around its own changes of the disk table and groups (plug-in and plug-out
+ *   sequences, fs_adddisk, fs_removedisk) while the daemon runs. It is not recursive. The daemon
+ *   makes the disk or block change it chose (rec_changedisk's callbacks, fs_changeblock and its
+ *   callbacks) after releasing it, so the block- and disk-change callbacks run with no library
+ *   lock held and may take it.
  * - The daemon thread (rec_daemon) runs the disk passes, then outside the lock the recycling of the
  *   oldest block and the periodic deletion, and between passes do_rec_preload (fs_preload). Each
  *   fs_datazone_init starts a detached loader thread (proc_cache_load) that fills the disk's cache.
@@ -1427,7 +1429,7 @@ extern fs_exphandle_ex g_fsexp_ex;
 /* Ends the old disk's current block and makes a new current block on the new disk (which may be
  * the same), calling the host before and after: the extended callbacks when set, else the simple
  * ones. Takes each disk's mutex only around its own step and calls back with none held (the
- * daemon holds g_diskrwlock). On success both disks' maps are fsynced; the change goes to the
+ * daemon calls it with no lock held either). On success both disks' maps are fsynced; the change goes to the
  * event log. The cause is only logged. Always 0 (nothing done for a bad id). */
 int fs_changeblock(int old_disk, int new_disk, int cause);
 /* Copies the current simple callbacks into old and installs new; returns old (nothing done for a
@@ -1846,7 +1848,8 @@ fs_exphandle_ex *rec_get_exphandle_ex(void);
 int rec_diskcurrent(void);
 /* Moves recording to the disk rec_diskcurrent chooses (the current disk becomes -1 when there is
  * none): the disk callbacks rec_word0 before and rec_word1 after fs_changeblock. 0, or -1 when
- * there is none. The daemon runs it under g_diskrwlock. */
+ * there is none. Takes no lock of its own besides the disk mutexes; the daemon chooses the disk
+ * under g_diskrwlock and makes the change, callbacks included, after releasing it. */
 int rec_changedisk(int overlap);
 
 /* ---- search and calendar over all disks ---- */
