@@ -810,8 +810,9 @@ void block_unload(dz_block *block);
 /* Makes a current block: loads the block that block_current chooses and stamps it busy with the
  * clock's sequence in the block map (written, not synced). Its block id; the loaded current
  * block's id when there is one already; -1 in read-only mode, for a bad id or a zone not open,
- * when no block is free, or the block cannot be loaded or stamped. Caller holds the disk's
- * mutex. */
+ * when no block is free, or the block cannot be stamped. A chosen block whose cluster map cannot
+ * be read is put in error in the block map (written through; logged once) and the next choice is
+ * tried. Caller holds the disk's mutex. */
 int block_alloc(int disk_id);
 /* Unloads the current block: its map in memory is dropped, the map on disk stays as written. 0,
  * or -1 for a bad id, a zone not open or no current block. Caller holds the disk's mutex; no
