@@ -933,7 +933,8 @@ int datazone_is_full_prepare(int disk_id, int threshold);
 /* A stream's read of one cluster: through the stream's page-aligned preload buffer with O_DIRECT
  * when the stream has one and direct I/O is on (the buffer then holds that cluster), otherwise
  * datazone_read. Bytes read, or a negative value (-1 for a bad handle or null buf). Touches the
- * stream's preload fields: callers hold g_fslock or own the stream. */
+ * stream's preload fields, which the daemon's preload step fills and fs_set_preload frees: callers
+ * hold g_fslock. */
 int fs_datazone_read(int handle, int disk_id, int cluster_id, void *buf);
 
 /* ---- end of data zone ---- */
@@ -1601,15 +1602,17 @@ void fs_reset_kframe_context(int handle);
 /* The key frame the context stands at, or the first one from the position on: its whole cluster
  * into buffer, the key frame's offset inside it into *offset; the position is left where it was
  * (not when the end is reached). The cluster's payload length, 0 at the end, or a negative value
- * (-1 for a bad or closed stream or a null argument). No lock: one thread per stream. */
+ * (-1 for a bad or closed stream or a null argument). One thread per stream; g_fslock is taken
+ * around the payload read (must not be held). */
 int fs_getcurkframe(int handle, void *buffer, uint32_t *offset);
 /* The next key frame: the whole cluster holding it into buffer and its offset into *offset; the
- * position moves to that cluster. The payload length, 0 at the end, or a negative value. No
- * lock: one thread per stream. */
+ * position moves to that cluster. The payload length, 0 at the end, or a negative value. One
+ * thread per stream; g_fslock is taken around the payload read (must not be held). */
 int fs_getnextkframe(int handle, void *buffer, uint32_t *offset);
 /* The previous key frame, walking back cluster by cluster: the whole cluster into buffer and its
  * offset into *offset. The payload length, 0 at the end, or a negative value (-1 at the first
- * cluster). No lock: one thread per stream. */
+ * cluster). One thread per stream; g_fslock is taken around the payload read (must not be
+ * held). */
 int fs_getprekframe(int handle, void *buffer, uint32_t *offset);
 /* Position of the stream (index_ltell: entries x 524288, in-cluster offset in *offset); -1 for a
  * bad or closed stream. No lock. */

@@ -1745,7 +1745,13 @@ int deliver_key_frame(int handle, const PeekedEntry &e, void *buffer, uint32_t *
                    static_cast<int>(kf_count_of(f)));
         return -1;
     }
-    const int got = fs_datazone_read(handle, f.disk_id, static_cast<int>(e.cluster), buffer);
+    int got = -1;
+    {
+        // The read may go through the stream's preload buffer, which the daemon's preload step
+        // fills and fs_set_preload frees under g_fslock.
+        MutexGuard guard(g_fslock);
+        got = fs_datazone_read(handle, f.disk_id, static_cast<int>(e.cluster), buffer);
+    }
     if (got < 0 || static_cast<int64_t>(got) < static_cast<int64_t>(e.length)) {
         FS_LOG_ERR("data read err");
         return got < 0 ? got : -1;
