@@ -1431,8 +1431,8 @@ extern fs_exphandle_ex g_fsexp_ex;
 /* Ends the old disk's current block and makes a new current block on the new disk (which may be
  * the same), calling the host before and after: the extended callbacks when set, else the simple
  * ones. Takes each disk's mutex only around its own step and calls back with none held (the
- * daemon calls it with no lock held either). On success both disks' maps are fsynced; the change goes to the
- * event log. The cause is only logged. Always 0 (nothing done for a bad id). */
+ * daemon calls it with no lock held either). On success both disks' maps are fsynced; the change
+ * goes to the event log. The cause is only logged. Always 0 (nothing done for a bad id). */
 int fs_changeblock(int old_disk, int new_disk, int cause);
 /* Copies the current simple callbacks into old and installs new; returns old (nothing done for a
  * null argument). No lock. */
