@@ -34,10 +34,12 @@
  *   Lock order: g_diskrwlock, the recording context's stream lock, g_fslock, a disk's mutex,
  *   g_cachelock. The find lock only guards taking and freeing find handles.
  * - g_diskrwlock (fs_lockdisk, rec_lockdisk) is held by the daemon for each disk pass, in which
- *   hot-plug, rec_diskcurrent, rec_changedisk, fs_changeblock and the fullness tests run. The host
- *   holds it around its own changes of the disk table and groups (plug-in and plug-out sequences,
- *   fs_adddisk, fs_removedisk) while the daemon runs. It is not recursive: the block- and
- *   disk-change callbacks, which the daemon runs under it, must not take it.
+ *   hot-plug, rec_diskcurrent, the choice of a disk or block change and the fullness tests run.
+ *   The host holds it around its own changes of the disk table and groups (plug-in and plug-out
+ *   sequences, fs_adddisk, fs_removedisk) while the daemon runs. It is not recursive. The daemon
+ *   makes the disk or block change it chose (rec_changedisk's callbacks, fs_changeblock and its
+ *   callbacks) after releasing it, so the block- and disk-change callbacks run with no library
+ *   lock held and may take it.
  * - The daemon thread (rec_daemon) runs the disk passes, then outside the lock the recycling of the
  *   oldest block and the periodic deletion, and between passes do_rec_preload (fs_preload). Each
  *   fs_datazone_init starts a detached loader thread (proc_cache_load) that fills the disk's cache.
@@ -808,8 +810,9 @@ void block_unload(dz_block *block);
 /* Makes a current block: loads the block that block_current chooses and stamps it busy with the
  * clock's sequence in the block map (written, not synced). Its block id; the loaded current
  * block's id when there is one already; -1 in read-only mode, for a bad id or a zone not open,
- * when no block is free, or the block cannot be loaded or stamped. Caller holds the disk's
- * mutex. */
+ * when no block is free, or the block cannot be stamped. A chosen block whose cluster map cannot
+ * be read is put in error in the block map (written through; logged once) and the next choice is
+ * tried. Caller holds the disk's mutex. */
 int block_alloc(int disk_id);
 /* Unloads the current block: its map in memory is dropped, the map on disk stays as written. 0,
  * or -1 for a bad id, a zone not open or no current block. Caller holds the disk's mutex; no
@@ -930,7 +933,8 @@ int datazone_is_full_prepare(int disk_id, int threshold);
 /* A stream's read of one cluster: through the stream's page-aligned preload buffer with O_DIRECT
  * when the stream has one and direct I/O is on (the buffer then holds that cluster), otherwise
  * datazone_read. Bytes read, or a negative value (-1 for a bad handle or null buf). Touches the
- * stream's preload fields: callers hold g_fslock or own the stream. */
+ * stream's preload fields, which the daemon's preload step fills and fs_set_preload frees: callers
+ * hold g_fslock. */
 int fs_datazone_read(int handle, int disk_id, int cluster_id, void *buf);
 
 /* ---- end of data zone ---- */
@@ -1359,8 +1363,10 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
  * given one, or the last frame's when null; rewritten; file times set), makes the index file, its
  * directories and its link durable before returning (see index_close), and replaces
  * the cache tag with the final one (an end time before the start gives a tag of duration 0, with
- * a warning, so that the recording stays findable). Nothing for a bad handle, and nothing (the slot
- * stays taken) when the stream's disk is no longer open. Takes g_fslock (then g_cachelock). */
+ * a warning, so that the recording stays findable). Nothing for a bad handle. When the stream's
+ * disk is no longer open, or was taken down (pulled) while the stream was open, the slot and its
+ * index handle are freed all the same, touching no disk: the index descriptor is closed without
+ * rewriting the header, which the next open repairs. Takes g_fslock (then g_cachelock). */
 void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no
@@ -1442,8 +1448,8 @@ extern fs_exphandle_ex g_fsexp_ex;
 /* Ends the old disk's current block and makes a new current block on the new disk (which may be
  * the same), calling the host before and after: the extended callbacks when set, else the simple
  * ones. Takes each disk's mutex only around its own step and calls back with none held (the
- * daemon holds g_diskrwlock). On success both disks' maps are fsynced; the change goes to the
- * event log. The cause is only logged. Always 0 (nothing done for a bad id). */
+ * daemon calls it with no lock held either). On success both disks' maps are fsynced; the change
+ * goes to the event log. The cause is only logged. Always 0 (nothing done for a bad id). */
 int fs_changeblock(int old_disk, int new_disk, int cause);
 /* Copies the current simple callbacks into old and installs new; returns old (nothing done for a
  * null argument). No lock. */
@@ -1616,15 +1622,17 @@ void fs_reset_kframe_context(int handle);
 /* The key frame the context stands at, or the first one from the position on: its whole cluster
  * into buffer, the key frame's offset inside it into *offset; the position is left where it was
  * (not when the end is reached). The cluster's payload length, 0 at the end, or a negative value
- * (-1 for a bad or closed stream or a null argument). No lock: one thread per stream. */
+ * (-1 for a bad or closed stream or a null argument). One thread per stream; g_fslock is taken
+ * around the payload read (must not be held). */
 int fs_getcurkframe(int handle, void *buffer, uint32_t *offset);
 /* The next key frame: the whole cluster holding it into buffer and its offset into *offset; the
- * position moves to that cluster. The payload length, 0 at the end, or a negative value. No
- * lock: one thread per stream. */
+ * position moves to that cluster. The payload length, 0 at the end, or a negative value. One
+ * thread per stream; g_fslock is taken around the payload read (must not be held). */
 int fs_getnextkframe(int handle, void *buffer, uint32_t *offset);
 /* The previous key frame, walking back cluster by cluster: the whole cluster into buffer and its
  * offset into *offset. The payload length, 0 at the end, or a negative value (-1 at the first
- * cluster). No lock: one thread per stream. */
+ * cluster). One thread per stream; g_fslock is taken around the payload read (must not be
+ * held). */
 int fs_getprekframe(int handle, void *buffer, uint32_t *offset);
 /* Position of the stream (index_ltell: entries x 524288, in-cluster offset in *offset); -1 for a
  * bad or closed stream. No lock. */
@@ -1864,7 +1872,8 @@ fs_exphandle_ex *rec_get_exphandle_ex(void);
 int rec_diskcurrent(void);
 /* Moves recording to the disk rec_diskcurrent chooses (the current disk becomes -1 when there is
  * none): the disk callbacks rec_word0 before and rec_word1 after fs_changeblock. 0, or -1 when
- * there is none. The daemon runs it under g_diskrwlock. */
+ * there is none. Takes no lock of its own besides the disk mutexes; the daemon chooses the disk
+ * under g_diskrwlock and makes the change, callbacks included, after releasing it. */
 int rec_changedisk(int overlap);
 
 /* ---- search and calendar over all disks ---- */

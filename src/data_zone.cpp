@@ -599,6 +599,23 @@ int block_current(int disk_id) {
     return -1;
 }
 
+namespace {
+
+// Puts a block whose cluster map cannot be read in error in the block map (in memory at once, and
+// written through when the map still takes writes), with one clear line in the event log (which
+// also prints it), so that no block change chooses it again.
+void set_block_unreadable(int disk_id, uint32_t block_id) {
+    datazone_ctx &z = zone(disk_id);
+    const uint32_t index = block_id - z.info.block_start;
+    const uint32_t value = entry_value(bitmap_val(&z.block_map, index));
+    if (bitmap_is_free(&z.block_map, index)) bitmap_free_del(&z.block_map, index);
+    const bool written = bitmap_err_put(&z.block_map, index, value) == 0;
+    fs_log_file("disk:%d block:%d map cannot be read: block put in error%s\n", disk_id,
+                static_cast<int>(block_id), written ? "" : " (in memory only)");
+}
+
+}  // namespace
+
 int block_alloc(int disk_id) {
     if (!check_disk(disk_id) || !check_writable(disk_id, "block_alloc readonly:%d\n")) return -1;
     datazone_ctx &z = zone(disk_id);
@@ -610,15 +627,20 @@ int block_alloc(int disk_id) {
         FS_LOG_ERR("block is full\n");
         return -1;
     }
-    const int id = block_current(disk_id);
-    if (id < 0) {
-        FS_LOG_ERR("get current error\n");
-        return -1;
-    }
-    dz_block *b = block_load(disk_id, static_cast<uint32_t>(id));
-    if (b == nullptr) {
-        FS_LOG_ERR("pcurblock err\n");
-        return -1;
+    int id = -1;
+    dz_block *b = nullptr;
+    while (b == nullptr) {
+        id = block_current(disk_id);
+        if (id < 0) {
+            FS_LOG_ERR("get current error\n");
+            return -1;
+        }
+        b = block_load(disk_id, static_cast<uint32_t>(id));
+        if (b == nullptr) {
+            FS_LOG_ERR("pcurblock err\n");
+            // Otherwise every later change would choose the same block again and fail.
+            set_block_unreadable(disk_id, static_cast<uint32_t>(id));
+        }
     }
     const uint32_t index = static_cast<uint32_t>(id) - z.info.block_start;
     bitmap_free_del(&z.block_map, index);

@@ -36,6 +36,7 @@
 
 #include <utility>
 #include <array>
+#include <atomic>
 #include <cstdarg>
 #include <memory>
 
@@ -601,6 +602,13 @@ pthread_mutex_t g_fslock = PTHREAD_MUTEX_INITIALIZER;
 fs_exphandle g_fsexp;
 fs_exphandle_ex g_fsexp_ex;
 
+namespace {
+// Streams whose disk was taken down while they were open. Such a slot stays taken, since the host
+// still holds its handle, but no operation reaches a disk through it any more (a disk plugged in
+// again may have the same id); fs_close frees it. Set and cleared under g_fslock, read without.
+std::atomic<bool> g_stream_disk_gone[RECSTORE_STREAMS];
+}  // namespace
+
 static_assert(sizeof(rec_param) == 60, "rec_param is 60 bytes on every platform");
 static_assert(offsetof(rec_param, channel) == 44, "rec_param layout");
 static_assert(offsetof(rec_param, attr_a) == 48, "rec_param layout");
@@ -667,6 +675,7 @@ void reset_stream_table() {
         f.preload_cluster = -1;
         f.preload_loaded = -1;
     }
+    for (std::atomic<bool> &gone : g_stream_disk_gone) gone.store(false);
 }
 
 // Slots are free from the moment the library is loaded.
@@ -1019,7 +1028,7 @@ bool check_stream(int handle) {
         return false;
     }
     const fs_file_ctx &f = g_file_ctx[handle];
-    if (!disk_is_open(f.disk_id)) {
+    if (!disk_is_open(f.disk_id) || g_stream_disk_gone[handle].load()) {
         FS_LOG_ERR("disk %d not open", f.disk_id);
         return false;
     }
@@ -1066,6 +1075,21 @@ void clear_kf(fs_file_ctx &f) {
     f.kf_cur = 0;
     f.kf_count = 0;
     f.kf_pos = 0;
+}
+
+// Frees a stream slot whose disk is gone, touching no disk: the index descriptor is closed
+// without rewriting the header (the next open repairs it), the preload buffer freed. g_fslock held.
+void release_stream_of_gone_disk(int handle) {
+    fs_file_ctx &f = g_file_ctx[handle];
+    free(f.preload_buf);
+    f.preload_buf = nullptr;
+    f.preload_cluster = -1;
+    f.preload_loaded = -1;
+    clear_kf(f);
+    if (f.idx >= 0) recstore::do_index_release(f.idx);
+    f.cache_writes = 0;
+    f.idx = -1;
+    g_stream_disk_gone[handle].store(false);
 }
 
 // True when the names of a new recording read back as that recording. A longer type or year
@@ -1299,11 +1323,13 @@ void fs_close(int handle, const struct tm *end) {
         return;
     }
     fs_file_ctx &f = g_file_ctx[handle];
-    if (!disk_is_open(f.disk_id)) {
+    MutexGuard guard(g_fslock);
+    if (!disk_is_open(f.disk_id) || g_stream_disk_gone[handle].load()) {
         FS_LOG_ERR("disk %d not open", f.disk_id);
+        // The disk went away under the stream: free the slot and its index handle all the same.
+        release_stream_of_gone_disk(handle);
         return;
     }
-    MutexGuard guard(g_fslock);
     free(f.preload_buf);
     f.preload_buf = nullptr;
     f.preload_cluster = -1;
@@ -1325,6 +1351,22 @@ void fs_close(int handle, const struct tm *end) {
     f.cache_writes = 0;
     f.idx = -1;
 }
+
+namespace recstore {
+
+int streams_lose_disk(int disk_id) {
+    MutexGuard guard(g_fslock);
+    int count = 0;
+    for (int h = 0; h < RECSTORE_STREAMS; h++) {
+        const fs_file_ctx &f = g_file_ctx[h];
+        if (f.idx < 0 || f.disk_id != disk_id || g_stream_disk_gone[h].load()) continue;
+        g_stream_disk_gone[h].store(true);
+        count++;
+    }
+    return count;
+}
+
+}  // namespace recstore
 
 int fs_get_ext(int handle, void *buffer, int size) {
     if (!check_stream(handle)) return -1;
@@ -1737,7 +1779,13 @@ int deliver_key_frame(int handle, const PeekedEntry &e, void *buffer, uint32_t *
                    static_cast<int>(kf_count_of(f)));
         return -1;
     }
-    const int got = fs_datazone_read(handle, f.disk_id, static_cast<int>(e.cluster), buffer);
+    int got = -1;
+    {
+        // The read may go through the stream's preload buffer, which the daemon's preload step
+        // fills and fs_set_preload frees under g_fslock.
+        MutexGuard guard(g_fslock);
+        got = fs_datazone_read(handle, f.disk_id, static_cast<int>(e.cluster), buffer);
+    }
     if (got < 0 || static_cast<int64_t>(got) < static_cast<int64_t>(e.length)) {
         FS_LOG_ERR("data read err");
         return got < 0 ? got : -1;

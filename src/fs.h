@@ -41,6 +41,13 @@ constexpr int kMapFlushMillis = 1000;
 // kMapFlushMillis ago (datazone_flush_maps: no disk mutex). Called by the daemon after each pass.
 void fs_flush_changed_maps();
 
+// Marks every open stream of a disk being taken down (pulled) as having lost its disk: from then
+// on every operation on such a stream fails as on a disk not open, even when a disk plugged in
+// later gets the same id, and fs_close frees its stream slot and index handle (closing the index
+// descriptor without rewriting the header) instead of keeping them. Returns the number of streams
+// marked. Takes g_fslock (must not be held). Nothing reaches the disk.
+int streams_lose_disk(int disk_id);
+
 // ---- shared by the search and calendar walks over the cache tree and the index partition ----
 
 // Directory levels of the index and cache trees, as the name parsers count the fields they read.

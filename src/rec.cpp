@@ -243,6 +243,9 @@ bool take_down_disk(const char *dev) {
     int expected = disk;
     __atomic_compare_exchange_n(&g_recctx.curdiskid, &expected, kNoDisk, false, __ATOMIC_SEQ_CST,
                                 __ATOMIC_SEQ_CST);
+    // Streams still open on it keep their handles until the host closes them; they no longer
+    // reach any disk, and closing them frees their slots.
+    recstore::streams_lose_disk(disk);
     fs_removedisk(0, disk);
     fs_datazone_exit(disk);
     fs_closedisk(disk);
@@ -250,23 +253,76 @@ bool take_down_disk(const char *dev) {
     return true;
 }
 
-// The daemon's step 4: a new disk when the current one is full, else a new block when its block
-// is full.
-void rotate_if_full() {
-    const int disk = load(g_recctx.curdiskid);
-    const int overlap = load(g_recctx.overlap);
-    if (fs_isdiskfull(disk)) {
-        if (disk >= 0) fs_log_file("disk:%d full\n", disk);
-        rec_changedisk(overlap);
-    } else if (fs_isblockfull(disk)) {
-        fs_log_file("disk:%d block:%d full\n", disk, block_get_current(disk));
-        fs_changeblock(disk, disk, overlap);
-    }
-}
-
 void call_disk_cb(void *word, int old_disk, int new_disk, void *user) {
     if (word == nullptr) return;
     reinterpret_cast<rec_disk_cb>(word)(old_disk, new_disk, user);
+}
+
+// The daemon's step 4, decided during the pass: a new disk when the current one is full, else a
+// new block when its block is full. The change itself, with the host's callbacks, is made once the
+// pass has released the disk-table lock (make_rotation), so that a callback may take that lock or
+// wait for a host thread that takes it.
+struct Rotation {
+    enum class Kind { kNone, kDisk, kBlock };
+    Kind kind = Kind::kNone;
+    int old_disk = kNoDisk;
+    int new_disk = kNoDisk;
+    int overlap = 0;
+};
+
+// Chooses the disk recording moves to and makes it current (-1 when there is none, reported).
+// Under g_diskrwlock when the daemon runs it: rec_diskcurrent reads the group table.
+int choose_next_disk() {
+    const int new_disk = rec_diskcurrent();
+    store(g_recctx.curdiskid, new_disk);
+    if (new_disk < 0) FS_LOG_ERR("current diskerr\n");
+    return new_disk;
+}
+
+// The second half of a disk change, with no library lock held: the disk callbacks around the
+// block change. 0, or -1 when the block change failed.
+int finish_disk_change(int old_disk, int new_disk, int overlap) {
+    const fs_exphandle_ex *ex = fs_get_exphandle_ex();
+    call_disk_cb(ex->rec_word0, old_disk, new_disk, ex->rec_word4);
+    if (fs_changeblock(old_disk, new_disk, overlap) != 0) {
+        FS_LOG_ERR("change block err\n");
+        return -1;
+    }
+    call_disk_cb(ex->rec_word1, old_disk, new_disk, ex->rec_word4);
+    fs_log_file("change disk:%d=>%d\n", old_disk, new_disk);
+    return 0;
+}
+
+Rotation plan_rotation() {
+    Rotation r;
+    const int disk = load(g_recctx.curdiskid);
+    r.overlap = load(g_recctx.overlap);
+    r.old_disk = disk;
+    if (fs_isdiskfull(disk)) {
+        if (disk >= 0) fs_log_file("disk:%d full\n", disk);
+        r.new_disk = choose_next_disk();
+        if (r.new_disk >= 0) r.kind = Rotation::Kind::kDisk;
+    } else if (fs_isblockfull(disk)) {
+        fs_log_file("disk:%d block:%d full\n", disk, block_get_current(disk));
+        r.new_disk = disk;
+        r.kind = Rotation::Kind::kBlock;
+    }
+    return r;
+}
+
+// Makes the change plan_rotation decided; no library lock is held, so the host's callbacks may
+// call into the library, rec_lockdisk included.
+void make_rotation(const Rotation &r) {
+    switch (r.kind) {
+        case Rotation::Kind::kDisk:
+            finish_disk_change(r.old_disk, r.new_disk, r.overlap);
+            break;
+        case Rotation::Kind::kBlock:
+            fs_changeblock(r.old_disk, r.new_disk, r.overlap);
+            break;
+        case Rotation::Kind::kNone:
+            break;
+    }
 }
 
 rec_param make_param(int channel, const struct tm *start, int type, int attr_a, int attr_b,
@@ -405,11 +461,17 @@ void *rec_daemon(void *context) {
 int do_disk_loop(void) {
     bool all_full = false;
     {
-        DiskTableLock lock;
-        rec_diskhotplug();
-        if (load(g_recctx.curdiskid) < 0) store(g_recctx.curdiskid, rec_diskcurrent());
-        rotate_if_full();
+        Rotation rotation;
+        {
+            DiskTableLock lock;
+            rec_diskhotplug();
+            if (load(g_recctx.curdiskid) < 0) store(g_recctx.curdiskid, rec_diskcurrent());
+            rotation = plan_rotation();
+        }
+        // The host's block- and disk-change callbacks run with no library lock held.
+        make_rotation(rotation);
         // The group table is read while the host may be adding a disk under the same lock.
+        DiskTableLock lock;
         all_full = fs_isalldiskfull(load(g_recctx.curdiskid), recstore::kRecFullRemain) != 0;
     }
     if (all_full && load(g_recctx.overlap) != 0) {
@@ -742,21 +804,9 @@ int rec_diskcurrent(void) {
 
 int rec_changedisk(int overlap) {
     const int old_disk = load(g_recctx.curdiskid);
-    const int new_disk = rec_diskcurrent();
-    store(g_recctx.curdiskid, new_disk);
-    if (new_disk < 0) {
-        FS_LOG_ERR("current diskerr\n");
-        return -1;
-    }
-    const fs_exphandle_ex *ex = fs_get_exphandle_ex();
-    call_disk_cb(ex->rec_word0, old_disk, new_disk, ex->rec_word4);
-    if (fs_changeblock(old_disk, new_disk, overlap) != 0) {
-        FS_LOG_ERR("change block err\n");
-        return -1;
-    }
-    call_disk_cb(ex->rec_word1, old_disk, new_disk, ex->rec_word4);
-    fs_log_file("change disk:%d=>%d\n", old_disk, new_disk);
-    return 0;
+    const int new_disk = choose_next_disk();
+    if (new_disk < 0) return -1;
+    return finish_disk_change(old_disk, new_disk, overlap);
 }
 
 /* ---- recycling, as the daemon's pass runs it ---- */

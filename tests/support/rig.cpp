@@ -300,7 +300,7 @@ void udev() {
     sh(kUdevstart);
 }
 
-void unplug(Disk &disk) {
+void unplug(Disk &disk, bool wait_detached) {
     require_active();
     if (disk.loop.empty()) fail(disk.node + " is not plugged in");
     const std::string hd_prefix = std::string(kHdDir) + "/sd" + disk.letter;
@@ -338,7 +338,7 @@ void unplug(Disk &disk) {
     // A loop device still held open (a descriptor on a partition) is released by the kernel
     // when the last holder closes it.
     sh("losetup -d " + quote(disk.loop));
-    for (int i = 0; i < kDetachPolls && !backing_file(disk.loop).empty(); ++i) {
+    for (int i = 0; wait_detached && i < kDetachPolls && !backing_file(disk.loop).empty(); ++i) {
         ::usleep(kDetachPollUs);
     }
     disk.loop.clear();

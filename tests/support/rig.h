@@ -44,8 +44,11 @@ Disk attach(char letter, uint64_t bytes, bool direct_io = false);
 void udev();
 
 // Plug-out: removes the disk's /dev/hd nodes, unmounts whatever of it is mounted in this
-// namespace and detaches its loop device. The image stays for replug().
-void unplug(Disk &disk);
+// namespace and detaches its loop device. The image stays for replug(). A loop device still held
+// open (the library's descriptors on a disk pulled under it) is freed by the kernel when the last
+// holder closes it; unplug waits up to 2 s for that unless wait_detached is false (replug() takes
+// a free loop device, so a pulled disk can come back at once).
+void unplug(Disk &disk, bool wait_detached = true);
 
 // Plug-in again of an unplugged disk: the same image on a (possibly different) loop device,
 // nodes back.

@@ -1294,22 +1294,24 @@ TEST_F(DataZone, ShortReadOfABlockMapFailsCleanly) {
     EXPECT_EQ(init(), 0);
 }
 
-// The chosen block's map cannot be read: no block becomes current and the block map is left as
-// it was.
-TEST_F(DataZone, BlockAllocFailsWhenTheBlockCannotBeLoaded) {
+// The chosen block's map cannot be read: that block is put in error in the block map, once and
+// with a line in the event log, and the next block becomes current instead of every change
+// failing on it.
+TEST_F(DataZone, BlockAllocPutsAnUnreadableBlockInErrorAndTakesTheNext) {
     ASSERT_EQ(init(), 0);
     g_short_read_cluster = 1;
-    LogMask errors(0x1);
+    LogMask errors(0xB);
     StdoutCapture cap;
-    EXPECT_EQ(block_alloc(0), -1);
+    EXPECT_EQ(block_alloc(0), 2);
     const std::string out = cap.stop();
     EXPECT_TRUE(contains(out, "]:\x1b[0mpcurblock err\n")) << out;
-    EXPECT_EQ(g_dz_ctx[0].cur_block, nullptr);
-    EXPECT_EQ(aging::read_entry(img(), 0, 0), 0u);
-    EXPECT_EQ(bitmap_free_bits(&g_dz_ctx[0].block_map), 3u);
+    ASSERT_NE(g_dz_ctx[0].cur_block, nullptr);
+    EXPECT_EQ(g_dz_ctx[0].cur_block->block_id, 2u);
+    EXPECT_TRUE(recstore::entry_is_err(aging::read_entry(img(), 0, 0)));
+    EXPECT_EQ(bitmap_free_bits(&g_dz_ctx[0].block_map), 1u);
     g_short_read_cluster = -1;
     LogMask quiet(0, 0);
-    EXPECT_EQ(block_alloc(0), 1);
+    EXPECT_EQ(block_alloc(0), 2);
 }
 
 // Stamping the block busy fails (the block map cannot be written): -1, no current block, and the
