@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // recstore check: the consistency checker of one disk. Reads the data partition's maps, the index
 // tree and (when mounted) the tmpfs cache, and reports every place where they disagree. With
-// --repair it changes only what is safe to change: stale links and stale cache tags.
+// --repair it changes only what is safe to change: stale links, stale cache tags and empty index
+// files (with their links).
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -85,6 +86,7 @@ class Checker {
     std::vector<Finding> findings_;
     std::map<uint32_t, std::vector<std::string>> refs_;  // cluster -> "file entry i"
     std::vector<std::string> stale_links_;
+    std::vector<std::string> empty_files_;  // empty index files and their links
     std::vector<CacheFile> cache_rewrites_;
     std::vector<Repair> repairs_;
 };
@@ -100,7 +102,18 @@ void Checker::check_magic() {
 }
 
 void Checker::check_recordings() {
-    for (const Recording &r : tree_.recordings) {
+    for (size_t i = 0; i < tree_.recordings.size(); i++) {
+        const Recording &r = tree_.recordings[i];
+        if (!r.header_ok && r.file_bytes == 0) {
+            // Created, then cut before its header reached the disk: it holds no footage.
+            add("empty-index", r.path + ": an empty index file (its header never reached the disk)",
+                true);
+            empty_files_.push_back(r.path);
+            for (const LinkInfo &l : tree_.links) {
+                if (l.recording == static_cast<int>(i)) empty_files_.push_back(l.path);
+            }
+            continue;
+        }
         if (!r.header_ok) {
             add("bad-header", r.path + ": the header cannot be read (" +
                                   std::to_string(r.file_bytes) + " bytes)");
@@ -416,6 +429,13 @@ int Checker::repair() {
             done(false, "cannot remove " + l + ": " + strerror(errno));
         }
     }
+    for (const std::string &e : empty_files_) {
+        if (unlink(e.c_str()) == 0) {
+            done(true, "removed " + e);
+        } else {
+            done(false, "cannot remove " + e + ": " + strerror(errno));
+        }
+    }
     for (const CacheFile &f : cache_rewrites_) {
         if (write_tags(f)) {
             done(true, "rewrote " + f.path + " with " + std::to_string(f.tags.size()) +
@@ -444,8 +464,9 @@ void help() {
         "Read-only by default: the index partition is used where it is mounted (/mnt/sdX) or\n"
         "mounted read-only there for the check (root). Run it on a disk that is not being\n"
         "recorded to: an open recording's cache tag lags behind its index file.\n\n"
-        "  --repair   fix what is safe: remove stale links, rewrite stale cache tags from the\n"
-        "             index files. Everything else is only reported.\n"
+        "  --repair   fix what is safe: remove stale links and empty index files (a power cut\n"
+        "             before their header was written; they hold no footage), rewrite stale\n"
+        "             cache tags from the index files. Everything else is only reported.\n"
         "  --json     print the result as one JSON object (device, counts, findings with kind,\n"
         "             text and repairable, repairs, left, status) instead of the text.\n\n"
         "exit status, as file-system checkers give it:\n"

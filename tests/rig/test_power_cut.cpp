@@ -128,25 +128,27 @@ void ledger(const char *format, ...) {
 
 // ---- the stop hook in the recorder's I/O table -----------------------------------------------
 
-void at_step(Step s, bool after_call) {
-    if (g_shared == nullptr || g_shared->armed.load() == 0) return;
+// Stops the recorder at call `n` of kind `s` when that is the chosen cut. `n` is the number
+// this call drew, so that calls racing on other threads cannot step over the chosen one.
+void at_step(Step s, bool after_call, int n) {
+    if (g_shared == nullptr || n == 0) return;
     if (g_shared->step != static_cast<int>(s)) return;
     if ((g_shared->after != 0) != after_call) return;
-    if (g_shared->counts[static_cast<int>(s)].load() == g_shared->nth) raise(SIGSTOP);
+    if (n == g_shared->nth) raise(SIGSTOP);
 }
 
-void count(Step s) {
-    if (g_shared != nullptr && g_shared->armed.load() != 0) {
-        g_shared->counts[static_cast<int>(s)].fetch_add(1);
-    }
+// Counts one call of kind `s` once the workload runs; its number, or 0 before.
+int count(Step s) {
+    if (g_shared == nullptr || g_shared->armed.load() == 0) return 0;
+    return g_shared->counts[static_cast<int>(s)].fetch_add(1) + 1;
 }
 
 template <typename F>
 auto stepped(Step s, F call) -> decltype(call()) {
-    count(s);
-    at_step(s, false);
+    const int n = count(s);
+    at_step(s, false, n);
     auto r = call();
-    at_step(s, true);
+    at_step(s, true, n);
     return r;
 }
 
@@ -752,28 +754,39 @@ class PowerCut : public ::testing::Test {
         }
     }
 
+    // Inconsistencies `recstore check ARGS` prints for the disk, apart from the normal states.
+    int findings(const rig::Disk &d, const std::string &args, std::string *out) {
+        const int status = rig::run(
+            std::string(RECSTORE_EMULATOR) + RECSTORE_TOOL + " check " + d.node + args, out);
+        int found = 0;
+        for (size_t at = out->find("inconsistency ["); at != std::string::npos;
+             at = out->find("inconsistency [", at + 1)) {
+            // Busy clusters no entry points to (the aged blocks are full of them on purpose,
+            // deletions leave them until their block is freed) and the links that deletion by
+            // age leaves: normal states, counted apart.
+            if (out->compare(at, kLeak.size(), kLeak) == 0 ||
+                out->compare(at, kStale.size(), kStale) == 0) {
+                leaked_++;
+            } else {
+                found++;
+            }
+        }
+        if (status == 8 || status == 16 || status < 0) found++;  // the check itself failed
+        return found;
+    }
+
+    // The check, then --repair when it found something, then the check again: what is left.
     int check_errors() {
         int errors = 0;
         for (const rig::Disk &d : g_disks) {
             std::string out;
-            const int status =
-                rig::run(std::string(RECSTORE_EMULATOR) + RECSTORE_TOOL + " check " + d.node, &out);
-            int found = 0;
-            for (size_t at = out.find("inconsistency ["); at != std::string::npos;
-                 at = out.find("inconsistency [", at + 1)) {
-                // Busy clusters no entry points to (the aged blocks are full of them on
-                // purpose, deletions leave them until their block is freed) and the links that
-                // deletion by age leaves: normal states, counted apart.
-                if (out.compare(at, kLeak.size(), kLeak) == 0 ||
-                    out.compare(at, kStale.size(), kStale) == 0) {
-                    leaked_++;
-                } else {
-                    found++;
-                }
-            }
-            if (status == 8 || status == 16 || status < 0) found++;
-            if (found > 0) report_ += "CHECK " + d.node + ":\n" + out;
-            errors += found;
+            if (findings(d, "", &out) == 0) continue;
+            repaired_ += 1;
+            std::string fixed;
+            findings(d, " --repair", &fixed);
+            const int left = findings(d, "", &out);
+            if (left > 0) report_ += "CHECK " + d.node + " after --repair:\n" + out;
+            errors += left;
         }
         return errors;
     }
@@ -819,7 +832,8 @@ class PowerCut : public ::testing::Test {
     pid_t child_ = -1;
     int threads_at_start_ = 0;
     std::string report_;
-    int leaked_ = 0;  // unreferenced-cluster and stale-link findings, counted apart
+    int leaked_ = 0;    // unreferenced-cluster and stale-link findings, counted apart
+    int repaired_ = 0;  // disks whose check found something --repair then fixed or not
     const std::string kLeak = "inconsistency [unreferenced-cluster]";
     const std::string kStale = "inconsistency [stale-link]";
 };
@@ -916,6 +930,8 @@ TEST_F(PowerCut, CampaignKeepsThePromise) {
         retries += r.copy_retries;
     }
     printf("copies retried because a write reached a disk during the copy: %d\n", retries);
+    printf("disks on which recstore check found something that --repair then fixed: %d\n",
+           repaired_);
     print_line(" (buffered payload)", mode_cuts[0], mode_total[0]);
     print_line(" (direct payload)", mode_cuts[1], mode_total[1]);
     print_line("", mode_cuts[0] + mode_cuts[1], total);

@@ -161,6 +161,26 @@ TEST_F(Tool, CheckReportsARemovedIndexFileAndRepairsWhatIsSafe) {
     EXPECT_TRUE(contains(out, "[unreferenced-cluster]")) << out;
 }
 
+// A power cut between the creation of an index file and its header's write-back leaves an empty
+// file: it holds no footage, so the repair removes it with its link.
+TEST_F(Tool, CheckRemovesAnEmptyIndexFileWithItsLink) {
+    const struct tm t = start_of(3);
+    ASSERT_EQ(truncate(index_name(0, 3, t, 0).c_str(), 0), 0);
+    std::string out = check(4);
+    EXPECT_TRUE(contains(out, "inconsistency [empty-index] " + index_name(0, 3, t, 0) +
+                                  ": an empty index file (its header never reached the disk)\n"))
+        << out;
+    EXPECT_FALSE(contains(out, "[bad-header]")) << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 4) << out;
+    EXPECT_TRUE(contains(out, "repaired: removed " + index_name(0, 3, t, 0) + "\n")) << out;
+    EXPECT_TRUE(contains(out, "repaired: removed " + link_name(0, kBlock1, 3, t, 0) + "\n")) << out;
+    EXPECT_FALSE(exists(index_name(0, 3, t, 0)));
+    EXPECT_FALSE(exists(link_name(0, kBlock1, 3, t, 0)));
+    out = check(4);
+    EXPECT_FALSE(contains(out, "[empty-index]")) << out;
+    EXPECT_FALSE(contains(out, "[stale-link]")) << out;
+}
+
 TEST_F(Tool, CheckReportsAStrayLink) {
     const struct tm t = start_of(5);
     const std::string link = link_name(0, kBlock1, 5, t, 0);
