@@ -181,6 +181,37 @@ TEST_F(Tool, CheckRemovesAnEmptyIndexFileWithItsLink) {
     EXPECT_FALSE(contains(out, "[stale-link]")) << out;
 }
 
+// A power cut while a recording is open leaves its header counting none of the entries that
+// reached the disk, and may leave part of an entry at the end: the repair recounts the header
+// from the sound entries and cuts the unfinished entry off.
+TEST_F(Tool, CheckRecountsCountersAndCutsAnUnfinishedEntry) {
+    const struct tm t = start_of(1);
+    const std::string path = index_name(0, 1, t, 0);
+    const int fd = open(path.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    const unsigned char zeros[16] = {};
+    ASSERT_EQ(pwrite(fd, zeros, 4, 108), 4);  // entry count
+    ASSERT_EQ(pwrite(fd, zeros, 8, 112), 8);  // byte count
+    ASSERT_EQ(pwrite(fd, zeros, 4, 120), 4);  // key-frame count
+    const unsigned char tail[100] = {1, 2, 3};
+    ASSERT_GT(lseek(fd, 0, SEEK_END), 0);
+    ASSERT_EQ(write(fd, tail, sizeof tail), static_cast<ssize_t>(sizeof tail));
+    close(fd);
+    std::string out = check(4);
+    EXPECT_TRUE(contains(out, "inconsistency [counters] " + path + ": header counts 0 entries"))
+        << out;
+    EXPECT_TRUE(contains(out, "inconsistency [partial-entry] " + path +
+                                  ": 100 bytes of an unfinished entry at the end\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "2 inconsistencies found (2 of them repairable with --repair)\n"))
+        << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
+    EXPECT_TRUE(contains(out, "repaired: recounted the header of " + path + ": ")) << out;
+    EXPECT_TRUE(contains(out, "repaired: cut the unfinished entry off " + path + "\n")) << out;
+    out = check(0);
+    EXPECT_TRUE(contains(out, "0 inconsistencies found\n")) << out;
+}
+
 TEST_F(Tool, CheckReportsAStrayLink) {
     const struct tm t = start_of(5);
     const std::string link = link_name(0, kBlock1, 5, t, 0);
