@@ -158,13 +158,22 @@ void Checker::check_recordings() {
                 r.info.frame_count = static_cast<uint32_t>(frames);
             }
         }
+        if (r.zero_tail != 0) {
+            // Zeros where entries should be: readers end the recording before them.
+            add("zero-tail",
+                r.path + ": " + std::to_string(r.zero_tail) +
+                    " bytes of zeros after the last entry (a power cut's torn end)",
+                true);
+        }
         if (r.partial_tail != 0) {
             // Readers stop before it; cutting it off loses nothing.
             add("partial-entry",
                 r.path + ": " + std::to_string(r.partial_tail) +
                     " bytes of an unfinished entry at the end",
                 true);
-            cut_tails_.push_back({r.path, r.file_bytes - r.partial_tail});
+        }
+        if (r.zero_tail != 0 || r.partial_tail != 0) {
+            cut_tails_.push_back({r.path, r.file_bytes - r.zero_tail - r.partial_tail});
         }
         if (r.link_blocks.empty()) {
             add("no-link", r.path + ": no link in any block's link directory");
@@ -489,7 +498,7 @@ int Checker::repair() {
     }
     for (const auto &t : cut_tails_) {
         if (truncate(t.first.c_str(), static_cast<off_t>(t.second)) == 0) {
-            done(true, "cut the unfinished entry off " + t.first);
+            done(true, "cut what follows the last entry off " + t.first);
         } else {
             done(false, "cannot cut " + t.first + ": " + strerror(errno));
         }
@@ -524,8 +533,9 @@ void help() {
         "recorded to: an open recording's cache tag lags behind its index file.\n\n"
         "  --repair   fix what is safe: remove stale links and empty index files (a power cut\n"
         "             before their header was written; they hold no footage), recount header\n"
-        "             counters from sound entries, cut an unfinished last entry off, rewrite\n"
-        "             stale cache tags from the index files. Everything else is only reported.\n"
+        "             counters from sound entries, cut zeros or an unfinished entry after the\n"
+        "             last entry off, rewrite stale cache tags from the index files.\n"
+        "             Everything else is only reported.\n"
         "  --json     print the result as one JSON object (device, counts, findings with kind,\n"
         "             text and repairable, repairs, left, status) instead of the text.\n\n"
         "exit status, as file-system checkers give it:\n"

@@ -207,7 +207,34 @@ TEST_F(Tool, CheckRecountsCountersAndCutsAnUnfinishedEntry) {
         << out;
     ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
     EXPECT_TRUE(contains(out, "repaired: recounted the header of " + path + ": ")) << out;
-    EXPECT_TRUE(contains(out, "repaired: cut the unfinished entry off " + path + "\n")) << out;
+    EXPECT_TRUE(contains(out, "repaired: cut what follows the last entry off " + path + "\n"))
+        << out;
+    out = check(0);
+    EXPECT_TRUE(contains(out, "0 inconsistencies found\n")) << out;
+}
+
+// A power cut can leave an index file ending in zeros (its size reached the disk, its last
+// entries did not): the recording ends before them, and the repair cuts them off.
+TEST_F(Tool, CheckCutsZerosAfterTheLastEntry) {
+    const struct tm t = start_of(2);
+    const std::string path = index_name(0, 2, t, 0);
+    const int fd = open(path.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    const off_t end = lseek(fd, 0, SEEK_END);
+    ASSERT_GT(end, 0);
+    ASSERT_EQ(ftruncate(fd, end + 2 * 204), 0);
+    close(fd);
+    std::string out = check(4);
+    EXPECT_TRUE(contains(out, "inconsistency [zero-tail] " + path +
+                                  ": 408 bytes of zeros after the last entry (a power cut's "
+                                  "torn end)\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "1 inconsistency found (1 of them repairable with --repair)\n"))
+        << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, end);
     out = check(0);
     EXPECT_TRUE(contains(out, "0 inconsistencies found\n")) << out;
 }
