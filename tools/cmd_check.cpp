@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // recstore check: the consistency checker of one disk. Reads the data partition's maps, the index
 // tree and (when mounted) the tmpfs cache, and reports every place where they disagree. With
-// --repair it changes only what is safe to change: stale links and stale cache tags.
+// --repair it changes only what is safe to change: stale links, stale cache tags, empty index
+// files (with their links), header counters of sound entries and an unfinished last entry.
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -20,6 +21,7 @@
 #include "commands.h"
 #include "disk_view.h"
 #include "fs_tools.h"
+#include "fstype_old.h"
 
 namespace tool {
 
@@ -85,6 +87,15 @@ class Checker {
     std::vector<Finding> findings_;
     std::map<uint32_t, std::vector<std::string>> refs_;  // cluster -> "file entry i"
     std::vector<std::string> stale_links_;
+    std::vector<std::string> empty_files_;  // empty index files and their links
+    struct Recount {
+        std::string path;
+        uint32_t entries;
+        uint64_t bytes;
+        uint32_t frames;
+    };
+    std::vector<Recount> recounts_;  // headers whose counters are recounted from the entries
+    std::vector<std::pair<std::string, uint64_t>> cut_tails_;  // files cut to whole entries
     std::vector<CacheFile> cache_rewrites_;
     std::vector<Repair> repairs_;
 };
@@ -100,12 +111,28 @@ void Checker::check_magic() {
 }
 
 void Checker::check_recordings() {
-    for (const Recording &r : tree_.recordings) {
+    for (size_t i = 0; i < tree_.recordings.size(); i++) {
+        Recording &r = tree_.recordings[i];
+        if (!r.header_ok && r.file_bytes == 0) {
+            // Created, then cut before its header reached the disk: it holds no footage.
+            add("empty-index", r.path + ": an empty index file (its header never reached the disk)",
+                true);
+            empty_files_.push_back(r.path);
+            for (const LinkInfo &l : tree_.links) {
+                if (l.recording == static_cast<int>(i)) empty_files_.push_back(l.path);
+            }
+            continue;
+        }
         if (!r.header_ok) {
             add("bad-header", r.path + ": the header cannot be read (" +
                                   std::to_string(r.file_bytes) + " bytes)");
             continue;
         }
+        const size_t before_entries = findings_.size();
+        check_entries(r);
+        // Counters that disagree with entries that are themselves sound are what a power cut
+        // leaves of a recording still open (its header is rewritten only at close): recounted.
+        const bool entries_sound = findings_.size() == before_entries;
         uint64_t bytes = 0;
         uint64_t frames = 0;
         for (const index_entry &e : r.entries) {
@@ -121,11 +148,32 @@ void Checker::check_recordings() {
                      r.info.entry_count, static_cast<unsigned long long>(r.info.total_bytes),
                      r.info.frame_count, r.entries.size(), static_cast<unsigned long long>(bytes),
                      static_cast<unsigned long long>(frames));
-            add("counters", r.path + text);
+            add("counters", r.path + text, entries_sound);
+            if (entries_sound) {
+                recounts_.push_back({r.path, static_cast<uint32_t>(r.entries.size()), bytes,
+                                     static_cast<uint32_t>(frames)});
+                // The cache check and its repair compare tags with the recounted header.
+                r.info.entry_count = static_cast<uint32_t>(r.entries.size());
+                r.info.total_bytes = bytes;
+                r.info.frame_count = static_cast<uint32_t>(frames);
+            }
+        }
+        if (r.zero_tail != 0) {
+            // Zeros where entries should be: readers end the recording before them.
+            add("zero-tail",
+                r.path + ": " + std::to_string(r.zero_tail) +
+                    " bytes of zeros after the last entry (a power cut's torn end)",
+                true);
         }
         if (r.partial_tail != 0) {
-            add("partial-entry", r.path + ": " + std::to_string(r.partial_tail) +
-                                     " bytes of an unfinished entry at the end");
+            // Readers stop before it; cutting it off loses nothing.
+            add("partial-entry",
+                r.path + ": " + std::to_string(r.partial_tail) +
+                    " bytes of an unfinished entry at the end",
+                true);
+        }
+        if (r.zero_tail != 0 || r.partial_tail != 0) {
+            cut_tails_.push_back({r.path, r.file_bytes - r.zero_tail - r.partial_tail});
         }
         if (r.link_blocks.empty()) {
             add("no-link", r.path + ": no link in any block's link directory");
@@ -139,7 +187,6 @@ void Checker::check_recordings() {
             add("link-block", r.path + ": linked from " + std::to_string(r.link_blocks.size()) +
                                   " block directories");
         }
-        check_entries(r);
     }
 }
 
@@ -403,6 +450,24 @@ bool write_tags(const CacheFile &f) {
     return rename(tmp.c_str(), f.path.c_str()) == 0;
 }
 
+// Writes a header's entry, byte and key-frame counters in place and flushes the file.
+bool write_counters(const std::string &path, uint32_t entries, uint64_t bytes, uint32_t frames) {
+    const int fd = open(path.c_str(), O_WRONLY);
+    if (fd < 0) return false;
+    unsigned char count[4], total[8], keys[4];
+    recstore::le32_store(count, entries);
+    recstore::le64_store(total, bytes);
+    recstore::le32_store(keys, frames);
+    const bool ok = pwrite(fd, count, sizeof count, recstore::kOffEntryCount) == sizeof count &&
+                    pwrite(fd, total, sizeof total, recstore::kOffTotalBytes) == sizeof total &&
+                    pwrite(fd, keys, sizeof keys, recstore::kOffFrameCount) == sizeof keys &&
+                    fsync(fd) == 0;
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+    return ok;
+}
+
 int Checker::repair() {
     int failed = 0;
     auto done = [this, &failed](bool ok, const std::string &text) {
@@ -414,6 +479,28 @@ int Checker::repair() {
             done(true, "removed the stale link " + l);
         } else {
             done(false, "cannot remove " + l + ": " + strerror(errno));
+        }
+    }
+    for (const std::string &e : empty_files_) {
+        if (unlink(e.c_str()) == 0) {
+            done(true, "removed " + e);
+        } else {
+            done(false, "cannot remove " + e + ": " + strerror(errno));
+        }
+    }
+    for (const Recount &c : recounts_) {
+        if (write_counters(c.path, c.entries, c.bytes, c.frames)) {
+            done(true, "recounted the header of " + c.path + ": " + std::to_string(c.entries) +
+                           " entries");
+        } else {
+            done(false, "cannot rewrite the header of " + c.path + ": " + strerror(errno));
+        }
+    }
+    for (const auto &t : cut_tails_) {
+        if (truncate(t.first.c_str(), static_cast<off_t>(t.second)) == 0) {
+            done(true, "cut what follows the last entry off " + t.first);
+        } else {
+            done(false, "cannot cut " + t.first + ": " + strerror(errno));
         }
     }
     for (const CacheFile &f : cache_rewrites_) {
@@ -444,8 +531,11 @@ void help() {
         "Read-only by default: the index partition is used where it is mounted (/mnt/sdX) or\n"
         "mounted read-only there for the check (root). Run it on a disk that is not being\n"
         "recorded to: an open recording's cache tag lags behind its index file.\n\n"
-        "  --repair   fix what is safe: remove stale links, rewrite stale cache tags from the\n"
-        "             index files. Everything else is only reported.\n"
+        "  --repair   fix what is safe: remove stale links and empty index files (a power cut\n"
+        "             before their header was written; they hold no footage), recount header\n"
+        "             counters from sound entries, cut zeros or an unfinished entry after the\n"
+        "             last entry off, rewrite stale cache tags from the index files.\n"
+        "             Everything else is only reported.\n"
         "  --json     print the result as one JSON object (device, counts, findings with kind,\n"
         "             text and repairable, repairs, left, status) instead of the text.\n\n"
         "exit status, as file-system checkers give it:\n"

@@ -247,6 +247,12 @@ void read_recording(int disk_id, Recording *r) {
     for (size_t at = 0; at + kEntryBytesOnDisk <= raw.size(); at += kEntryBytesOnDisk) {
         index_entry e;
         const unsigned char *p = raw.data() + at;
+        // No entry is all zeros (none names cluster 0, the block map): the recording ends here,
+        // as the library's playback ends it.
+        if (std::all_of(p, p + kEntryBytesOnDisk, [](unsigned char b) { return b == 0; })) {
+            r->zero_tail = raw.size() - at;
+            break;
+        }
         e.cluster_id = recstore::le32_load(p);
         e.length = recstore::le32_load(p + 4);
         e.frame_count = recstore::le32_load(p + 8);

@@ -76,12 +76,13 @@ struct Recording {
     int channel = 0;
     struct tm start = {};
     int type = 0;
-    bool header_ok = false;             // the header could be read
-    recordinfo info = {};               // the header
-    uint64_t file_bytes = 0;            // size of the index file
-    uint32_t header_bytes = 0;          // header size
-    std::vector<index_entry> entries;   // every whole entry of the file
-    uint32_t partial_tail = 0;          // bytes of a partial entry at the end
+    bool header_ok = false;            // the header could be read
+    recordinfo info = {};              // the header
+    uint64_t file_bytes = 0;           // size of the index file
+    uint32_t header_bytes = 0;         // header size
+    std::vector<index_entry> entries;  // every whole entry of the file
+    uint32_t partial_tail = 0;         // bytes of a partial entry at the end
+    uint64_t zero_tail = 0;  // bytes from the first all-zero entry on (a power cut's torn end)
     std::vector<uint32_t> link_blocks;  // blocks whose link directory links to this file
 };
 

@@ -161,6 +161,84 @@ TEST_F(Tool, CheckReportsARemovedIndexFileAndRepairsWhatIsSafe) {
     EXPECT_TRUE(contains(out, "[unreferenced-cluster]")) << out;
 }
 
+// A power cut between the creation of an index file and its header's write-back leaves an empty
+// file: it holds no footage, so the repair removes it with its link.
+TEST_F(Tool, CheckRemovesAnEmptyIndexFileWithItsLink) {
+    const struct tm t = start_of(3);
+    ASSERT_EQ(truncate(index_name(0, 3, t, 0).c_str(), 0), 0);
+    std::string out = check(4);
+    EXPECT_TRUE(contains(out, "inconsistency [empty-index] " + index_name(0, 3, t, 0) +
+                                  ": an empty index file (its header never reached the disk)\n"))
+        << out;
+    EXPECT_FALSE(contains(out, "[bad-header]")) << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 4) << out;
+    EXPECT_TRUE(contains(out, "repaired: removed " + index_name(0, 3, t, 0) + "\n")) << out;
+    EXPECT_TRUE(contains(out, "repaired: removed " + link_name(0, kBlock1, 3, t, 0) + "\n")) << out;
+    EXPECT_FALSE(exists(index_name(0, 3, t, 0)));
+    EXPECT_FALSE(exists(link_name(0, kBlock1, 3, t, 0)));
+    out = check(4);
+    EXPECT_FALSE(contains(out, "[empty-index]")) << out;
+    EXPECT_FALSE(contains(out, "[stale-link]")) << out;
+}
+
+// A power cut while a recording is open leaves its header counting none of the entries that
+// reached the disk, and may leave part of an entry at the end: the repair recounts the header
+// from the sound entries and cuts the unfinished entry off.
+TEST_F(Tool, CheckRecountsCountersAndCutsAnUnfinishedEntry) {
+    const struct tm t = start_of(1);
+    const std::string path = index_name(0, 1, t, 0);
+    const int fd = open(path.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    const unsigned char zeros[16] = {};
+    ASSERT_EQ(pwrite(fd, zeros, 4, 108), 4);  // entry count
+    ASSERT_EQ(pwrite(fd, zeros, 8, 112), 8);  // byte count
+    ASSERT_EQ(pwrite(fd, zeros, 4, 120), 4);  // key-frame count
+    const unsigned char tail[100] = {1, 2, 3};
+    ASSERT_GT(lseek(fd, 0, SEEK_END), 0);
+    ASSERT_EQ(write(fd, tail, sizeof tail), static_cast<ssize_t>(sizeof tail));
+    close(fd);
+    std::string out = check(4);
+    EXPECT_TRUE(contains(out, "inconsistency [counters] " + path + ": header counts 0 entries"))
+        << out;
+    EXPECT_TRUE(contains(out, "inconsistency [partial-entry] " + path +
+                                  ": 100 bytes of an unfinished entry at the end\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "2 inconsistencies found (2 of them repairable with --repair)\n"))
+        << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
+    EXPECT_TRUE(contains(out, "repaired: recounted the header of " + path + ": ")) << out;
+    EXPECT_TRUE(contains(out, "repaired: cut what follows the last entry off " + path + "\n"))
+        << out;
+    out = check(0);
+    EXPECT_TRUE(contains(out, "0 inconsistencies found\n")) << out;
+}
+
+// A power cut can leave an index file ending in zeros (its size reached the disk, its last
+// entries did not): the recording ends before them, and the repair cuts them off.
+TEST_F(Tool, CheckCutsZerosAfterTheLastEntry) {
+    const struct tm t = start_of(2);
+    const std::string path = index_name(0, 2, t, 0);
+    const int fd = open(path.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    const off_t end = lseek(fd, 0, SEEK_END);
+    ASSERT_GT(end, 0);
+    ASSERT_EQ(ftruncate(fd, end + 2 * 204), 0);
+    close(fd);
+    std::string out = check(4);
+    EXPECT_TRUE(contains(out, "inconsistency [zero-tail] " + path +
+                                  ": 408 bytes of zeros after the last entry (a power cut's "
+                                  "torn end)\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "1 inconsistency found (1 of them repairable with --repair)\n"))
+        << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, end);
+    out = check(0);
+    EXPECT_TRUE(contains(out, "0 inconsistencies found\n")) << out;
+}
+
 TEST_F(Tool, CheckReportsAStrayLink) {
     const struct tm t = start_of(5);
     const std::string link = link_name(0, kBlock1, 5, t, 0);
