@@ -1462,11 +1462,12 @@ void fs_set_exphandle_ex(const fs_exphandle_ex *handlers);
 fs_exphandle_ex *fs_get_exphandle_ex(void);
 
 /* ---- deletion of recordings and blocks ---- */
-/* Deletes one recording (record: start time, channel and type): frees the clusters its entries
- * name that lie in the disk's current block (others stay busy until their block is cleared),
- * removes the index file and the directories it empties, and drops its cache tag. Its link
- * stays. 0, or -1 in read-only mode, for a bad id, null record, an index file that cannot be
- * opened or read whole (the file is kept; clusters freed before stay free) or a failed remove.
+/* Deletes one recording (record: start time, channel and type): removes the index file and the
+ * directories it empties, makes that durable (syncfs of the index partition), then frees the
+ * clusters its entries name that lie in the disk's current block (others stay busy until their
+ * block is cleared), and drops its cache tag. Its link stays. 0, or -1 in read-only mode, for a
+ * bad id, null record, an index file that cannot be opened or read whole (the file is kept and
+ * nothing is freed), a failed remove, or a failed flush (the clusters then stay busy).
  * Takes g_fslock around the open and close, the disk's mutex per cluster, then g_cachelock. */
 int fs_delete(int disk_id, const record_name *record);
 /* Deletes every index file of the group-0 disks that starts at or before t (seconds since the
@@ -1481,9 +1482,11 @@ int file_delete_index_before_action(const char *path, void *t);
 /* Removes every recording created in a block (through its link directory: index files, links,
  * emptied directories, cache tags) and frees the block: block_clear and an fsync of the maps
  * under the disk's mutex (must not be held). 0, or -1 in read-only mode, for a bad id, block
- * 0xFFFFFFFF, the current block or no index root. Also -1, with the block left in use, when a
- * recording of the block could not be removed or its link directory cannot be listed (an I/O
- * error): freeing the block would hand out clusters the recording still references. */
+ * 0xFFFFFFFF, the current block or no index root. The removals are made durable (syncfs of the
+ * index partition) before the block is freed. Also -1, with the block left in use, when a
+ * recording of the block could not be removed, its link directory cannot be listed or the index
+ * partition cannot be flushed (an I/O error): freeing the block would hand out clusters a
+ * recording may still reference after a power cut. */
 int fs_clear(int disk_id, uint32_t block_id);
 /* Walk action of fs_clear over a link directory (user unused): for a link naming a recording,
  * removes its index file, the link, the directories left empty and the cache tag (g_cachelock);

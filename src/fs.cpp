@@ -36,6 +36,7 @@
 
 #include <utility>
 #include <array>
+#include <vector>
 #include <atomic>
 #include <cstdarg>
 #include <memory>
@@ -2069,8 +2070,8 @@ void remove_empty_dirs_upward(const char *dir, const char *root) {
     }
 }
 
-// Frees the clusters listed in an open index file's entries. false when an entry is missing.
-bool free_clusters_of(int disk_id, int idx, uint32_t entries) {
+// The clusters listed in an open index file's entries. false when an entry is missing.
+bool clusters_of(int idx, uint32_t entries, std::vector<uint32_t> *out) {
     for (uint32_t i = 0; i < entries; i++) {
         uint32_t cluster = 0;
         uint32_t length = 0;
@@ -2080,8 +2081,23 @@ bool free_clusters_of(int disk_id, int idx, uint32_t entries) {
             static_cast<int>(index_size())) {
             return false;
         }
-        MutexGuard guard(g_disk[disk_id].lock);
-        datazone_free(disk_id, static_cast<int>(cluster));
+        out->push_back(cluster);
+    }
+    return true;
+}
+
+// Makes every change of the disk's index partition durable (syncfs). Freed clusters may reach
+// the disk only after the removals that stop recordings from naming them, or a power cut would
+// bring recordings back pointing into space handed out again. false, reported, on failure.
+bool sync_index_partition(int disk_id) {
+    char root[RECSTORE_PATH_LEN];
+    idx_root(disk_id, root, sizeof root);
+    if (root[0] == '\0') return false;
+    FdGuard fd(io_calls().open(root, O_RDONLY | O_DIRECTORY, 0));
+    if (fd.get() < 0 || io_calls().syncfs(fd.get()) != 0) {
+        FS_LOG_ERR("index partition flush failed:%s\n", root);
+        perror("syncfs");
+        return false;
     }
     return true;
 }
@@ -2123,13 +2139,21 @@ int fs_delete(int disk_id, const record_name *record) {
     }
     if (idx < 0) return -1;
     recordinfo info;
-    const bool ok = index_stat(idx, &info) == 0 && free_clusters_of(disk_id, idx, info.entry_count);
+    std::vector<uint32_t> clusters;
+    const bool ok = index_stat(idx, &info) == 0 && clusters_of(idx, info.entry_count, &clusters);
     {
         MutexGuard guard(g_fslock);
         index_close(idx, nullptr);
     }
     if (!ok) return -1;
     if (index_del(disk_id, &record->start, record->channel, record->type) != 0) return -1;
+    // The removal is durable before the clusters are freed (see sync_index_partition); if it
+    // cannot be made so, the clusters stay busy until their block is recycled.
+    if (!sync_index_partition(disk_id)) return -1;
+    for (uint32_t cluster : clusters) {
+        MutexGuard guard(g_disk[disk_id].lock);
+        datazone_free(disk_id, static_cast<int>(cluster));
+    }
     if (fs_use_cache()) {
         struct tm start = record->start;
         cache_delete(disk_id, record->channel, &start, record->type);
@@ -2260,6 +2284,11 @@ int fs_clear(int disk_id, uint32_t block_id) {
         return -1;
     }
     remove_file(dir, kRemoveTree);
+    // Every removal above is durable before the block is freed (see sync_index_partition).
+    if (!sync_index_partition(disk_id)) {
+        FS_LOG_ERR("block %u not freed: the index partition cannot be flushed\n", block_id);
+        return -1;
+    }
     MutexGuard guard(g_disk[disk_id].lock);
     block_clear(disk_id, block_id);
     datazone_sync_bm(disk_id);

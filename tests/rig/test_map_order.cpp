@@ -3,12 +3,15 @@
 // while the map word of its cluster is not would, after a power cut, name a cluster the maps call
 // free, and recording after bring-up would overwrite it. So the maps are flushed before every
 // flush that makes entries durable (a writer's close, fs_sync), and the daemon flushes changed
-// maps within a second. The flushes are recorded through the library's I/O table. One formatted
-// 200 GiB loop-backed disk brought up in the plug-in order, direct payload I/O.
+// maps within a second. The other way round, a deletion or a recycled block makes the removal of
+// the index files durable before it frees their clusters. The flushes are recorded through the
+// library's I/O table. One formatted 200 GiB loop-backed disk brought up in the plug-in order,
+// direct payload I/O.
 #include <fcntl.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -49,6 +52,82 @@ int first_fsync(int fd) {
         if (g_fsyncs[i] == fd) return static_cast<int>(i);
     }
     return -1;
+}
+
+// Events of a deletion, in order: "remove", "syncfs", "map" (a write into the maps).
+std::vector<std::string> g_events;
+int g_maps_fd = -1;
+
+void note(const char *what) {
+    std::lock_guard<std::mutex> guard(g_log_lock);
+    g_events.push_back(what);
+}
+// Removals on the index partition (the cache's own files do not count).
+bool on_index_partition(const char *path) {
+    return strncmp(path, "/mnt/sd", 7) == 0;
+}
+int noting_remove(const char *path) {
+    if (on_index_partition(path)) note("remove");
+    return recstore::io_calls().remove.real()(path);
+}
+int noting_unlink(const char *path) {
+    if (on_index_partition(path)) note("remove");
+    return recstore::io_calls().unlink.real()(path);
+}
+int noting_syncfs(int fd) {
+    note("syncfs");
+    return recstore::io_calls().syncfs.real()(fd);
+}
+ssize_t noting_pwrite(int fd, const void *buf, size_t n, off64_t pos) {
+    if (fd == g_maps_fd) note("map");
+    return recstore::io_calls().pwrite64.real()(fd, buf, n, pos);
+}
+
+// Position of the first event `what` at or after `from` (-1: none), and of the last one.
+int first_event(const std::string &what, size_t from = 0) {
+    for (size_t i = from; i < g_events.size(); i++) {
+        if (g_events[i] == what) return static_cast<int>(i);
+    }
+    return -1;
+}
+int last_event(const std::string &what) {
+    for (size_t i = g_events.size(); i > 0; i--) {
+        if (g_events[i - 1] == what) return static_cast<int>(i - 1);
+    }
+    return -1;
+}
+
+// Records the removals, index-partition flushes and map writes of a deletion.
+class DeletionEvents {
+  public:
+    explicit DeletionEvents(int maps_fd)
+        : remove_(recstore::io_calls().remove, noting_remove),
+          unlink_(recstore::io_calls().unlink, noting_unlink),
+          syncfs_(recstore::io_calls().syncfs, noting_syncfs),
+          pwrite_(recstore::io_calls().pwrite64, noting_pwrite) {
+        g_events.clear();
+        g_maps_fd = maps_fd;
+    }
+
+  private:
+    recstore::IoOverride<int(const char *)> remove_;
+    recstore::IoOverride<int(const char *)> unlink_;
+    recstore::IoOverride<int(int)> syncfs_;
+    recstore::IoOverride<ssize_t(int, const void *, size_t, off64_t)> pwrite_;
+};
+
+// The removals are flushed after the last of them and before the first map write that frees.
+void expect_removals_durable_first(const char *what) {
+    const int removed = last_event("remove");
+    ASSERT_GE(removed, 0) << what << ": nothing removed";
+    const int flushed = first_event("syncfs", static_cast<size_t>(removed));
+    const int freed = first_event("map", static_cast<size_t>(removed));
+    EXPECT_GE(flushed, 0) << what << ": the index partition was not flushed after the removals";
+    EXPECT_GE(freed, 0) << what << ": no map write after the removals";
+    EXPECT_EQ(first_event("map"), freed) << what << ": a map was written before a removal";
+    if (flushed >= 0 && freed >= 0) {
+        EXPECT_LT(flushed, freed) << what << ": clusters freed before the removals were durable";
+    }
 }
 
 class MapOrder : public ::testing::Test {
@@ -140,6 +219,37 @@ TEST_F(MapOrder, ChangedMapsAreFlushedAfterEachPass) {
     recstore::fs_flush_changed_maps();
     EXPECT_EQ(first_fsync(maps_fd()), -1) << "unchanged maps were flushed again";
     fs_close(h, nullptr);
+}
+
+// Deleting one recording: its index file's removal is durable before its clusters are freed.
+TEST_F(MapOrder, DeleteMakesTheRemovalDurableBeforeFreeing) {
+    const int h = writer(6, 3);
+    ASSERT_GE(h, 0);
+    fs_close(h, nullptr);
+    record_name name;
+    memset(&name, 0, sizeof name);
+    name.channel = 6;
+    name.start = make_tm(2024, 10, 1, 8, 0, 6);
+    {
+        DeletionEvents events(maps_fd());
+        ASSERT_EQ(fs_delete(0, &name), 0);
+    }
+    expect_removals_durable_first("fs_delete");
+}
+
+// Freeing a block: every removal of its recordings is durable before the block is freed.
+TEST_F(MapOrder, ClearMakesTheRemovalsDurableBeforeFreeing) {
+    for (int ch = 7; ch < 9; ch++) {
+        const int h = writer(ch, 2);
+        ASSERT_GE(h, 0);
+        fs_close(h, nullptr);
+    }
+    ASSERT_EQ(fs_changeblock(0, 0, 0), 0);
+    {
+        DeletionEvents events(maps_fd());
+        ASSERT_EQ(fs_clear(0, kBlock1), 0);
+    }
+    expect_removals_durable_first("fs_clear");
 }
 
 }  // namespace
