@@ -114,45 +114,17 @@ int hook_close(int fd) {
     return r;
 }
 
-// The transfers: a short count moves half of what was asked (the first buffer of a vector).
-template <typename Real, typename... A>
-ssize_t transfer(const char *name, Real real, void *buf, size_t n, A... a) {
+// The transfers: the call, or its failure. A short count moves half of what was asked (the first
+// buffer of a vector), as `shorter` does; the other faults give -1 with their errno.
+template <typename Full, typename Shorter>
+ssize_t transfer(const char *name, Full full, Shorter shorter) {
     Fault f;
-    if (!draw(name, true, &f)) return real(a..., buf, n);
+    if (!draw(name, true, &f)) return full();
     if (f != Fault::kShort) {
         errno = errno_of(f);
         return -1;
     }
-    return real(a..., buf, n / 2);
-}
-
-ssize_t hook_read(int fd, void *b, size_t n) {
-    auto real = [](int d, void *p, size_t k) { return recstore::io_calls().read.real()(d, p, k); };
-    return transfer("read", real, b, n, fd);
-}
-ssize_t hook_write(int fd, const void *b, size_t n) {
-    auto real = [](int d, void *p, size_t k) { return recstore::io_calls().write.real()(d, p, k); };
-    return transfer("write", real, const_cast<void *>(b), n, fd);
-}
-ssize_t hook_pread(int fd, void *b, size_t n, off64_t pos) {
-    Fault f;
-    const auto real = recstore::io_calls().pread64.real();
-    if (!draw("pread64", true, &f)) return real(fd, b, n, pos);
-    if (f != Fault::kShort) {
-        errno = errno_of(f);
-        return -1;
-    }
-    return real(fd, b, n / 2, pos);
-}
-ssize_t hook_pwrite(int fd, const void *b, size_t n, off64_t pos) {
-    Fault f;
-    const auto real = recstore::io_calls().pwrite64.real();
-    if (!draw("pwrite64", true, &f)) return real(fd, b, n, pos);
-    if (f != Fault::kShort) {
-        errno = errno_of(f);
-        return -1;
-    }
-    return real(fd, b, n / 2, pos);
+    return shorter();
 }
 
 // A shortened copy of a vector: its first buffer, or half of it when it is the only one.
@@ -162,49 +134,49 @@ std::vector<struct iovec> shortened(const struct iovec *iov, int cnt) {
     return v;
 }
 
+ssize_t hook_read(int fd, void *b, size_t n) {
+    const auto real = recstore::io_calls().read.real();
+    return transfer(
+        "read", [&] { return real(fd, b, n); }, [&] { return real(fd, b, n / 2); });
+}
+ssize_t hook_write(int fd, const void *b, size_t n) {
+    const auto real = recstore::io_calls().write.real();
+    return transfer(
+        "write", [&] { return real(fd, b, n); }, [&] { return real(fd, b, n / 2); });
+}
+ssize_t hook_pread(int fd, void *b, size_t n, off64_t pos) {
+    const auto real = recstore::io_calls().pread64.real();
+    return transfer(
+        "pread64", [&] { return real(fd, b, n, pos); }, [&] { return real(fd, b, n / 2, pos); });
+}
+ssize_t hook_pwrite(int fd, const void *b, size_t n, off64_t pos) {
+    const auto real = recstore::io_calls().pwrite64.real();
+    return transfer(
+        "pwrite64", [&] { return real(fd, b, n, pos); }, [&] { return real(fd, b, n / 2, pos); });
+}
 ssize_t hook_readv(int fd, const struct iovec *iov, int cnt) {
-    Fault f;
     const auto real = recstore::io_calls().readv.real();
-    if (!draw("readv", true, &f)) return real(fd, iov, cnt);
-    if (f != Fault::kShort) {
-        errno = errno_of(f);
-        return -1;
-    }
-    const auto v = shortened(iov, cnt);
-    return real(fd, v.data(), 1);
+    return transfer(
+        "readv", [&] { return real(fd, iov, cnt); },
+        [&] { return real(fd, shortened(iov, cnt).data(), 1); });
 }
 ssize_t hook_writev(int fd, const struct iovec *iov, int cnt) {
-    Fault f;
     const auto real = recstore::io_calls().writev.real();
-    if (!draw("writev", true, &f)) return real(fd, iov, cnt);
-    if (f != Fault::kShort) {
-        errno = errno_of(f);
-        return -1;
-    }
-    const auto v = shortened(iov, cnt);
-    return real(fd, v.data(), 1);
+    return transfer(
+        "writev", [&] { return real(fd, iov, cnt); },
+        [&] { return real(fd, shortened(iov, cnt).data(), 1); });
 }
 ssize_t hook_preadv(int fd, const struct iovec *iov, int cnt, off64_t pos) {
-    Fault f;
     const auto real = recstore::io_calls().preadv64.real();
-    if (!draw("preadv64", true, &f)) return real(fd, iov, cnt, pos);
-    if (f != Fault::kShort) {
-        errno = errno_of(f);
-        return -1;
-    }
-    const auto v = shortened(iov, cnt);
-    return real(fd, v.data(), 1, pos);
+    return transfer(
+        "preadv64", [&] { return real(fd, iov, cnt, pos); },
+        [&] { return real(fd, shortened(iov, cnt).data(), 1, pos); });
 }
 ssize_t hook_pwritev(int fd, const struct iovec *iov, int cnt, off64_t pos) {
-    Fault f;
     const auto real = recstore::io_calls().pwritev64.real();
-    if (!draw("pwritev64", true, &f)) return real(fd, iov, cnt, pos);
-    if (f != Fault::kShort) {
-        errno = errno_of(f);
-        return -1;
-    }
-    const auto v = shortened(iov, cnt);
-    return real(fd, v.data(), 1, pos);
+    return transfer(
+        "pwritev64", [&] { return real(fd, iov, cnt, pos); },
+        [&] { return real(fd, shortened(iov, cnt).data(), 1, pos); });
 }
 
 template <typename T>
