@@ -2090,6 +2090,9 @@ bool clusters_of(int idx, uint32_t entries, std::vector<uint32_t> *out) {
 // the disk only after the removals that stop recordings from naming them, or a power cut would
 // bring recordings back pointing into space handed out again. false, reported, on failure.
 bool sync_index_partition(int disk_id) {
+    // syncfs also makes the entries of every open recording durable: the map words of their
+    // clusters go first, as at a close.
+    recstore::datazone_flush_maps(disk_id);
     char root[RECSTORE_PATH_LEN];
     idx_root(disk_id, root, sizeof root);
     if (root[0] == '\0') return false;

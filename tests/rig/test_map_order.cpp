@@ -74,6 +74,10 @@ int noting_unlink(const char *path) {
     if (on_index_partition(path)) note("remove");
     return recstore::io_calls().unlink.real()(path);
 }
+int noting_fsync(int fd) {
+    if (fd == g_maps_fd) note("mapflush");
+    return recstore::io_calls().fsync.real()(fd);
+}
 int noting_syncfs(int fd) {
     note("syncfs");
     return recstore::io_calls().syncfs.real()(fd);
@@ -104,6 +108,7 @@ class DeletionEvents {
         : remove_(recstore::io_calls().remove, noting_remove),
           unlink_(recstore::io_calls().unlink, noting_unlink),
           syncfs_(recstore::io_calls().syncfs, noting_syncfs),
+          fsync_(recstore::io_calls().fsync, noting_fsync),
           pwrite_(recstore::io_calls().pwrite64, noting_pwrite) {
         g_events.clear();
         g_maps_fd = maps_fd;
@@ -113,6 +118,7 @@ class DeletionEvents {
     recstore::IoOverride<int(const char *)> remove_;
     recstore::IoOverride<int(const char *)> unlink_;
     recstore::IoOverride<int(int)> syncfs_;
+    recstore::IoOverride<int(int)> fsync_;
     recstore::IoOverride<ssize_t(int, const void *, size_t, off64_t)> pwrite_;
 };
 
@@ -125,6 +131,12 @@ void expect_removals_durable_first(const char *what) {
     EXPECT_GE(flushed, 0) << what << ": the index partition was not flushed after the removals";
     EXPECT_GE(freed, 0) << what << ": no map write after the removals";
     EXPECT_EQ(first_event("map"), freed) << what << ": a map was written before a removal";
+    // syncfs makes open recordings' entries durable too: the maps are flushed before it.
+    const int maps = first_event("mapflush");
+    EXPECT_GE(maps, 0) << what << ": the maps were not flushed";
+    if (flushed >= 0) {
+        EXPECT_LT(maps, flushed) << what << ": the index partition was flushed before the maps";
+    }
     if (flushed >= 0 && freed >= 0) {
         EXPECT_LT(flushed, freed) << what << ": clusters freed before the removals were durable";
     }
