@@ -149,15 +149,7 @@ bool bench_close_flush(const rig::Disk &disk, CloseResult *out) {
         without_rate.push_back(r.recs_per_sec);
         without_ms.insert(without_ms.end(), r.close_ms.begin(), r.close_ms.end());
     };
-    for (int round = 0; round < kRounds && ok; round++) {
-        if (round % 2 == 0) {
-            with();
-            without();
-        } else {
-            without();
-            with();
-        }
-    }
+    interleave(kRounds, ok, with, without);
     take_down(disk);
     out->with_rate = median(with_rate);
     out->without_rate = median(without_rate);
@@ -222,15 +214,7 @@ bool bench_buffered_order(const rig::Disk &disk, int streams, OrderResult *out) 
         without_mibs.push_back(gib * 1024 / s.wall);
         without_cpu.push_back(s.cpu / gib);
     };
-    for (int round = 0; round < kRounds && ok; round++) {
-        if (round % 2 == 0) {
-            with();
-            without();
-        } else {
-            without();
-            with();
-        }
-    }
+    interleave(kRounds, ok, with, without);
     take_down(disk);
     out->streams = streams;
     out->with_mibs = median(with_mibs);

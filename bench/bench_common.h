@@ -93,6 +93,21 @@ Sample measure(Fn fn) {
     return s;
 }
 
+// Runs `a` and `b` once per round while `ok` holds, alternating which goes first, so that
+// neither side always follows the other.
+template <typename A, typename B>
+void interleave(int rounds, const bool &ok, A a, B b) {
+    for (int round = 0; round < rounds && ok; round++) {
+        if (round % 2 == 0) {
+            a();
+            b();
+        } else {
+            b();
+            a();
+        }
+    }
+}
+
 // The plain writer: `clusters` clusters of 512 KiB written sequentially with O_DIRECT from the
 // first data cluster of the partition on, then fsync.
 inline bool write_raw(const std::string &partition, const unsigned char *buf, uint32_t clusters) {
