@@ -422,7 +422,7 @@ bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int cha
     // disk is full again, and the disk table changes only while nobody reads it.
     rec_shutdown_deamon();
     rec_lockdisk();
-    const int current = block_get_current(sdb);
+    const int current = current_block(sdb);
     s.take_down(sdb, true);
     rec_unlockdisk();
     const uint32_t stamp = static_cast<uint32_t>(time(nullptr) >> 2);
@@ -475,7 +475,7 @@ bool recycle(FILE *out, Session &s, const std::vector<rig::Disk> &disks, int cha
     // one with room there.
     for (int i = 0; i < 2000 && f->recycled_block < 0; i++) {
         rec_lockdisk();
-        if (current_disk() == freed_disk) f->recycled_block = block_get_current(freed_disk);
+        if (current_disk() == freed_disk) f->recycled_block = current_block(freed_disk);
         rec_unlockdisk();
         if (f->recycled_block < 0) usleep(10000);
     }
@@ -592,7 +592,7 @@ int run_demo(Terminal &term, int channels, int seconds) {
         if (ok) {
             rec_lockdisk();
             const int disk = current_disk();
-            const int block = block_get_current(disk);
+            const int block = current_block(disk);
             rec_unlockdisk();
             fprintf(out, "daemon running, recording to sd%c block %d\n", 'a' + disk, block);
             fprintf(out, "\nrecording %d channels for %d s:\n", channels, seconds);

@@ -111,10 +111,11 @@ bool Recorder::store(Channel &c, const unsigned char *buf, uint32_t len, const k
 }
 
 void Recorder::watch_rotation(double elapsed) {
-    // The daemon changes disk and block under the disk-table lock: read them under it too.
+    // The daemon picks the disk under the disk-table lock and changes blocks under the disk's
+    // mutex: read each under its own lock.
     rec_lockdisk();
     const int disk = current_disk();
-    const int block = disk >= 0 ? block_get_current(disk) : -1;
+    const int block = disk >= 0 ? current_block(disk) : -1;
     rec_unlockdisk();
     // Between the end of a block and the next one there is no current block: not a change.
     if (block < 0 && last_disk_ != -2) return;

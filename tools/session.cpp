@@ -2,6 +2,7 @@
 // The library as a recorder runs it.
 #include "session.h"
 
+#include <pthread.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -40,6 +41,14 @@ void Session::say(bool verbose, const char *step, const std::string &dev, int re
 
 int current_disk() {
     return __atomic_load_n(&g_recctx.curdiskid, __ATOMIC_SEQ_CST);
+}
+
+int current_block(int disk) {
+    if (disk < 0 || disk >= RECSTORE_MAX_DISKS) return -1;
+    pthread_mutex_lock(&g_disk[disk].lock);
+    const int block = block_get_current(disk);
+    pthread_mutex_unlock(&g_disk[disk].lock);
+    return block;
 }
 
 Session::~Session() {

@@ -62,6 +62,9 @@ bool bring_up_all(Session &s, const std::vector<std::string> &disks, std::string
 
 // The disk the recording layer records to now (-1 when none).
 int current_disk();
+// The disk's current block (-1 when none), read under the disk's mutex: the daemon changes blocks
+// under it, with no disk-table lock held.
+int current_block(int disk);
 
 }  // namespace tool
 

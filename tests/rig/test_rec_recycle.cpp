@@ -127,7 +127,7 @@ class Recycle : public ::testing::Test {
         ASSERT_TRUE(wait_for([] {
             return locked([] {
                 const int d = current_disk();
-                return d >= 0 && block_get_current(d) >= 0;
+                return d >= 0 && current_block(d) >= 0;
             });
         }));
     }
@@ -379,7 +379,7 @@ TEST_F(Recycle, TheDaemonFreesTheEarliestBlockWhenEveryDiskIsFull) {
     // No recycling while the recordings are made.
     run_daemon(0);
     ASSERT_EQ(current_disk(), 0);
-    ASSERT_EQ(locked([] { return block_get_current(0); }), static_cast<int>(kBlock1));
+    ASSERT_EQ(locked([] { return current_block(0); }), static_cast<int>(kBlock1));
 
     // Three recordings fill disk 0's block 1.
     const struct tm starts[3] = {make_tm(2025, 3, 4, 10, 0, 1), make_tm(2025, 3, 4, 10, 0, 2),
@@ -392,8 +392,8 @@ TEST_F(Recycle, TheDaemonFreesTheEarliestBlockWhenEveryDiskIsFull) {
     }
     // The daemon moves recording to disk 1; disk 0 keeps no current block.
     ASSERT_TRUE(wait_for(
-        [] { return locked([] { return current_disk() == 1 && block_get_current(1) >= 0; }); }));
-    EXPECT_EQ(locked([] { return block_get_current(0); }), -1);
+        [] { return locked([] { return current_disk() == 1 && current_block(1) >= 0; }); }));
+    EXPECT_EQ(locked([] { return current_block(0); }), -1);
     EXPECT_EQ(locked([] { return fs_isalldiskfull(-1, recstore::kRecFullRemain); }), 1);
     EXPECT_EQ(free_bytes(0), 0u);
     const uint32_t b1_seq = block_word(0, kBlock1) & aging::kValueMask;
@@ -520,7 +520,7 @@ TEST_F(Recycle, PeriodicDeletionOnlyWhenForcedWithAValidClock) {
     EXPECT_EQ(block_word(1, kBlock1) & kInUse, 0u);
     EXPECT_EQ(block_word(1, kBlock2) & kInUse, aging::kBusy);
     EXPECT_EQ(free_bytes(1), free1 + kBlockBytes);
-    EXPECT_EQ(locked([] { return block_get_current(0); }), static_cast<int>(kBlock1));
+    EXPECT_EQ(locked([] { return current_block(0); }), static_cast<int>(kBlock1));
     EXPECT_EQ(block_word(0, kBlock1) & kInUse, aging::kBusy);
     const std::string log = slurp(kLog);
     EXPECT_EQ(occurrences(log, "force to execute period action " +

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <pthread.h>
 #include <thread>
 
 #include "recstore.h"
@@ -31,6 +32,15 @@ auto locked(Fn fn) -> decltype(fn()) {
     auto result = fn();
     rec_unlockdisk();
     return result;
+}
+
+// The disk's current block, read under the disk's mutex: the daemon changes blocks under it and
+// not under the disk-table lock (its callbacks run with no library lock held).
+inline int current_block(int disk) {
+    pthread_mutex_lock(&g_disk[disk].lock);
+    const int block = block_get_current(disk);
+    pthread_mutex_unlock(&g_disk[disk].lock);
+    return block;
 }
 
 // The disk new recordings go to (the daemon changes it).
