@@ -16,8 +16,9 @@
 //   Block manager: block_load/unload, the current block (block_current, block_alloc, block_free,
 //     block_get_current), the block filters, block_ultimate, block_earliest/before, the sequence
 //     helpers, block_clear and do_block_dump.
-//   Cluster I/O and accounting: datazone_alloc/free/val, whole-cluster reads and writes, sync,
-//     the zone-wide counts and fullness tests, and fs_datazone_read (a stream's read through
+//   Cluster I/O and accounting: datazone_alloc/free/val, whole-cluster reads and writes,
+//     datazone_keep_busy (bring-up's repair of map words a power cut lost), sync, the zone-wide
+//     counts and fullness tests, and fs_datazone_read (a stream's read through
 //     its preload buffer).
 #include "data_zone.h"
 
@@ -1039,6 +1040,54 @@ bool synced_fd(int fd) {
 }
 
 }  // namespace
+
+int recstore::datazone_keep_busy(int disk_id, const uint32_t *clusters, size_t n) {
+    if (!check_disk(disk_id) || !check_writable(disk_id, "datazone_keep_busy readonly:%d\n"))
+        return -1;
+    datazone_ctx &z = zone(disk_id);
+    if (z.cur_block != nullptr) {
+        FS_LOG_ERR("disk:%d has a current block\n", disk_id);
+        return -1;
+    }
+    std::vector<uint32_t> sorted(clusters, clusters + n);
+    std::sort(sorted.begin(), sorted.end());
+    sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
+    int kept = 0;
+    size_t i = 0;
+    while (i < sorted.size()) {
+        if (!in_data_area(z.info, static_cast<int>(sorted[i]))) {
+            ++i;
+            continue;
+        }
+        const uint32_t index = (sorted[i] - z.info.data_start) / kClustersPerBlock;
+        dz_block *b = block_load(disk_id, z.info.block_start + index);
+        if (b == nullptr) return -1;
+        int put = 0;
+        for (; i < sorted.size() && in_block(*b, static_cast<int>(sorted[i])); ++i) {
+            const uint32_t at = sorted[i] - b->data_start;
+            if (bitmap_is_free(&b->clusters, at) != 1) continue;
+            if (bitmap_free_del(&b->clusters, at) != 0 ||
+                bitmap_busy_put(&b->clusters, at, now_seq()) != 0) {
+                block_unload(b);
+                return -1;
+            }
+            ++put;
+            ++z.busy_count;
+            --z.free_count;
+        }
+        if (put > 0) {
+            fs_log_file(
+                "disk:%d block:%d: %d clusters named by index entries were free in the map, "
+                "put busy\n",
+                disk_id, static_cast<int>(b->block_id), put);
+            do_block_chk(b, 1);  // a block the repair filled reads busy again (and flushes)
+        }
+        block_unload(b);
+        kept += put;
+    }
+    if (kept > 0 && !synced_fd(z.fd_rw)) return -1;
+    return kept;
+}
 
 int datazone_sync(int disk_id) {
     if (!check_disk(disk_id)) return -1;

@@ -55,6 +55,14 @@ int datazone_holds_cluster(int disk_id, uint32_t cluster_id);
 // flushed. Needs no disk mutex: takes the I/O lock shared.
 int datazone_flush_cluster(int disk_id, int cluster_id);
 
+// Puts busy, in the maps on the disk, each of the n listed clusters that its block's map calls
+// free (ids outside the data area are skipped), with one line in the event log per block, and
+// makes the maps durable when one changed; the zone-wide counts follow. For bring-up, before any
+// block is current: the current block's map is in memory and is not touched. The number of
+// clusters put busy, or -1 for a bad id, a zone not open, a current block or a map that cannot be
+// read or written. The disk's mutex must be held.
+int datazone_keep_busy(int disk_id, const uint32_t *clusters, size_t n);
+
 }  // namespace recstore
 
 #endif

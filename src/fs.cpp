@@ -34,6 +34,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <functional>
 #include <utility>
 #include <array>
 #include <vector>
@@ -41,6 +43,7 @@
 #include <cstdarg>
 #include <memory>
 
+#include "bitmap.h"
 #include "cache.h"
 #include "data_zone.h"
 #include "fs_tools.h"
@@ -758,6 +761,63 @@ int fs_opendisk(const char *dev) {
     return disk_id;
 }
 
+namespace {
+
+// Blocks of the disk that may hold a recording still open at a power cut: every block stamped
+// within the longest recording before the latest stamp, then the latest block stamped before that
+// (it was current when the oldest of those recordings began). Latest first.
+std::vector<uint32_t> recent_blocks(int disk_id) {
+    datazone_info info;
+    std::vector<std::pair<uint32_t, uint32_t>> stamped;  // (stamp, block id)
+    if (datazone_getinfo(disk_id, &info) != 0) return {};
+    for (uint32_t i = 0; i < info.block_count; i++) {
+        const uint32_t id = info.block_start + i;
+        const uint32_t stamp = recstore::entry_value(block_val(disk_id, id));
+        if (stamp != 0) stamped.emplace_back(stamp, id);
+    }
+    std::sort(stamped.begin(), stamped.end(), std::greater<>());
+    // Stamps count 4-second steps; one step more on each side for rounding.
+    const int64_t span = g_max_duration_in_sec / 4 + 2;
+    std::vector<uint32_t> out;
+    for (const auto &b : stamped) {
+        out.push_back(b.second);
+        if (static_cast<int64_t>(b.first) + span < static_cast<int64_t>(stamped[0].first)) break;
+    }
+    return out;
+}
+
+// After a power cut an index entry can be on the disk while the map word of its cluster is not:
+// the maps are made durable before every header flush and by the daemon within a second, but the
+// kernel may write an index page sooner. The start-up check then reads the block that was current
+// as partly free, and it would hand out exactly those clusters again, lowest first. So before
+// any block is current, the clusters named by entries that no header counts yet, in the
+// recordings linked in the blocks recent enough to hold one still open, are put busy. A recording
+// closed cleanly costs an open, a header read and an fstat. The disk's mutex is held.
+void keep_named_clusters_busy(int disk_id) {
+    std::vector<uint32_t> clusters;
+    for (uint32_t block : recent_blocks(disk_id)) {
+        char dir[RECSTORE_PATH_LEN];
+        mk_idx_linkpath(disk_id, dir, sizeof dir, static_cast<int>(block));
+        if (dir[0] == '\0') continue;
+        DIR *d = io_calls().opendir(dir);
+        if (d == nullptr) continue;  // no recording was ever linked there
+        while (struct dirent64 *e = io_calls().readdir64(d)) {
+            if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+            char link[RECSTORE_PATH_LEN];
+            if (snprintf(link, sizeof link, "%s/%s", dir, e->d_name) >=
+                static_cast<int>(sizeof link))
+                continue;
+            recstore::index_uncounted_clusters(disk_id, link, &clusters);
+        }
+        io_calls().closedir(d);
+    }
+    if (clusters.empty()) return;
+    const int kept = recstore::datazone_keep_busy(disk_id, clusters.data(), clusters.size());
+    if (kept < 0) FS_LOG_ERR("disk:%d the maps could not be checked against the index\n", disk_id);
+}
+
+}  // namespace
+
 void fs_closedisk(int disk_id) {
     if (!check_disk_id(disk_id)) return;
     fs_disk_info &d = g_disk[disk_id];
@@ -791,6 +851,7 @@ int fs_datazone_init(int disk_id) {
             d.inited = 0;
             return -1;
         }
+        if (!g_fs_rdonly) keep_named_clusters_busy(disk_id);
         d.inited = 1;
         if (g_fs_usecache) cache_load(d.devname);
     }
@@ -1384,6 +1445,8 @@ int fs_chmod(int handle, uint32_t mode) {
     const fs_file_ctx &f = g_file_ctx[handle];
     recordinfo info;
     const bool have = fs_use_cache() && index_stat(f.idx, &info) == 0;
+    // The header flushed below counts every entry written: their map words go first.
+    recstore::datazone_flush_maps(f.disk_id);
     if (index_chmod(f.idx, mode) != 0) {
         FS_LOG_ERR("index chmod err");
         return -1;
@@ -1415,6 +1478,8 @@ int fs_insertalarm(int handle, const record_alarm *alarm) {
         FS_LOG_ERR("invalid param");
         return -1;
     }
+    // The header flushed with the alarm counts every entry written: their map words go first.
+    recstore::datazone_flush_maps(g_file_ctx[handle].disk_id);
     return index_insertalarm(g_file_ctx[handle].idx, alarm);
 }
 
@@ -1429,10 +1494,16 @@ void recstore::fs_flush_changed_maps() {
     clock_gettime(CLOCK_MONOTONIC, &ts);
     const int64_t now = static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
     for (int d = 0; d < RECSTORE_MAX_DISKS; d++) {
-        if (!disk_is_open(d) || fs_disk_is_inited(d) == 0) continue;
         Flushed &f = s_flushed[d];
-        const uint32_t free = static_cast<uint32_t>(datazone_free_count(d));
-        const uint32_t busy = static_cast<uint32_t>(datazone_busy_count(d));
+        uint32_t free = 0;
+        uint32_t busy = 0;
+        {
+            // The disk's state and its counters move under its mutex (open, close, allocation).
+            MutexGuard guard(g_disk[d].lock);
+            if (!disk_is_open(d) || g_disk[d].inited == 0) continue;
+            free = static_cast<uint32_t>(datazone_free_count(d));
+            busy = static_cast<uint32_t>(datazone_busy_count(d));
+        }
         if ((free == f.free && busy == f.busy) || now - f.at_ms < kMapFlushMillis) continue;
         f = Flushed{now, free, busy};
         recstore::datazone_flush_maps(d);
@@ -1959,15 +2030,15 @@ int fs_changeblock(int old_disk, int new_disk, int cause) {
     {
         MutexGuard guard(g_disk[new_disk].lock);
         new_block = block_alloc(new_disk);
+        // The block map marks the new block busy on the disk before any of its clusters is handed
+        // out: a block that still reads free after a power cut is chosen again at bring-up, and
+        // would hand out clusters that surviving recordings name.
+        if (new_block != -1) datazone_sync_bm(new_disk);
     }
     if (new_block != -1) {
-        {
+        if (new_disk != old_disk) {
             MutexGuard guard(g_disk[old_disk].lock);
             datazone_sync_bm(old_disk);
-        }
-        if (new_disk != old_disk) {
-            MutexGuard guard(g_disk[new_disk].lock);
-            datazone_sync_bm(new_disk);
         }
         fs_log_file("change blk olddisk:[%d %u] => newdisk:[%d %u] cb:%d ok\n", old_disk,
                     static_cast<unsigned>(old_block), new_disk, static_cast<unsigned>(new_block),
@@ -2086,20 +2157,33 @@ bool clusters_of(int idx, uint32_t entries, std::vector<uint32_t> *out) {
     return true;
 }
 
-// Makes every change of the disk's index partition durable (syncfs). Freed clusters may reach
+// Makes the removals made so far on the disk's index partition durable, by flushing the directory
+// `dir` (or, when a removal took it away, its nearest surviving parent). Freed clusters may reach
 // the disk only after the removals that stop recordings from naming them, or a power cut would
-// bring recordings back pointing into space handed out again. false, reported, on failure.
-bool sync_index_partition(int disk_id) {
-    // syncfs also makes the entries of every open recording durable: the map words of their
-    // clusters go first, as at a close.
-    recstore::datazone_flush_maps(disk_id);
+// bring recordings back pointing into space handed out again. The index partition journals its
+// metadata in order, so the commit that makes the last removal durable carries every earlier one.
+// Only metadata is written: the entries of recordings still being written stay in the page cache
+// (a flush of the whole partition would write them ahead of their clusters' map words). false,
+// reported, on failure.
+bool commit_removals(int disk_id, const char *dir) {
     char root[RECSTORE_PATH_LEN];
     idx_root(disk_id, root, sizeof root);
-    if (root[0] == '\0') return false;
-    FdGuard fd(io_calls().open(root, O_RDONLY | O_DIRECTORY, 0));
-    if (fd.get() < 0 || io_calls().syncfs(fd.get()) != 0) {
-        FS_LOG_ERR("index partition flush failed:%s\n", root);
-        perror("syncfs");
+    if (root[0] == '\0' || dir == nullptr) return false;
+    char cur[RECSTORE_PATH_LEN];
+    char parent[RECSTORE_PATH_LEN];
+    snprintf(cur, sizeof cur, "%s", dir);
+    struct stat64 st;
+    // Walk up to the first directory that is still there, never above the partition's root.
+    while (strncmp(cur, root, strlen(root)) == 0 && strcmp(cur, root) != 0 &&
+           io_calls().lstat64(cur, &st) != 0 && errno == ENOENT) {
+        mk_parent(cur, sizeof parent, parent);
+        if (strcmp(parent, cur) == 0) break;
+        snprintf(cur, sizeof cur, "%s", parent);
+    }
+    FdGuard fd(io_calls().open(cur, O_RDONLY | O_DIRECTORY, 0));
+    if (fd.get() < 0 || io_calls().fsync(fd.get()) != 0) {
+        FS_LOG_ERR("index partition flush failed:%s\n", cur);
+        perror("fsync");
         return false;
     }
     return true;
@@ -2150,9 +2234,12 @@ int fs_delete(int disk_id, const record_name *record) {
     }
     if (!ok) return -1;
     if (index_del(disk_id, &record->start, record->channel, record->type) != 0) return -1;
-    // The removal is durable before the clusters are freed (see sync_index_partition); if it
-    // cannot be made so, the clusters stay busy until their block is recycled.
-    if (!sync_index_partition(disk_id)) return -1;
+    // The removal is durable before the clusters are freed (see commit_removals); if it cannot be
+    // made so, the clusters stay busy until their block is recycled.
+    char dir[RECSTORE_PATH_LEN];
+    mk_idx_fullpath(disk_id, dir, sizeof dir, static_cast<int>(record->channel), &record->start,
+                    static_cast<int>(record->type));
+    if (!commit_removals(disk_id, dir)) return -1;
     for (uint32_t cluster : clusters) {
         MutexGuard guard(g_disk[disk_id].lock);
         datazone_free(disk_id, static_cast<int>(cluster));
@@ -2287,8 +2374,9 @@ int fs_clear(int disk_id, uint32_t block_id) {
         return -1;
     }
     remove_file(dir, kRemoveTree);
-    // Every removal above is durable before the block is freed (see sync_index_partition).
-    if (!sync_index_partition(disk_id)) {
+    // Every removal above is durable before the block is freed (see commit_removals): the link
+    // directory went last, so flushing what holds it commits them all.
+    if (!commit_removals(disk_id, dir)) {
         FS_LOG_ERR("block %u not freed: the index partition cannot be flushed\n", block_id);
         return -1;
     }

@@ -18,6 +18,7 @@
 //   Header fields of an open recording: extension, flags, stat, header flushes, mode, alarms,
 //     index_isopen, index_chk.
 //   Deleting and clearing: index_del, index_clear.
+//   Entries a power cut may have left ahead of their maps: index_uncounted_clusters.
 //   Magic file and fullness: index_write/check/erase_magic, index_isfull.
 //   Positioning: offsets, ltell/lseek and ttell/tseek by key-frame time.
 // No lock is taken here: the disk layer opens and closes handles under g_fslock, and a handle is
@@ -1256,6 +1257,61 @@ int index_clear(int disk_id) {
     remove_file(path, kRemoveAll);
     return 0;
 }
+
+namespace recstore {
+
+int index_uncounted_clusters(int disk_id, const char *path, std::vector<uint32_t> *out) {
+    if (!valid_disk_id(disk_id) || path == nullptr || out == nullptr) {
+        FS_LOG_ERR("invalid param");
+        return -1;
+    }
+    FdGuard fd(io_calls().open(path, O_RDONLY, 0));
+    if (fd.get() < 0 && errno == ENOENT) return 0;  // a link left by a deletion
+    if (fd.get() < 0) {
+        FS_LOG_ERR("cannot open %s\n", path);
+        report_errno("open");
+        return -1;
+    }
+    std::unique_ptr<recordinfo> info(new (std::nothrow) recordinfo{});
+    if (!info) return -1;
+    const ssize_t n = read_recordinfo(disk_id, fd.get(), info.get(), nullptr);
+    if (n < 0) {
+        report_errno("read");
+        return -1;
+    }
+    const int64_t header = expected_header(disk_id, info.get());
+    if (n < header) return 0;  // a file cut inside its header holds no entry
+    struct stat64 st = {};
+    if (io_calls().fstat64(fd.get(), &st) != 0) {
+        report_errno("fstat");
+        return -1;
+    }
+    // A count outside the file (a damaged header) counts nothing: every entry is read.
+    int64_t from = header + static_cast<int64_t>(info->entry_count) * kIndexEntrySize;
+    if (from > st.st_size || from < header) from = header;
+    constexpr int kBatch = 64;  // entries per read
+    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[kBatch * kIndexEntrySize]);
+    if (!buf) return -1;
+    for (int64_t pos = from; pos + kIndexEntrySize <= st.st_size;) {
+        const int64_t want = std::min<int64_t>(kBatch * kIndexEntrySize, st.st_size - pos);
+        const ssize_t got = io_calls().pread64(fd.get(), buf.get(), static_cast<size_t>(want), pos);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            report_errno("pread");
+            return -1;
+        }
+        if (got < kIndexEntrySize) break;
+        const int whole = static_cast<int>(got / kIndexEntrySize);
+        for (int i = 0; i < whole; i++) {
+            const uint32_t cluster = le32_load(buf.get() + i * kIndexEntrySize);
+            if (cluster != 0) out->push_back(cluster);
+        }
+        pos += static_cast<int64_t>(whole) * kIndexEntrySize;
+    }
+    return 0;
+}
+
+}  // namespace recstore
 
 // ============================================================================================
 // Magic file and fullness

@@ -9,6 +9,8 @@
 
 #include <time.h>
 
+#include <vector>
+
 #include "recstore.h"
 
 namespace recstore {
@@ -47,6 +49,14 @@ int do_index_attach(int fd, const index_open_args &args);
 // the same either way; a partial entry, the end of the file and read errors are always met by the
 // one-entry read. Takes effect for walks started afterwards; no lock.
 void index_set_seek_batched(bool batched);
+
+// Appends to `out` the non-zero cluster named by every whole entry of the index file at `path`
+// (a link is followed) that its header does not count. A writer's close, fs_sync and every other
+// header flush make the maps durable first, so the clusters of counted entries are busy in the
+// maps on the disk; entries past the count may, after a power cut, name clusters whose map words
+// never reached the disk (or be a torn tail's garbage: callers use the answer only to keep
+// clusters busy). 0, or -1 when the file cannot be opened or read (reported). No lock; no slot.
+int index_uncounted_clusters(int disk_id, const char *path, std::vector<uint32_t> *out);
 
 }  // namespace recstore
 
