@@ -1331,6 +1331,14 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
     return handle;
 }
 
+// Frees a cluster whose payload could not be written: no entry names it yet. (A cluster whose
+// entry write failed stays busy until its block is recycled: part of the entry may have reached
+// the index file.)
+static void give_back_cluster(int disk_id, int cluster) {
+    MutexGuard guard(g_disk[disk_id].lock);
+    datazone_free(disk_id, cluster);
+}
+
 int fs_write(int handle, const void *buffer, uint32_t length, const kframe *frames,
              uint32_t count) {
     if (g_fs_rdonly) {
@@ -1361,12 +1369,14 @@ int fs_write(int handle, const void *buffer, uint32_t length, const kframe *fram
     const int written = datazone_write(disk_id, cluster, aligned_source(buffer));
     if (written < 0) {
         FS_LOG_ERR("data write err");
+        give_back_cluster(disk_id, cluster);
         return written;
     }
     // The entry below makes the cluster reachable: a buffered payload must be on the device
     // first, or a power cut could leave the entry naming a cluster that holds other data.
     if (!g_fs_directio && recstore::datazone_flush_cluster(disk_id, cluster) != 0) {
         FS_LOG_ERR("data flush err");
+        give_back_cluster(disk_id, cluster);
         return -1;
     }
     const int entry = index_write(f.idx, static_cast<uint32_t>(cluster), length, frames, count);

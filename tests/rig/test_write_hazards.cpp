@@ -303,6 +303,55 @@ TEST_F(WriteHazards, AShortPayloadWriteAndAFailedSyncAreReported) {
     fs_close(h, nullptr);
 }
 
+// A payload write that fails gives its cluster back: no entry names it, and the space would
+// otherwise stay busy until the block is recycled.
+TEST_F(WriteHazards, AFailedPayloadWriteGivesItsClusterBack) {
+    start();
+    const struct tm t = make_tm(2024, 7, 5, 7, 0, 0);
+    const time_t base = secs(t);
+    const int h = create(12, t, 0);
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(write_cluster_n(h, 6, 0, base), static_cast<int>(kCluster));
+    const int free_before = datazone_free_count(0);
+    int r = 0;
+    {
+        const recstore::IoOverride<ssize_t(int, const void *, size_t, off64_t)> cut(
+            recstore::io_calls().pwrite64, short_payload_pwrite);
+        g_short_payload = true;
+        r = write_cluster_n(h, 6, 1, base);
+        g_short_payload = false;
+    }
+    EXPECT_LT(r, 0);
+    EXPECT_EQ(datazone_free_count(0), free_before) << "the failed write's cluster stayed busy";
+    EXPECT_EQ(stat_of(h).entry_count, 1u);
+    ASSERT_EQ(write_cluster_n(h, 6, 1, base), static_cast<int>(kCluster));
+    EXPECT_EQ(datazone_free_count(0), free_before - 1);
+    fs_close(h, nullptr);
+}
+
+// A close whose index-file flush fails says so, frees its slot, and the recording still reads
+// back from the page cache.
+TEST_F(WriteHazards, AFailedFlushAtCloseIsReported) {
+    start();
+    const struct tm t = make_tm(2024, 7, 5, 8, 0, 0);
+    const time_t base = secs(t);
+    const int h = create(13, t, 0);
+    ASSERT_GE(h, 0);
+    for (uint32_t n = 0; n < 2; n++)
+        ASSERT_EQ(write_cluster_n(h, 7, n, base), static_cast<int>(kCluster));
+    std::string text;
+    {
+        LogMask mask(kAllLevels);
+        StdoutCapture out;
+        const recstore::IoOverride<int(int)> fail(recstore::io_calls().fsync, failing_fsync);
+        fs_close(h, nullptr);
+        text = out.stop();
+    }
+    EXPECT_TRUE(contains(text, "closed recording not flushed")) << text;
+    for (int s = 0; s < RECSTORE_STREAMS; s++) EXPECT_EQ(g_file_ctx[s].idx, -1) << s;
+    EXPECT_EQ(entries_of(0, 13, t, 0).size(), 2u);
+}
+
 // Without a current block a recording would be created in block 0xFFFFFFFF, with a link
 // directory that no recycling clears: the open is refused after the wait and leaves nothing.
 TEST_F(WriteHazards, OpenWithoutACurrentBlockIsRefused) {
