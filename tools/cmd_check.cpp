@@ -80,6 +80,7 @@ class Checker {
     void check_references();
     void check_links();
     void check_block_map();
+    bool relink(const std::string &path, uint32_t block, std::string *error) const;
     uint64_t expected_tag(const Recording &r) const;
 
     const ZoneMaps &zone_;
@@ -96,6 +97,7 @@ class Checker {
     };
     std::vector<Recount> recounts_;  // headers whose counters are recounted from the entries
     std::vector<std::pair<std::string, uint64_t>> cut_tails_;  // files cut to whole entries
+    std::vector<std::pair<std::string, uint32_t>> relinks_;    // files linked into a block again
     std::vector<CacheFile> cache_rewrites_;
     std::vector<Repair> repairs_;
 };
@@ -176,7 +178,12 @@ void Checker::check_recordings() {
             cut_tails_.push_back({r.path, r.file_bytes - r.zero_tail - r.partial_tail});
         }
         if (r.link_blocks.empty()) {
-            add("no-link", r.path + ": no link in any block's link directory");
+            // A power cut between the creation of the file and its link: linked again into the
+            // block its header names, recycling clears it with that block.
+            const bool relink = r.header_ok && r.info.block_id >= recstore::kFirstBlockId &&
+                                r.info.block_id < recstore::kFirstBlockId + zone_.block_count;
+            add("no-link", r.path + ": no link in any block's link directory", relink);
+            if (relink) relinks_.push_back({r.path, r.info.block_id});
         } else if (std::find(r.link_blocks.begin(), r.link_blocks.end(), r.info.block_id) ==
                    r.link_blocks.end()) {
             add("link-block", r.path + ": the header says block " +
@@ -468,6 +475,34 @@ bool write_counters(const std::string &path, uint32_t entries, uint64_t bytes, u
     return ok;
 }
 
+// Links an index file into a block's link directory as the library does: the link is named after
+// the file and points to "../../" plus the file's path below the index root.
+bool Checker::relink(const std::string &path, uint32_t block, std::string *error) const {
+    const std::string &root = tree_.root;
+    if (path.compare(0, root.size() + 1, root + "/") != 0) {
+        *error = "not below " + root;
+        return false;
+    }
+    char dir[64];
+    snprintf(dir, sizeof dir, "/link/%08u", block);
+    const std::string link_dir = root + dir;
+    if (mkdir((root + "/link").c_str(), 0777) != 0 && errno != EEXIST) {
+        *error = strerror(errno);
+        return false;
+    }
+    if (mkdir(link_dir.c_str(), 0777) != 0 && errno != EEXIST) {
+        *error = strerror(errno);
+        return false;
+    }
+    const std::string name = path.substr(path.rfind('/') + 1);
+    const std::string target = "../../" + path.substr(root.size() + 1);
+    if (symlink(target.c_str(), (link_dir + "/" + name).c_str()) != 0) {
+        *error = strerror(errno);
+        return false;
+    }
+    return true;
+}
+
 int Checker::repair() {
     int failed = 0;
     auto done = [this, &failed](bool ok, const std::string &text) {
@@ -503,6 +538,14 @@ int Checker::repair() {
             done(false, "cannot cut " + t.first + ": " + strerror(errno));
         }
     }
+    for (const auto &l : relinks_) {
+        std::string error;
+        if (relink(l.first, l.second, &error)) {
+            done(true, "linked " + l.first + " into block " + std::to_string(l.second));
+        } else {
+            done(false, "cannot link " + l.first + ": " + error);
+        }
+    }
     for (const CacheFile &f : cache_rewrites_) {
         if (write_tags(f)) {
             done(true, "rewrote " + f.path + " with " + std::to_string(f.tags.size()) +
@@ -534,7 +577,8 @@ void help() {
         "  --repair   fix what is safe: remove stale links and empty index files (a power cut\n"
         "             before their header was written; they hold no footage), recount header\n"
         "             counters from sound entries, cut zeros or an unfinished entry after the\n"
-        "             last entry off, rewrite stale cache tags from the index files.\n"
+        "             last entry off, link an index file without a link into the block\n"
+        "             its header names, rewrite stale cache tags from the index files.\n"
         "             Everything else is only reported.\n"
         "  --json     print the result as one JSON object (device, counts, findings with kind,\n"
         "             text and repairable, repairs, left, status) instead of the text.\n\n"

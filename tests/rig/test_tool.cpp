@@ -213,6 +213,27 @@ TEST_F(Tool, CheckRecountsCountersAndCutsAnUnfinishedEntry) {
     EXPECT_TRUE(contains(out, "0 inconsistencies found\n")) << out;
 }
 
+// A power cut between the creation of an index file and its link leaves a recording that no
+// block's link directory names, which recycling would never clear: the repair links it into the
+// block its header names.
+TEST_F(Tool, CheckLinksAnIndexFileWithoutALink) {
+    const struct tm t = start_of(2);
+    const std::string link = link_name(0, kBlock1, 2, t, 0);
+    ASSERT_EQ(unlink(link.c_str()), 0);
+    std::string out = check(4);
+    EXPECT_TRUE(contains(out, "inconsistency [no-link] " + index_name(0, 2, t, 0) +
+                                  ": no link in any block's link directory\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "1 inconsistency found (1 of them repairable with --repair)\n"))
+        << out;
+    ASSERT_EQ(tool("check /dev/hd/sda --repair", &out), 1) << out;
+    EXPECT_TRUE(contains(out, "repaired: linked " + index_name(0, 2, t, 0) + " into block 1\n"))
+        << out;
+    EXPECT_TRUE(exists(link));
+    out = check(0);
+    EXPECT_TRUE(contains(out, "0 inconsistencies found\n")) << out;
+}
+
 // A power cut can leave an index file ending in zeros (its size reached the disk, its last
 // entries did not): the recording ends before them, and the repair cuts them off.
 TEST_F(Tool, CheckCutsZerosAfterTheLastEntry) {
