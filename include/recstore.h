@@ -474,9 +474,10 @@ void fs_closedisk(int disk_id);
  * not open, an invalid magic file, an unmounted index partition or a data zone that cannot be
  * opened. Takes the disk's mutex (must not be held). */
 int fs_datazone_init(int disk_id);
-/* Takes a disk's data zone down: removes its cache tree (when the cache is used), closes the
- * data zone (waiting for running payload I/O) and clears inited. Nothing for a bad id. Takes the
- * disk's mutex; writes nothing to the disk. */
+/* Takes a disk's data zone down: stops the disk's cache loader and waits for it to leave, removes
+ * its cache tree (when the cache is used), closes the data zone (waiting for running payload I/O)
+ * and clears inited. Nothing for a bad id. Takes the disk's mutex (not held while waiting for the
+ * loader); writes nothing to the disk. */
 void fs_datazone_exit(int disk_id);
 /* 1 when the disk's data zone is open, else 0 (also a bad id; reported). Takes the disk's mutex;
  * no I/O. */

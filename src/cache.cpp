@@ -32,6 +32,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <new>
 
@@ -211,15 +212,25 @@ struct LoaderArg {
 pthread_mutex_t g_loaders_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_loaders_done = PTHREAD_COND_INITIALIZER;
 int g_loaders = 0;
+int g_disk_loaders[RECSTORE_MAX_DISKS];               // per disk, under g_loaders_lock
+std::atomic<bool> g_loader_stop[RECSTORE_MAX_DISKS];  // set by plug-out, read by the loader
+thread_local int t_loader_disk = -1;                  // the disk a loader thread walks
 
-void loader_started() {
+void loader_started(int disk) {
     MutexGuard guard(g_loaders_lock);
     ++g_loaders;
+    if (valid_disk_id(disk)) ++g_disk_loaders[disk];
 }
 
-void loader_finished() {
+void loader_finished(int disk) {
     MutexGuard guard(g_loaders_lock);
-    if (--g_loaders == 0) pthread_cond_broadcast(&g_loaders_done);
+    if (valid_disk_id(disk)) --g_disk_loaders[disk];
+    --g_loaders;
+    pthread_cond_broadcast(&g_loaders_done);
+}
+
+bool loader_stopped() {
+    return valid_disk_id(t_loader_disk) && g_loader_stop[t_loader_disk].load();
 }
 
 void wait_for_loaders() {
@@ -229,12 +240,14 @@ void wait_for_loaders() {
 
 // Counts a loader thread as finished when it leaves, after everything else it did.
 struct LoaderCount {
-    ~LoaderCount() { loader_finished(); }
+    int disk;
+    ~LoaderCount() { loader_finished(disk); }
 };
 
 void *cache_load_thread(void *arg) {
-    LoaderCount counted;
     std::unique_ptr<LoaderArg> owned(static_cast<LoaderArg *>(arg));
+    LoaderCount counted{todiskid(owned->device)};
+    t_loader_disk = counted.disk;
     return proc_cache_load(owned->device);
 }
 
@@ -525,11 +538,12 @@ int cache_load(const char *device) {
     pthread_attr_setscope(&attr, PTHREAD_SCOPE_SYSTEM);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
-    loader_started();
+    const int disk = todiskid(device);
+    loader_started(disk);
     int rc = pthread_create(&thread, &attr, cache_load_thread, arg.get());
     pthread_attr_destroy(&attr);
     if (rc != 0) {
-        loader_finished();
+        loader_finished(disk);
         FS_LOG_ERR("cache load thread err:%s\n", strerror(rc));
         return -1;
     }
@@ -545,13 +559,24 @@ void *proc_cache_load(void *device_arg) {
     char root[kPath] = "";
     mount_point(device, root, sizeof root);
     find_recursive(root, 1, 0, 0, buildcache, buildcache, nullptr, nullptr);
+    if (loader_stopped()) return nullptr;  // the disk is being taken down: not loaded
     FS_LOG_PLAIN("cache load finished use:%d sec\n", static_cast<int>(time(nullptr) - begin));
     cache_set_loaded(static_cast<unsigned>(todiskid(device)), 1);
     return nullptr;
 }
 
+void recstore::cache_stop_loader(const char *device) {
+    const int disk = todiskid(device);
+    if (!valid_disk_id(disk)) return;
+    MutexGuard guard(g_loaders_lock);
+    g_loader_stop[disk].store(true);
+    while (g_disk_loaders[disk] > 0) pthread_cond_wait(&g_loaders_done, &g_loaders_lock);
+    g_loader_stop[disk].store(false);
+}
+
 int buildcache(const char *path, struct stat *st, void * /*user*/) {
     if (!path) return kWalkContinue;
+    if (loader_stopped()) return kWalkStop;
     // The link tree of the data blocks is never mirrored.
     if (strstr(path, "link")) return kWalkSkip;
     if (st && S_ISDIR(st->st_mode)) {

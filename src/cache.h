@@ -41,6 +41,12 @@ constexpr const char *kCacheRoot = "/mnt/cache/";
 constexpr const char *kCacheFileName = "cache";
 constexpr const char *kCacheTmpName = "cachetmp";
 
+// Stops the cache loader of device, if one runs, before its next index file, and waits until it
+// has left (the disk then stays not loaded). The loader reads the disk's table entry and index
+// tree, which plug-out is about to take away. Must be called with no disk mutex held: the loader
+// may take one in the file it is reading.
+void cache_stop_loader(const char *device);
+
 // The on-file form of a tag: lo in bytes 0-3, hi in bytes 4-7, each little-endian.
 void cache_tag_to_bytes(uint32_t lo, uint32_t hi, unsigned char (&out)[kCacheTagSize]);
 void cache_tag_from_bytes(const unsigned char (&in)[kCacheTagSize], uint32_t *lo, uint32_t *hi);

@@ -862,6 +862,14 @@ int fs_datazone_init(int disk_id) {
 void fs_datazone_exit(int disk_id) {
     if (!check_disk_id(disk_id)) return;
     fs_disk_info &d = g_disk[disk_id];
+    char dev[sizeof d.devname];
+    {
+        MutexGuard guard(d.lock);
+        memcpy(dev, d.devname, sizeof dev);
+    }
+    // The cache loader reads the disk's entry and index tree: it leaves before they go (it may
+    // take the disk's mutex in the file it reads, so that is not held while waiting).
+    if (g_fs_usecache && dev[0] != '\0') recstore::cache_stop_loader(dev);
     MutexGuard guard(d.lock);
     if (g_fs_usecache && d.devname[0] != '\0') cache_unload(d.devname);
     datazone_exit(disk_id);
