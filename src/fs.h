@@ -46,8 +46,10 @@ void fs_flush_changed_maps();
 // (true, the default: one rewrite of each cache file, one upward removal per directory), or after
 // each recording as it is removed (false, the plain walk that the equivalence test and the
 // recycling benchmark compare with). The index tree, the cache tree and fs_clear's result and
-// messages end the same either way; the gathered walk holds each removed recording's start in
-// memory until the walk ends (and falls back on the plain handling when memory runs out).
+// messages end the same either way. While the gathered walk runs, a search through the cache may
+// still list recordings whose index files are already gone (opening one fails, as it does in the
+// plain walk's shorter window); the walk holds each removed recording's start in memory until it
+// ends (and falls back on the plain handling when memory runs out).
 // Takes effect for clears started afterwards; no lock.
 void fs_set_clear_gathered(bool gathered);
 
