@@ -2,7 +2,7 @@
 // Cluster bitmaps: one on-disk map cluster held in memory as raw entries plus a node per entry
 // on one of three circular lists (busy, free, error). Taking or deleting a node is memory-only;
 // every state change (a put) is written through to the map at once, 4 bytes at a time; clearing
-// a map writes the changed stretch of it in one write.
+// a map rewrites the stretch it changes with one read and one write.
 //
 // File map, in order:
 //   List primitives and the helpers shared by the three lists: circular-list operations, the
@@ -248,10 +248,11 @@ void ids_of_list(cluster_bitmap *bm, ListKind kind, std::vector<uint32_t> *out) 
     }
 }
 
-// Writes the free form of every entry in `ids` (and the entries between them as memory holds
-// them, which is what the map holds: every change is written through) with one write of the map
-// cluster. Nothing in memory changes. False, silently, when the write failed or fell short or the
-// buffer could not be had.
+// Writes the free form of every entry in `ids` with one read and one write of the stretch of the
+// map cluster they span: the entries between them go back as they were read, so that the map ends
+// byte for byte as the entry-by-entry writes leave it (even where an earlier failed write left
+// memory and map apart). Nothing in memory changes. False, silently, when the read or the write
+// failed or fell short or the buffer could not be had.
 bool write_cleared_span(cluster_bitmap *bm, const std::vector<uint32_t> &ids) {
     const auto range = std::minmax_element(ids.begin(), ids.end());
     const uint32_t lo = *range.first, hi = *range.second;
@@ -261,17 +262,16 @@ bool write_cleared_span(cluster_bitmap *bm, const std::vector<uint32_t> &ids) {
     } catch (const std::bad_alloc &) {
         return false;
     }
-    for (uint32_t id = lo; id <= hi; ++id) {
-        le32_store(&raw[(id - lo) * kEntryBytes], bm->vals[id]);
-    }
-    for (uint32_t id : ids)
-        le32_store(&raw[(id - lo) * kEntryBytes], make_free_entry(bm->vals[id]));
-    // Straight through the seam, without write_cluster's report: a failure here is not the
-    // caller's to see, the entry-by-entry clear that follows reports what fails there.
+    // Straight through the seam, without read_cluster's and write_cluster's reports: a failure
+    // here is not the caller's to see, the entry-by-entry clear that follows reports its own.
     const off64_t at = static_cast<off64_t>(bm->map_cluster) * RECSTORE_CLUSTER_SIZE +
                        static_cast<off64_t>(lo) * kEntryBytes;
-    return io_calls().pwrite64(bm->fd, raw.data(), raw.size(), at) ==
-           static_cast<ssize_t>(raw.size());
+    const auto n = static_cast<ssize_t>(raw.size());
+    if (io_calls().pread64(bm->fd, raw.data(), raw.size(), at) != n) return false;
+    for (uint32_t id : ids) {
+        le32_store(&raw[(id - lo) * kEntryBytes], make_free_entry(bm->vals[id]));
+    }
+    return io_calls().pwrite64(bm->fd, raw.data(), raw.size(), at) == n;
 }
 
 // The memory side of clearing entry id, as a successful bitmap_free_put leaves it after the

@@ -215,20 +215,26 @@ TEST_F(BitmapClearBatches, RandomMapsEndTheSameAsThePlainClear) {
     }
 }
 
-TEST_F(BitmapClearBatches, RepeatedPutMessageOfANodeOnTheWrongList) {
-    // A busy-list node whose value says free (left by a put whose write failed elsewhere) prints
-    // the repeated-put line in both clears.
+TEST_F(BitmapClearBatches, MemoryOutOfStepWithTheMapEndsAsInThePlainClear) {
+    // Left by puts whose writes failed: a busy-list node whose value says free (both clears print
+    // the repeated-put line), and between two busy entries a free entry whose value in memory is
+    // not the map's (only the entries a clear frees are written: the map keeps its bytes).
     std::vector<uint32_t> words(kEntries, 0);
+    words[1] = recstore::make_busy_entry(1);
     words[3] = recstore::make_busy_entry(7);
+    words[9] = recstore::make_busy_entry(9);
     write_both(words);
     ASSERT_EQ(bitmap_init(&plain_, 16, fd_, kPlainCluster), 0);
     ASSERT_EQ(bitmap_init(&batched_, 16, fd_, kBatchedCluster), 0);
-    plain_.vals[3] = 7;
-    batched_.vals[3] = 7;
+    for (cluster_bitmap *bm : {&plain_, &batched_}) {
+        bm->vals[3] = 7;
+        bm->vals[5] = 0x1234;
+    }
     const Outcome p = clear(&plain_, false);
     const Outcome b = clear(&batched_, true);
     EXPECT_NE(p.out.find("bitmap_free_put id:3,val:0x7\n"), std::string::npos) << p.out;
-    expect_same(p, b, "wrong list");
+    EXPECT_EQ(aging::read_entry(path_.c_str(), kBatchedCluster, 5), 0u);
+    expect_same(p, b, "out of step");
 }
 
 // Writes that fail (or write only part) make the batched clear fall back on the plain one.
@@ -273,6 +279,27 @@ TEST_F(BitmapClearBatches, FailingWritesEndAsInThePlainClear) {
         bitmap_exit(&plain_);
         bitmap_exit(&batched_);
     }
+}
+
+ssize_t failing_pread(int, void *, size_t, off64_t) {
+    errno = EIO;
+    return -1;
+}
+
+TEST_F(BitmapClearBatches, FailingReadEndsAsThePlainClear) {
+    std::mt19937 rng(5);
+    std::vector<uint32_t> words(kEntries);
+    for (uint32_t i = 0; i < kEntries; ++i) words[i] = i < 512 ? random_entry(rng, 50) : 0;
+    write_both(words);
+    load_and_scramble(512, rng(), 100);
+    Outcome p, b;
+    {
+        IoOverride<ssize_t(int, void *, size_t, off64_t)> faults(io_calls().pread64, failing_pread);
+        p = clear(&plain_, false);
+        b = clear(&batched_, true);
+    }
+    expect_same(p, b, "failing read");
+    EXPECT_EQ(b.busy_bits + b.err_bits, 0u);
 }
 
 }  // namespace
