@@ -11,7 +11,11 @@
 //   - the time to recycle the block holding the catalogue (rec_overlap).
 // Reports medians and 99th percentiles in milliseconds.
 //
-// Runs inside the disk rig only: tests/rig/rig-run build/native/bench/bench_catalogue
+// With the argument "recycle" it measures recycling only: a block of exactly 10,000 recordings
+// freed the current way and the plain way in interleaved rounds, and one full cluster map cleared
+// both ways.
+//
+// Runs inside the disk rig only: tests/rig/rig-run build/native/bench/bench_catalogue [recycle]
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <stdlib.h>
@@ -29,7 +33,11 @@
 #include <thread>
 #include <vector>
 
+#include "bench_common.h"
 #include "capture.h"
+#include "fs.h"
+#include "fs_tools.h"
+#include "bitmap.h"
 #include "recstore.h"
 #include "rec.h"
 #include "rig.h"
@@ -557,10 +565,142 @@ int run() {
     return ok ? 0 : 1;
 }
 
+// Recycling a block of exactly kRecycleRecordings recordings the current way (the map cleared
+// with one write, the directories and cache tags tidied once per index directory) and the plain
+// way (every map word written on its own, everything tidied after each recording), in
+// interleaved rounds. Each round formats the disk, makes the recordings in the first block, moves
+// the current block on and times one rec_overlap.
+constexpr int kRecycleRecordings = 10000;
+constexpr int kRecycleRounds = 6;
+// Clearing one full cluster map (every entry busy, as in a block that filled up), both ways.
+constexpr int kMapRounds = 10;
+constexpr uint32_t kMapEntries = kCluster / 4;
+
+void set_recycle_batched(bool batched) {
+    recstore::bitmap_set_clear_batched(batched);
+    recstore::fs_set_clear_gathered(batched);
+}
+
+// One recycle of a freshly made block; its wall time in ms, or a negative value on failure.
+double recycle_once(rig::Disk &disk, bool batched) {
+    recstore_test::StdoutCapture quiet;
+    double per_sec = 0;
+    if (!start_library(disk, 0, true, nullptr) || !build_catalogue(&per_sec)) return -1;
+    rec_shutdown_deamon();
+    fs_changeblock(0, 0, 1);
+    set_recycle_batched(batched);
+    const double t0 = now_ms();
+    const int r = rec_overlap();
+    const double ms = now_ms() - t0;
+    set_recycle_batched(true);
+    struct tm start = day_start(1), end = plus_sec(day_start(31), 86399);
+    const int h = rec_find_open(&start, &end, ~0ull, 0, kAnyMode, kAllMatches, kMaxResults, 0);
+    const int left = h >= 0 ? rec_find_getcounts(h) : -1;
+    if (h >= 0) rec_find_close(h);
+    plug_out(disk);
+    rec_exit();
+    return r == 0 && left == 0 ? ms : -1;
+}
+
+// bitmap_clear alone on a full map held in a file of the rig's directory: its ms, or a negative
+// value on failure.
+double clear_full_map(const std::string &path, bool batched) {
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) return -1;
+    std::vector<unsigned char> raw(kCluster);
+    for (uint32_t i = 0; i < kMapEntries; i++) {
+        recstore::le32_store(&raw[i * 4], recstore::make_busy_entry(i + 1));
+    }
+    double ms = -1;
+    cluster_bitmap bm;
+    if (pwrite(fd, raw.data(), raw.size(), 0) == static_cast<ssize_t>(raw.size()) &&
+        bitmap_init(&bm, static_cast<int>(kMapEntries), fd, 0) == 0) {
+        recstore::bitmap_set_clear_batched(batched);
+        const double t0 = now_ms();
+        const int r = bitmap_clear(&bm);
+        ms = now_ms() - t0;
+        recstore::bitmap_set_clear_batched(true);
+        if (r != 0 || bm.free_bits != kMapEntries) ms = -1;
+        bitmap_exit(&bm);
+    }
+    close(fd);
+    unlink(path.c_str());
+    return ms;
+}
+
+int run_recycle() {
+    g_recordings = kRecycleRecordings;
+    if (!rig::active()) {
+        fprintf(stderr, "run this benchmark through tests/rig/rig-run as root\n");
+        return 1;
+    }
+    loglevel = 0;
+    rig::Disk disk;
+    std::string error;
+    if (!rig::try_attach('a', 200 * kGiB, false, &disk, &error)) {
+        fprintf(stderr, "cannot attach a rig disk: %s\n", error.c_str());
+        return 1;
+    }
+    {
+        recstore_test::StdoutCapture quiet;
+        if (fs_format(disk.node.c_str()) != 0) {
+            quiet.stop();
+            fprintf(stderr, "cannot format the rig disk\n");
+            unplug_rig_disk(disk);
+            return 1;
+        }
+    }
+    int rounds = kRecycleRounds;
+    // RECSTORE_BENCH_ROUNDS: fewer (or more) rounds, for a quick trial.
+    if (const char *n = getenv("RECSTORE_BENCH_ROUNDS")) rounds = std::max(1, atoi(n));
+    std::vector<double> fast, plain, map_fast, map_plain;
+    bool ok = true;
+    auto side = [&](bool batched, std::vector<double> &out) {
+        const double ms = recycle_once(disk, batched);
+        if (ms < 0) ok = false;
+        out.push_back(ms);
+        fprintf(stderr, "recycle %s: %.1f ms\n", batched ? "current" : "plain", ms);
+    };
+    auto current_side = [&] { side(true, fast); };
+    auto plain_side = [&] { side(false, plain); };
+    bench::interleave(rounds, ok, current_side, plain_side);
+    unplug_rig_disk(disk);
+    unlink(disk.image.c_str());
+    const std::string map = rig::dir() + "/map";
+    auto map_side = [&](bool batched, std::vector<double> &out) {
+        const double ms = clear_full_map(map, batched);
+        if (ms < 0) ok = false;
+        out.push_back(ms);
+    };
+    auto map_current = [&] { map_side(true, map_fast); };
+    auto map_plain_side = [&] { map_side(false, map_plain); };
+    bench::interleave(kMapRounds, ok, map_current, map_plain_side);
+    if (!ok) {
+        fprintf(stderr, "recycling failed\n");
+        return 1;
+    }
+    const double ms = bench::median(fast), plain_ms = bench::median(plain);
+    const double map_ms = bench::median(map_fast), map_plain_ms = bench::median(map_plain);
+    printf(
+        "recycling a block of %d recordings (rec_overlap), medians of %d interleaved rounds: "
+        "%.1f ms (plain %.1f ms)\n",
+        kRecycleRecordings, static_cast<int>(fast.size()), ms, plain_ms);
+    printf(
+        "clearing a full cluster map (%u busy entries), medians of %d interleaved rounds: "
+        "%.2f ms (plain %.2f ms)\n",
+        kMapEntries, static_cast<int>(map_fast.size()), map_ms, map_plain_ms);
+    printf("bench recycle_10k: ms=%.1f ms_per_recording=%.4f plain_ms=%.1f ratio=%.3f\n", ms,
+           ms / kRecycleRecordings, plain_ms, ms / plain_ms);
+    printf("bench recycle_map: entries=%u ms=%.2f plain_ms=%.2f ratio=%.3f\n", kMapEntries, map_ms,
+           map_plain_ms, map_ms / map_plain_ms);
+    return 0;
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char **argv) {
     try {
+        if (argc > 1 && strcmp(argv[1], "recycle") == 0) return run_recycle();
         return run();
     } catch (const std::exception &e) {
         fprintf(stderr, "%s\n", e.what());

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Cluster bitmaps: one on-disk map cluster held in memory as raw entries plus a node per entry
 // on one of three circular lists (busy, free, error). Taking or deleting a node is memory-only;
-// every state change (a put) is written through to the map at once, 4 bytes at a time.
+// every state change (a put) is written through to the map at once, 4 bytes at a time; clearing
+// a map rewrites the stretch it changes with one read and one write.
 //
 // File map, in order:
 //   List primitives and the helpers shared by the three lists: circular-list operations, the
@@ -13,8 +14,11 @@
 // No lock is taken here; the data zone calls in with the disk's mutex held.
 #include "bitmap.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <vector>
 
 #include "fs_tools.h"
 
@@ -217,7 +221,11 @@ uint32_t bits(cluster_bitmap *bm, ListKind kind) {
     return *bits_of(bm, kind);
 }
 
-// Moves every node of a list to the free state, keeping the values. False when a write failed.
+// Whether bitmap_clear writes the map once (true) or one entry at a time (false).
+bool g_clear_batched = true;
+
+// Moves every node of a list to the free state, keeping the values, writing each entry on its
+// own. False when a write failed.
 bool clear_list(cluster_bitmap *bm, ListKind kind) {
     bool ok = true;
     bitmap_list *head = list_of(bm, kind);
@@ -232,7 +240,89 @@ bool clear_list(cluster_bitmap *bm, ListKind kind) {
     return ok;
 }
 
+// Appends the ids of a list's nodes, head first.
+void ids_of_list(cluster_bitmap *bm, ListKind kind, std::vector<uint32_t> *out) {
+    bitmap_list *head = list_of(bm, kind);
+    for (bitmap_list *pos = head->next; pos != head; pos = pos->next) {
+        out->push_back(to_node(pos)->id);
+    }
+}
+
+// Writes the free form of every entry in `ids` with one read and one write of the stretch of the
+// map cluster they span: the entries between them go back as they were read, so that the map ends
+// byte for byte as the entry-by-entry writes leave it (even where an earlier failed write left
+// memory and map apart). Nothing in memory changes. False, silently, when the read or the write
+// failed or fell short or the buffer could not be had.
+bool write_cleared_span(cluster_bitmap *bm, const std::vector<uint32_t> &ids) {
+    const auto range = std::minmax_element(ids.begin(), ids.end());
+    const uint32_t lo = *range.first, hi = *range.second;
+    std::vector<unsigned char> raw;
+    try {
+        raw.resize((hi - lo + 1) * static_cast<size_t>(kEntryBytes));
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    // Straight through the seam, without read_cluster's and write_cluster's reports: a failure
+    // here is not the caller's to see, the entry-by-entry clear that follows reports its own.
+    const off64_t at = static_cast<off64_t>(bm->map_cluster) * RECSTORE_CLUSTER_SIZE +
+                       static_cast<off64_t>(lo) * kEntryBytes;
+    const auto n = static_cast<ssize_t>(raw.size());
+    if (io_calls().pread64(bm->fd, raw.data(), raw.size(), at) != n) return false;
+    for (uint32_t id : ids) {
+        le32_store(&raw[(id - lo) * kEntryBytes], make_free_entry(bm->vals[id]));
+    }
+    return io_calls().pwrite64(bm->fd, raw.data(), raw.size(), at) == n;
+}
+
+// The memory side of clearing entry id, as a successful bitmap_free_put leaves it after the
+// node left its list: the same message for an entry already free, the value kept, the node at
+// the head of the free list.
+void free_in_memory(cluster_bitmap *bm, uint32_t id) {
+    const uint32_t old = bm->vals[id];
+    if (kind_of_entry(old) == ListKind::Free) report_repeated_put(id, old);
+    bm->vals[id] = make_free_entry(old);
+    list_add_head(&bm->node_of[id]->list, &bm->free_list);
+    ++bm->free_bits;
+}
+
+// bitmap_clear with one write: the same entries, values, messages, list order and counts as
+// clear_list on the busy and then the error list. When the write fails nothing has changed and
+// the clear is done one entry at a time instead, so that a failing entry ends as it did there.
+bool clear_batched(cluster_bitmap *bm) {
+    std::vector<uint32_t> ids;
+    try {
+        ids.reserve(static_cast<size_t>(bm->busy_bits) + bm->err_bits);
+        ids_of_list(bm, ListKind::Busy, &ids);
+        ids_of_list(bm, ListKind::Err, &ids);
+    } catch (const std::bad_alloc &) {
+        ids.clear();
+        ids.shrink_to_fit();
+        const bool busy_ok = clear_list(bm, ListKind::Busy);
+        return clear_list(bm, ListKind::Err) && busy_ok;
+    }
+    if (ids.empty()) return true;
+    if (!write_cleared_span(bm, ids)) {
+        const bool busy_ok = clear_list(bm, ListKind::Busy);
+        return clear_list(bm, ListKind::Err) && busy_ok;
+    }
+    for (ListKind kind : {ListKind::Busy, ListKind::Err}) {
+        bitmap_list *head = list_of(bm, kind);
+        uint32_t *bits = bits_of(bm, kind);
+        for (bitmap_list *pos = head->next, *next = pos->next; pos != head;
+             pos = next, next = pos->next) {
+            list_del(pos);
+            if (*bits > 0) --*bits;
+            free_in_memory(bm, to_node(pos)->id);
+        }
+    }
+    return true;
+}
+
 }  // namespace
+
+void recstore::bitmap_set_clear_batched(bool batched) {
+    g_clear_batched = batched;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Loading, releasing and unlinking a map
@@ -371,6 +461,7 @@ int bitmap_err_del(cluster_bitmap *bm, uint32_t id) {
 
 int bitmap_clear(cluster_bitmap *bm) {
     if (!loaded(bm)) return -1;
+    if (g_clear_batched) return clear_batched(bm) ? 0 : -1;
     const bool busy_ok = clear_list(bm, ListKind::Busy);
     const bool err_ok = clear_list(bm, ListKind::Err);
     return busy_ok && err_ok ? 0 : -1;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Cluster bitmaps: the in-memory form of one on-disk map cluster (the block map or a block's
 // cluster map) with a free, a busy and an error list, written through to the disk 4 bytes at a
-// time. The exported operations are declared in recstore.h; this header adds the entry format.
+// time (a clear in one read and one write). The exported operations are declared in recstore.h;
+// this header adds the entry format.
 #ifndef RECSTORE_BITMAP_H
 #define RECSTORE_BITMAP_H
 
@@ -56,6 +57,15 @@ constexpr uint32_t make_err_entry(uint32_t value) {
 // node is on no list. Used where an entry changes state without the list bookkeeping (a single
 // cluster freed in the current block), so that the lists stay well formed.
 bool bitmap_unlink_keep_count(cluster_bitmap *bm, uint32_t id);
+
+// How bitmap_clear writes the map: the stretch from the first to the last entry it frees with one
+// read and one write (true, the default; the entries between keep the bytes read), or each freed
+// entry with a 4-byte write of its own (false, the plain clear that the equivalence test and the
+// recycling benchmark compare with). The map on the disk, the values, the lists (order included),
+// the counts and the messages end the same either way; when the one write fails nothing has changed
+// yet and the clear is done entry by entry, so that an entry whose write fails ends as in the plain
+// clear. Takes effect for clears started afterwards; no lock.
+void bitmap_set_clear_batched(bool batched);
 
 }  // namespace recstore
 

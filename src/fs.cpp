@@ -42,6 +42,10 @@
 #include <atomic>
 #include <cstdarg>
 #include <memory>
+#include <new>
+#include <string>
+#include <type_traits>
+#include <unordered_map>
 
 #include "bitmap.h"
 #include "cache.h"
@@ -2358,6 +2362,126 @@ static int recordings_left(const char *dir) {
     return left;
 }
 
+// Whether fs_clear leaves the directories and cache tags of the removed recordings to one pass
+// per index directory after the walk (true) or deals with them after each recording (false).
+static std::atomic<bool> g_clear_gathered{true};
+
+void recstore::fs_set_clear_gathered(bool gathered) {
+    g_clear_gathered.store(gathered, std::memory_order_relaxed);
+}
+
+namespace {
+
+// The cache tags of one cache file that a recycle drops. The day is the first member so that
+// the rewrite's predicate, which is handed that struct tm, reaches the whole record.
+struct CacheDrop {
+    struct tm day;  // first member: see drop_cleared_tag
+    std::vector<struct tm> starts;
+};
+static_assert(std::is_standard_layout<CacheDrop>::value, "the day converts to its record");
+
+// Rewrite predicate: 0 (drop) for a tag that any of the removed recordings' starts matches, as
+// one cache_delete per recording would have dropped it.
+int drop_cleared_tag(uint32_t lo, uint32_t hi, const struct tm *day) {
+    const auto *drop = reinterpret_cast<const CacheDrop *>(day);
+    for (const struct tm &start : drop->starts) {
+        if (match_cachetag(lo, hi, &start) == 0) return 0;
+    }
+    return -1;
+}
+
+// One index directory that lost recordings in a recycle.
+struct ClearedLeaf {
+    std::string path;  // as mk_idx_fullpath makes it
+    int disk_id;
+    int channel;
+    int type;
+    CacheDrop drop;
+};
+
+// What the walk of a link directory leaves for after it: the index directories that lost
+// recordings, in the order they were first met, and the starts removed from each.
+struct ClearBatch {
+    std::vector<ClearedLeaf> leaves;
+    std::unordered_map<std::string, size_t> at;
+};
+
+// The empty directories above one recording and its cache tag, right away.
+void tidy_after_recording(int disk_id, int channel, const struct tm &start, int type,
+                          const char *leaf) {
+    char root[RECSTORE_PATH_LEN];
+    idx_root(disk_id, root, sizeof root);
+    if (leaf[0] != '\0' && root[0] != '\0') remove_empty_dirs_upward(leaf, root);
+    if (fs_use_cache()) {
+        struct tm copy = start;
+        cache_delete(disk_id, channel, &copy, type);
+    }
+}
+
+// Files the recording for the pass after the walk; false when memory ran out (nothing filed).
+bool gather(ClearBatch *batch, int disk_id, int channel, const struct tm &start, int type,
+            const char *leaf) {
+    try {
+        auto found = batch->at.find(leaf);
+        if (found == batch->at.end()) {
+            batch->leaves.push_back(
+                ClearedLeaf{leaf, disk_id, channel, type, CacheDrop{start, {}}});
+            found = batch->at.emplace(leaf, batch->leaves.size() - 1).first;
+        }
+        batch->leaves[found->second].drop.starts.push_back(start);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+}
+
+// The pass after the walk: per index directory, the directories left empty above it (removed
+// upward as after its last recording), then one rewrite of its cache file dropping every
+// removed recording's tag.
+void tidy_gathered(const ClearBatch &batch) {
+    for (const ClearedLeaf &leaf : batch.leaves) {
+        char root[RECSTORE_PATH_LEN];
+        idx_root(leaf.disk_id, root, sizeof root);
+        if (!leaf.path.empty() && root[0] != '\0')
+            remove_empty_dirs_upward(leaf.path.c_str(), root);
+        if (fs_use_cache()) {
+            do_cache_delete_cond(leaf.disk_id, leaf.channel, &leaf.drop.day, leaf.type,
+                                 drop_cleared_tag);
+        }
+    }
+}
+
+// Walk action of the gathered recycle (user: the ClearBatch): removes a recording's index file
+// and link as file_delete_link_action does and files the rest for tidy_gathered.
+int file_delete_link_gathered_action(const char *path, struct stat *st, void *user) {
+    if (path == nullptr || st == nullptr || user == nullptr || !S_ISLNK(st->st_mode)) {
+        return kWalkGo;
+    }
+    int disk_id = -1;
+    int block_id = 0;
+    int channel = 0;
+    int type = 0;
+    struct tm start;
+    memset(&start, 0, sizeof start);
+    if (linkname_to_record(path, &disk_id, &block_id, &channel, &start, &type) < kLinkFields ||
+        !valid_disk_id(disk_id)) {
+        return kWalkGo;
+    }
+    char name[RECSTORE_PATH_LEN];
+    mk_idx_fullname(disk_id, name, sizeof name, channel, &start, type);
+    // An index file that could not be removed keeps its link, so that fs_clear sees it is left.
+    if (name[0] != '\0' && io_calls().remove(name) != 0 && errno != ENOENT) return kWalkGo;
+    io_calls().remove(path);
+    char leaf[RECSTORE_PATH_LEN];
+    mk_idx_fullpath(disk_id, leaf, sizeof leaf, channel, &start, type);
+    if (!gather(static_cast<ClearBatch *>(user), disk_id, channel, start, type, leaf)) {
+        tidy_after_recording(disk_id, channel, start, type, leaf);
+    }
+    return kWalkGo;
+}
+
+}  // namespace
+
 int fs_clear(int disk_id, uint32_t block_id) {
     if (g_fs_rdonly) {
         FS_LOG_ERR("fs_clear readonly\n");
@@ -2381,7 +2505,13 @@ int fs_clear(int disk_id, uint32_t block_id) {
     mk_idx_linkpath(disk_id, dir, sizeof dir, static_cast<int>(block_id));
     if (dir[0] == '\0') return -1;
     fs_log_file("remove link :%s\n", dir);
-    find_recursive(dir, 1, 0, 0, file_delete_link_action, nullptr, nullptr, nullptr);
+    if (g_clear_gathered.load(std::memory_order_relaxed)) {
+        ClearBatch batch;
+        find_recursive(dir, 1, 0, 0, file_delete_link_gathered_action, nullptr, &batch, nullptr);
+        tidy_gathered(batch);
+    } else {
+        find_recursive(dir, 1, 0, 0, file_delete_link_action, nullptr, nullptr, nullptr);
+    }
     // A recording the walk could not remove (an I/O error on its file, its link or the listing)
     // still points into the block: freeing it would hand its clusters out again.
     const int left = recordings_left(dir);
@@ -2422,11 +2552,8 @@ int file_delete_link_action(const char *path, struct stat *st, void * /*user*/) 
     if (name[0] != '\0' && io_calls().remove(name) != 0 && errno != ENOENT) return kWalkGo;
     io_calls().remove(path);
     char leaf[RECSTORE_PATH_LEN];
-    char root[RECSTORE_PATH_LEN];
     mk_idx_fullpath(disk_id, leaf, sizeof leaf, channel, &start, type);
-    idx_root(disk_id, root, sizeof root);
-    if (leaf[0] != '\0' && root[0] != '\0') remove_empty_dirs_upward(leaf, root);
-    if (fs_use_cache()) cache_delete(disk_id, channel, &start, type);
+    tidy_after_recording(disk_id, channel, start, type, leaf);
     return kWalkGo;
 }
 

@@ -41,6 +41,18 @@ constexpr int kMapFlushMillis = 1000;
 // kMapFlushMillis ago (datazone_flush_maps: no disk mutex). Called by the daemon after each pass.
 void fs_flush_changed_maps();
 
+// How fs_clear deals with what each removed recording leaves behind (the index directories left
+// empty, its cache tag): gathered during the walk and done once per index directory afterwards
+// (true, the default: one rewrite of each cache file, one upward removal per directory), or after
+// each recording as it is removed (false, the plain walk that the equivalence test and the
+// recycling benchmark compare with). The index tree, the cache tree and fs_clear's result and
+// messages end the same either way. While the gathered walk runs, a search through the cache may
+// still list recordings whose index files are already gone (opening one fails, as it does in the
+// plain walk's shorter window); the walk holds each removed recording's start in memory until it
+// ends (and falls back on the plain handling when memory runs out).
+// Takes effect for clears started afterwards; no lock.
+void fs_set_clear_gathered(bool gathered);
+
 // Marks every open stream of a disk being taken down (pulled) as having lost its disk: from then
 // on every operation on such a stream fails as on a disk not open, even when a disk plugged in
 // later gets the same id, and fs_close frees its stream slot and index handle (closing the index
