@@ -45,6 +45,13 @@ constexpr const char *kCacheTmpName = "cachetmp";
 void cache_tag_to_bytes(uint32_t lo, uint32_t hi, unsigned char (&out)[kCacheTagSize]);
 void cache_tag_from_bytes(const unsigned char (&in)[kCacheTagSize], uint32_t *lo, uint32_t *hi);
 
+// How the loader reads each recording's header: with one read of the index file when the header
+// is final, opening the recording only for a header it must repair (true, the default), or by
+// opening every recording (false, the plain load that the equivalence test and the rebuild
+// benchmark compare with). The tags, cache files and messages are the same either way. Takes
+// effect for files loaded afterwards; no lock.
+void cache_set_fast_load(bool fast);
+
 }  // namespace recstore
 #endif
 
