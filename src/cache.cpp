@@ -156,13 +156,53 @@ void make_dir(const char *dir) {
 
 // Appends one tag. A short write is reported and the partial bytes are cut off again, so that
 // the tags appended later stay on 8-byte boundaries.
-void append_tag(int fd, uint64_t tag) {
-    struct stat64 st;
-    off64_t before = io_calls().fstat64(fd, &st) == 0 ? st.st_size : -1;
+void append_tag_after(int fd, uint64_t tag, off64_t before) {
     int n = do_cache_write_tag(fd, static_cast<uint32_t>(tag), static_cast<uint32_t>(tag >> 32));
     if (n == static_cast<int>(kCacheTagSize)) return;
     perror("write");
     if (n > 0 && before >= 0 && io_calls().ftruncate64(fd, before) < 0) perror("ftruncate");
+}
+
+// before: the file's size, -1 when unknown.
+void append_tag(int fd, uint64_t tag) {
+    struct stat64 st;
+    append_tag_after(fd, tag, io_calls().fstat64(fd, &st) == 0 ? st.st_size : -1);
+}
+
+// The cache file a loader appends to, kept open while its walk stays in one leaf directory, so
+// that each tag costs one status call and one write instead of a directory test, an open, a
+// status call, a write and a close.
+struct LeafAppender {
+    char file[kPath] = "";
+    FdGuard fd;
+};
+
+// Opens the leaf's cache file for appending, making its directory first. Called with
+// g_cachelock held. -1 (reported) when it cannot be opened.
+int open_leaf_file(const LeafPaths &paths) {
+    make_dir(paths.dir);
+    int fd =
+        io_calls().open(paths.file, O_WRONLY | O_CREAT | O_APPEND | O_LARGEFILE, kCacheFileMode);
+    if (fd < 0) FS_LOG_ERR("open file :%s err\n", paths.file);
+    return fd;
+}
+
+// Appends the tag to the leaf's cache file, through the appender's descriptor while it still
+// names that file: one a rewrite replaced, or a clear or prune removed, has no link left and is
+// opened again (its directory made again), as a fresh append would. Called with g_cachelock held.
+int append_through(LeafAppender *app, const LeafPaths &paths, uint64_t tag) {
+    struct stat64 st;
+    if (app->fd.get() >= 0 && strcmp(app->file, paths.file) == 0 &&
+        io_calls().fstat64(app->fd.get(), &st) == 0 && st.st_nlink > 0) {
+        append_tag_after(app->fd.get(), tag, st.st_size);
+        return 0;
+    }
+    app->fd.reset(open_leaf_file(paths));
+    app->file[0] = '\0';
+    if (app->fd.get() < 0) return -1;
+    snprintf(app->file, sizeof app->file, "%s", paths.file);
+    append_tag(app->fd.get(), tag);
+    return 0;
 }
 
 // Disks the probe finds; 1 when it finds none or more than a recorder has.
@@ -240,6 +280,8 @@ void *cache_load_thread(void *arg) {
     return proc_cache_load(owned->device);
 }
 
+int load_action(const char *path, struct stat *st, void *user);
+
 // Mirrors one directory of the index tree.
 void mirror_directory(const char *path) {
     char cache_dir[kPath];
@@ -282,8 +324,12 @@ bool read_recording_header(int disk_id, const rec_param &param, int channel, con
     return stat_through_stream(disk_id, param, info);
 }
 
-// Appends the tag of one index file.
-void cache_index_file(const char *path) {
+int loader_cache_create(LeafAppender *app, int disk_id, int channel, const struct tm *start,
+                        const struct tm *end, int type, unsigned mode, uint32_t total_bytes);
+
+// Appends the tag of one index file: through the loader's held-open leaf file when app is given,
+// else with cache_create.
+void cache_index_file(const char *path, LeafAppender *app) {
     int disk_id = -1, channel = 0, type = 0;
     struct tm start = {};
     int level = fullname_to_record(path, &disk_id, &channel, &start, &type);
@@ -304,10 +350,12 @@ void cache_index_file(const char *path) {
     struct tm rec_start = {}, rec_end = {};
     from_fs_tm(&rec_start, &info->start_time);
     from_fs_tm(&rec_end, &info->end_time);
-    if (cache_create(disk_id, channel, &rec_start, &rec_end, type, info->mode,
-                     static_cast<uint32_t>(info->total_bytes)) < 0) {
-        FS_LOG_ERR("cache open err\n");
-    }
+    const uint32_t bytes = static_cast<uint32_t>(info->total_bytes);
+    const int created =
+        app ? loader_cache_create(app, disk_id, channel, &rec_start, &rec_end, type, info->mode,
+                                  bytes)
+            : cache_create(disk_id, channel, &rec_start, &rec_end, type, info->mode, bytes);
+    if (created < 0) FS_LOG_ERR("cache open err\n");
 }
 
 // The first and last second of a year, month or day directory of a cache tree.
@@ -573,13 +621,19 @@ void *proc_cache_load(void *device_arg) {
     cache_clear(device);
     char root[kPath] = "";
     mount_point(device, root, sizeof root);
-    find_recursive(root, 1, 0, 0, buildcache, buildcache, nullptr, nullptr);
+    // The plain load appends each tag with cache_create.
+    LeafAppender app;
+    LeafAppender *held = g_fast_load.load(std::memory_order_relaxed) ? &app : nullptr;
+    find_recursive(root, 1, 0, 0, load_action, load_action, held, nullptr);
+    app.fd.reset();
     FS_LOG_PLAIN("cache load finished use:%d sec\n", static_cast<int>(time(nullptr) - begin));
     cache_set_loaded(static_cast<unsigned>(todiskid(device)), 1);
     return nullptr;
 }
 
-int buildcache(const char *path, struct stat *st, void * /*user*/) {
+namespace {
+
+int build_entry(const char *path, const struct stat *st, LeafAppender *app) {
     if (!path) return kWalkContinue;
     // The link tree of the data blocks is never mirrored.
     if (strstr(path, "link")) return kWalkSkip;
@@ -587,8 +641,19 @@ int buildcache(const char *path, struct stat *st, void * /*user*/) {
         mirror_directory(path);
         return kWalkContinue;
     }
-    cache_index_file(path);
+    cache_index_file(path, app);
     return kWalkContinue;  // one bad file never stops the build
+}
+
+// The loader's walk action: buildcache with the loader's held-open leaf file (user).
+int load_action(const char *path, struct stat *st, void *user) {
+    return build_entry(path, st, static_cast<LeafAppender *>(user));
+}
+
+}  // namespace
+
+int buildcache(const char *path, struct stat *st, void * /*user*/) {
+    return build_entry(path, st, nullptr);
 }
 
 int cache_unload(const char *device) {
@@ -621,8 +686,12 @@ int cache_clear(const char *device) {
 // Tags
 // ---------------------------------------------------------------------------------------------
 
-int cache_create(int disk_id, int channel, const struct tm *start, const struct tm *end, int type,
-                 unsigned mode, uint32_t total_bytes) {
+namespace {
+
+// The leaf paths and the tag of a recording's cache entry. 1 when they are made; else the result
+// cache_create gives (0 when the cache is read-only, -1 when refused, reported).
+int prepare_tag(int disk_id, int channel, const struct tm *start, const struct tm *end, int type,
+                unsigned mode, uint32_t total_bytes, LeafPaths *paths, uint64_t *tag) {
     if (!start || !end) {
         FS_LOG_ERR("invalid param\n");
         return -1;
@@ -632,25 +701,41 @@ int cache_create(int disk_id, int channel, const struct tm *start, const struct 
         FS_LOG_INFO("cache readonly\n");
         return 0;
     }
-    LeafPaths paths;
-    if (!valid_leaf(disk_id, channel, type) || !leaf_paths(disk_id, channel, start, type, &paths)) {
+    if (!valid_leaf(disk_id, channel, type) || !leaf_paths(disk_id, channel, start, type, paths)) {
         return -1;
     }
     char name[kPath];
     mk_idx_filename(name, sizeof name, channel, start, type);
     struct tm end_copy = *end;  // the tag builder may change the end time it is given
-    uint64_t tag = filename_to_cachetag(&end_copy, mode, total_bytes, name);
+    *tag = filename_to_cachetag(&end_copy, mode, total_bytes, name);
+    return 1;
+}
 
+// cache_create for the loader: the same checks, tag and messages, appended through the loader's
+// held-open leaf file.
+int loader_cache_create(LeafAppender *app, int disk_id, int channel, const struct tm *start,
+                        const struct tm *end, int type, unsigned mode, uint32_t total_bytes) {
+    LeafPaths paths;
+    uint64_t tag = 0;
+    int prepared = prepare_tag(disk_id, channel, start, end, type, mode, total_bytes, &paths, &tag);
+    if (prepared != 1) return prepared;
+    MutexGuard guard(g_cachelock);
+    return append_through(app, paths, tag);
+}
+
+}  // namespace
+
+int cache_create(int disk_id, int channel, const struct tm *start, const struct tm *end, int type,
+                 unsigned mode, uint32_t total_bytes) {
+    LeafPaths paths;
+    uint64_t tag = 0;
+    int prepared = prepare_tag(disk_id, channel, start, end, type, mode, total_bytes, &paths, &tag);
+    if (prepared != 1) return prepared;
     // The directory is made under the lock too, so that a rewrite emptying the leaf or a clear
     // cannot remove it between its creation and the append.
     MutexGuard guard(g_cachelock);
-    make_dir(paths.dir);
-    FdGuard fd(
-        io_calls().open(paths.file, O_WRONLY | O_CREAT | O_APPEND | O_LARGEFILE, kCacheFileMode));
-    if (fd.get() < 0) {
-        FS_LOG_ERR("open file :%s err\n", paths.file);
-        return -1;
-    }
+    FdGuard fd(open_leaf_file(paths));
+    if (fd.get() < 0) return -1;
     append_tag(fd.get(), tag);
     return 0;
 }
