@@ -21,6 +21,7 @@
 // g_cachelock guards every read, append, rewrite and removal of cache files.
 #include "cache.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -82,6 +83,12 @@ bool cache_rdonly() {
 bool path_exists(const char *path) {
     struct stat64 st;
     return io_calls().stat64(path, &st) == 0;
+}
+
+// A directory itself, not a link to one.
+bool is_directory(const char *path) {
+    struct stat64 st;
+    return io_calls().lstat64(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // Copies "prefix + suffix" into dst; false (reported) when it does not fit.
@@ -281,6 +288,8 @@ void *cache_load_thread(void *arg) {
 }
 
 int load_action(const char *path, struct stat *st, void *user);
+int load_dir_action(const char *path, void *user);
+int load_file_action(const char *path, void *user);
 
 // Mirrors one directory of the index tree.
 void mirror_directory(const char *path) {
@@ -624,7 +633,13 @@ void *proc_cache_load(void *device_arg) {
     // The plain load appends each tag with cache_create.
     LeafAppender app;
     LeafAppender *held = g_fast_load.load(std::memory_order_relaxed) ? &app : nullptr;
-    find_recursive(root, 1, 0, 0, load_action, load_action, held, nullptr);
+    if (held && is_directory(root)) {
+        // The directory listing's entry types stand in for a status call per entry.
+        find_recursive_nostat(root, DT_DIR, 1, 0, 0, load_file_action, load_dir_action, held,
+                              nullptr);
+    } else {
+        find_recursive(root, 1, 0, 0, load_action, load_action, held, nullptr);
+    }
     app.fd.reset();
     FS_LOG_PLAIN("cache load finished use:%d sec\n", static_cast<int>(time(nullptr) - begin));
     cache_set_loaded(static_cast<unsigned>(todiskid(device)), 1);
@@ -648,6 +663,32 @@ int build_entry(const char *path, const struct stat *st, LeafAppender *app) {
 // The loader's walk action: buildcache with the loader's held-open leaf file (user).
 int load_action(const char *path, struct stat *st, void *user) {
     return build_entry(path, st, static_cast<LeafAppender *>(user));
+}
+
+// The walk without status calls: directories as the listing types them.
+int load_dir_action(const char *path, void *user) {
+    struct stat st = {};
+    st.st_mode = S_IFDIR;
+    return load_action(path, &st, user);
+}
+
+// A file as the listing types it. Anything that is not named like an index file is looked at
+// once more: a directory the listing could not type is walked as the walk with status calls
+// would (mirrored and descended).
+int load_file_action(const char *path, void *user) {
+    int disk_id = -1, channel = 0, type = 0;
+    struct tm start = {};
+    if (path && !strstr(path, "link") &&
+        fullname_to_record(path, &disk_id, &channel, &start, &type) < kIndexFileFields &&
+        is_directory(path)) {
+        char copy[kPath];
+        snprintf(copy, sizeof copy, "%s", path);
+        find_recursive(copy, 1, 0, 0, load_action, load_action, user, nullptr);
+        return kWalkContinue;
+    }
+    struct stat st = {};
+    st.st_mode = S_IFREG;
+    return load_action(path, &st, user);
 }
 
 }  // namespace

@@ -2,9 +2,11 @@
 // Rig test of the cache loader's direct header read: on index trees of many random recordings
 // (closed ones, ones with an extension area, unfinished headers the loader repairs with or
 // without entries, headers and extension areas cut short, empty and stray files), on current and
-// version-1 disks, the load that reads final headers directly leaves the same cache tree (names
-// and bytes), the same index tree (repairs included) and the same messages as the load that
-// opens every recording.
+// version-1 disks, the load that reads final headers directly, appends through held-open cache
+// files and walks by the listing's entry types leaves the same cache tree (names and bytes), the
+// same index tree (repairs included) and the same messages as the load that opens every recording
+// and appends each tag with cache_create; also when the listing cannot type its entries.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -165,6 +167,13 @@ int counting_open(const char *path, int flags, mode_t mode) {
     return recstore::io_default::open(path, flags, mode);
 }
 
+// A listing that cannot type its entries, as on a file system without entry types.
+struct dirent64 *untyped_readdir(DIR *dir) {
+    struct dirent64 *e = ::readdir64(dir);
+    if (e != nullptr) e->d_type = DT_UNKNOWN;
+    return e;
+}
+
 struct LoadResult {
     Tree cache;
     Tree index;
@@ -182,7 +191,7 @@ bool wait_loaded() {
 }
 
 // Loads the disk's cache from a fresh copy of the pristine index tree.
-LoadResult load(bool fast) {
+LoadResult load(bool fast, bool untyped = false) {
     LoadResult r;
     rig::sh(std::string("rm -rf ") + kIndexRoot + " && cp -a " + kPristine + " " + kIndexRoot);
     recstore::cache_set_fast_load(fast);
@@ -192,6 +201,8 @@ LoadResult load(bool fast) {
     {
         recstore::IoOverride<int(const char *, int, mode_t)> count(recstore::io_calls().open,
                                                                    counting_open);
+        recstore::IoOverride<struct dirent64 *(DIR *)> types(
+            recstore::io_calls().readdir64, untyped ? untyped_readdir : ::readdir64);
         LogMask mask(kLogAll);
         StdoutCapture cap;
         EXPECT_EQ(cache_load("/dev/hd/sda"), 0);
@@ -285,11 +296,16 @@ TEST_P(CacheLoadFast, SameCacheIndexTreeAndMessagesAsOpeningEveryRecording) {
 
     const LoadResult fast = load(true);
     const LoadResult plain = load(false);
+    const LoadResult untyped = load(true, true);
 
     EXPECT_GT(plain.cache.size(), static_cast<size_t>(kRecordings / 20));
     expect_same_trees(fast.cache, plain.cache, "cache tree");
     expect_same_trees(fast.index, plain.index, "index tree");
     EXPECT_EQ(fast.messages, plain.messages);
+    // Directories the listing does not type are walked all the same.
+    expect_same_trees(untyped.cache, plain.cache, "cache tree, untyped listing");
+    expect_same_trees(untyped.index, plain.index, "index tree, untyped listing");
+    EXPECT_EQ(untyped.messages, plain.messages);
     EXPECT_TRUE(recstore_test::contains(plain.messages, "cache load finished use:N sec"));
     // The fast load opened for writing only the recordings whose header it could not take as
     // it is; the plain one opened every recording so.
