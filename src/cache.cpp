@@ -6,15 +6,17 @@
 // rewrites cache files to drop tags, and removes the cache files that lie before a time.
 //
 // File map, in order:
-//   Helpers: leaf paths, tag appends, the mount command, the loader-thread count
-//     (g_loaders_lock), the loader's per-file work, pruning before a time, the rewrite copy and
+//   Helpers: leaf paths, tag appends (also through the loader's held-open leaf file), the mount
+//     command, the loader-thread count (g_loaders_lock), the loader's per-file work (a final
+//     header read directly, else through a stream), pruning before a time, the rewrite copy and
 //     the tag byte codec.
 //   Tag I/O and rewriting: do_cache_read_tag, do_cache_write_tag, do_cache_rewrite,
 //     do_cache_prune_dirs.
 //   Mounting: cache_init, cache_exit (which waits for the loaders).
-//   Loading a disk's cache: cache_load (starts the detached loader), proc_cache_load,
-//     buildcache, cache_unload, cache_clear.
-//   Tags: cache_create and the loaded, full and read-only queries.
+//   Loading a disk's cache: cache_load (starts the detached loader), proc_cache_load and its
+//     walk actions, buildcache, cache_unload, cache_clear.
+//   Tags: cache_create (and the loader's form of it), cache_set_fast_load, the loaded, full and
+//     read-only queries.
 //   Removing tags and cache files: do_cache_delete_cond, cache_delete, cache_del_before_action.
 //   Search and calendar over a channel's cache tree: cache_findaction (scans under
 //     g_cachelock), cache_calendar_action.
