@@ -5,7 +5,8 @@
 // version-1 disks, the load that reads final headers directly, appends through held-open cache
 // files and walks by the listing's entry types leaves the same cache tree (names and bytes), the
 // same index tree (repairs included) and the same messages as the load that opens every recording
-// and appends each tag with cache_create; also when the listing cannot type its entries.
+// and appends each tag with cache_create; also when the listing cannot type its entries, and
+// when another thread replaces a leaf's cache file while the loader holds it open.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -233,6 +234,19 @@ void expect_same_trees(const Tree &fast, const Tree &plain, const char *what) {
     }
 }
 
+// Makes disk 0 a current or a version-1 disk.
+void write_magic(bool v1) {
+    if (v1) {
+        const uint8_t magic[4] = {0x13, 0x10, 0x10, 0x10};
+        std::ofstream(std::string(kIndexRoot) + "/magic", std::ios::binary)
+            .write(reinterpret_cast<const char *>(magic), 4);
+        g_magic[0] = RECSTORE_MAGIC_V1;
+    } else {
+        ASSERT_EQ(index_write_magic(0), 0);
+        g_magic[0] = RECSTORE_MAGIC_V7;
+    }
+}
+
 class CacheLoadFast : public ::testing::TestWithParam<bool> {
   protected:
     void SetUp() override {
@@ -258,15 +272,7 @@ class CacheLoadFast : public ::testing::TestWithParam<bool> {
 
 TEST_P(CacheLoadFast, SameCacheIndexTreeAndMessagesAsOpeningEveryRecording) {
     const bool v1 = GetParam();
-    if (v1) {
-        const uint8_t magic[4] = {0x13, 0x10, 0x10, 0x10};
-        std::ofstream(std::string(kIndexRoot) + "/magic", std::ios::binary)
-            .write(reinterpret_cast<const char *>(magic), 4);
-        g_magic[0] = RECSTORE_MAGIC_V1;
-    } else {
-        ASSERT_EQ(index_write_magic(0), 0);
-        g_magic[0] = RECSTORE_MAGIC_V7;
-    }
+    write_magic(v1);
     std::mt19937 rng(v1 ? 1234u : 4321u);
     std::set<std::string> used;
     std::map<Kind, int> made;
@@ -312,6 +318,73 @@ TEST_P(CacheLoadFast, SameCacheIndexTreeAndMessagesAsOpeningEveryRecording) {
     EXPECT_GT(plain.rw_opens, kRecordings * 9 / 10);
     EXPECT_LT(fast.rw_opens, plain.rw_opens / 2);
     EXPECT_GT(fast.ro_opens, kRecordings / 2);
+}
+
+namespace {
+
+// Replaces the cache file a descriptor names by a copy, as a rewrite by another thread does (the
+// old file removed, the copy renamed into its place), on the `g_replace_at`th status call of a
+// cache file through the seam.
+std::atomic<int> g_cache_fstats{0};
+int g_replace_at = 0;
+
+std::string fd_target(int fd) {
+    char link[64], target[RECSTORE_PATH_LEN] = "";
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = readlink(link, target, sizeof target - 1);
+    return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+}
+
+int replacing_fstat(int fd, struct stat64 *st) {
+    const std::string file = fd_target(fd);
+    if (file.size() > 6 && file.compare(file.size() - 6, 6, "/cache") == 0 &&
+        ++g_cache_fstats == g_replace_at) {
+        rig::sh("cp " + file + " " + file + ".copy && rm " + file + " && mv " + file + ".copy " +
+                file);
+    }
+    return ::fstat64(fd, st);
+}
+
+}  // namespace
+
+TEST_P(CacheLoadFast, LeafFileReplacedDuringTheLoadKeepsEveryTag) {
+    const bool v1 = GetParam();
+    write_magic(v1);
+    std::mt19937 rng(99);
+    {
+        StdoutCapture quiet;
+        // One leaf: channel 5, one day, type 0.
+        for (int i = 0; i < 20; i++) {
+            struct tm start = {};
+            start.tm_year = 2025 - 1900;
+            start.tm_mon = 4;
+            start.tm_mday = 9;
+            start.tm_hour = i;
+            start.tm_min = 3;
+            write_recording(rng, v1, Kind::closed, 5, start, 0);
+        }
+        quiet.stop();
+    }
+    ASSERT_FALSE(HasFailure());
+    rig::sh(std::string("cp -a ") + kIndexRoot + " " + kPristine);
+    const LoadResult plain = load(false);
+    ASSERT_EQ(plain.cache.count("/05/2025/05/09/00/cache"), 1u);
+    EXPECT_EQ(plain.cache.at("/05/2025/05/09/00/cache").size(), 20u * 8);
+    // Status call 1 is the append after opening the file; from 2 on each is the test whether the
+    // held file is still the leaf's, made after another thread may have had g_cachelock.
+    for (int at : {2, 7}) {
+        g_cache_fstats = 0;
+        g_replace_at = at;
+        LoadResult fast;
+        {
+            recstore::IoOverride<int(int, struct stat64 *)> replace(recstore::io_calls().fstat64,
+                                                                    replacing_fstat);
+            fast = load(true);
+        }
+        EXPECT_GE(g_cache_fstats.load(), at) << "the file was never replaced";
+        expect_same_trees(fast.cache, plain.cache, "cache tree");
+        EXPECT_EQ(fast.messages, plain.messages);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, CacheLoadFast, ::testing::Values(false, true),
