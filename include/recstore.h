@@ -1257,12 +1257,15 @@ int cache_exit(void);
  * its index tree (proc_cache_load). 0 when started (or read-only), -1 when refused or not
  * started. The caller may hold the disk's mutex; the thread takes g_fslock and g_cachelock. */
 int cache_load(const char *device);
-/* The loader's body: clears the disk's cache, walks its index tree with buildcache, then marks
- * the disk loaded. Returns NULL. Runs on the loader thread; takes no lock of its own. */
+/* The loader's body: clears the disk's cache, walks its index tree doing what buildcache does
+ * for each entry (the tags appended through each leaf's cache file held open while the walk
+ * stays in it, each append under g_cachelock), then marks the disk loaded. Returns NULL. Runs on
+ * the loader thread; takes no lock of its own. */
 void *proc_cache_load(void *device);
 /* Walk action of the loader: mirrors directories into the cache and appends one tag per index
- * file (opened for reading through fs_open, so under g_fslock; appended with cache_create under
- * g_cachelock); 2 for paths holding "link" (not descended), else 1, also when a file fails. */
+ * file (its header read directly when final, else through fs_open, which repairs it, under
+ * g_fslock; appended with cache_create under g_cachelock); 2 for paths holding "link" (not
+ * descended), else 1, also when a file fails. */
 int buildcache(const char *path, struct stat *st, void *user);
 /* As cache_clear (nothing, 0, in read-only mode); the loaded flag stays as it is. Takes
  * g_cachelock. */

@@ -6,21 +6,24 @@
 // rewrites cache files to drop tags, and removes the cache files that lie before a time.
 //
 // File map, in order:
-//   Helpers: leaf paths, tag appends, the mount command, the loader-thread count
-//     (g_loaders_lock), the loader's per-file work, pruning before a time, the rewrite copy and
+//   Helpers: leaf paths, tag appends (also through the loader's held-open leaf file), the mount
+//     command, the loader-thread count (g_loaders_lock), the loader's per-file work (a final
+//     header read directly, else through a stream), pruning before a time, the rewrite copy and
 //     the tag byte codec.
 //   Tag I/O and rewriting: do_cache_read_tag, do_cache_write_tag, do_cache_rewrite,
 //     do_cache_prune_dirs.
 //   Mounting: cache_init, cache_exit (which waits for the loaders).
-//   Loading a disk's cache: cache_load (starts the detached loader), proc_cache_load,
-//     buildcache, cache_unload, cache_clear.
-//   Tags: cache_create and the loaded, full and read-only queries.
+//   Loading a disk's cache: cache_load (starts the detached loader), proc_cache_load and its
+//     walk actions, buildcache, cache_unload, cache_clear.
+//   Tags: cache_create (and the loader's form of it), cache_set_fast_load, the loaded, full and
+//     read-only queries.
 //   Removing tags and cache files: do_cache_delete_cond, cache_delete, cache_del_before_action.
 //   Search and calendar over a channel's cache tree: cache_findaction (scans under
 //     g_cachelock), cache_calendar_action.
 // g_cachelock guards every read, append, rewrite and removal of cache files.
 #include "cache.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -38,6 +41,7 @@
 
 #include "fs.h"
 #include "fs_tools.h"
+#include "index.h"
 
 using recstore::FdGuard;
 using recstore::io_calls;
@@ -81,6 +85,12 @@ bool cache_rdonly() {
 bool path_exists(const char *path) {
     struct stat64 st;
     return io_calls().stat64(path, &st) == 0;
+}
+
+// A directory itself, not a link to one.
+bool is_directory(const char *path) {
+    struct stat64 st;
+    return io_calls().lstat64(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // Copies "prefix + suffix" into dst; false (reported) when it does not fit.
@@ -155,13 +165,53 @@ void make_dir(const char *dir) {
 
 // Appends one tag. A short write is reported and the partial bytes are cut off again, so that
 // the tags appended later stay on 8-byte boundaries.
-void append_tag(int fd, uint64_t tag) {
-    struct stat64 st;
-    off64_t before = io_calls().fstat64(fd, &st) == 0 ? st.st_size : -1;
+void append_tag_after(int fd, uint64_t tag, off64_t before) {
     int n = do_cache_write_tag(fd, static_cast<uint32_t>(tag), static_cast<uint32_t>(tag >> 32));
     if (n == static_cast<int>(kCacheTagSize)) return;
     perror("write");
     if (n > 0 && before >= 0 && io_calls().ftruncate64(fd, before) < 0) perror("ftruncate");
+}
+
+// before: the file's size, -1 when unknown.
+void append_tag(int fd, uint64_t tag) {
+    struct stat64 st;
+    append_tag_after(fd, tag, io_calls().fstat64(fd, &st) == 0 ? st.st_size : -1);
+}
+
+// The cache file a loader appends to, kept open while its walk stays in one leaf directory, so
+// that each tag costs one status call and one write instead of a directory test, an open, a
+// status call, a write and a close.
+struct LeafAppender {
+    char file[kPath] = "";
+    FdGuard fd;
+};
+
+// Opens the leaf's cache file for appending, making its directory first. Called with
+// g_cachelock held. -1 (reported) when it cannot be opened.
+int open_leaf_file(const LeafPaths &paths) {
+    make_dir(paths.dir);
+    int fd =
+        io_calls().open(paths.file, O_WRONLY | O_CREAT | O_APPEND | O_LARGEFILE, kCacheFileMode);
+    if (fd < 0) FS_LOG_ERR("open file :%s err\n", paths.file);
+    return fd;
+}
+
+// Appends the tag to the leaf's cache file, through the appender's descriptor while it still
+// names that file: one a rewrite replaced, or a clear or prune removed, has no link left and is
+// opened again (its directory made again), as a fresh append would. Called with g_cachelock held.
+int append_through(LeafAppender *app, const LeafPaths &paths, uint64_t tag) {
+    struct stat64 st;
+    if (app->fd.get() >= 0 && strcmp(app->file, paths.file) == 0 &&
+        io_calls().fstat64(app->fd.get(), &st) == 0 && st.st_nlink > 0) {
+        append_tag_after(app->fd.get(), tag, st.st_size);
+        return 0;
+    }
+    app->fd.reset(open_leaf_file(paths));
+    app->file[0] = '\0';
+    if (app->fd.get() < 0) return -1;
+    snprintf(app->file, sizeof app->file, "%s", paths.file);
+    append_tag(app->fd.get(), tag);
+    return 0;
 }
 
 // Disks the probe finds; 1 when it finds none or more than a recorder has.
@@ -251,6 +301,10 @@ void *cache_load_thread(void *arg) {
     return proc_cache_load(owned->device);
 }
 
+int load_action(const char *path, struct stat *st, void *user);
+int load_dir_action(const char *path, void *user);
+int load_file_action(const char *path, void *user);
+
 // Mirrors one directory of the index tree.
 void mirror_directory(const char *path) {
     char cache_dir[kPath];
@@ -260,8 +314,45 @@ void mirror_directory(const char *path) {
     make_dir(with_slash);
 }
 
-// Appends the tag of one index file, read through a stream opened for reading.
-void cache_index_file(const char *path) {
+// The loader reads final headers directly unless a test or benchmark asks for the plain load.
+std::atomic<bool> g_fast_load{true};
+
+// The header of one recording read through a stream opened for reading, which repairs a header
+// never finalised. False (reported) when the recording cannot be opened or stated.
+bool stat_through_stream(int disk_id, const rec_param &param, recordinfo *info) {
+    int handle = fs_open(disk_id, &param, 0, 0, 0, nullptr);
+    if (handle < 0) {
+        FS_LOG_ERR("fs open err\n");
+        return false;
+    }
+    int stat_result = fs_stat(handle, info);
+    fs_close(handle, nullptr);
+    if (stat_result < 0) {
+        FS_LOG_ERR("fs stat err\n");
+        return false;
+    }
+    return true;
+}
+
+// The header of one recording: read directly from the file the stream would open (its name is
+// built from the disk like the stream's, so a disk closed meanwhile is met the same way) when it
+// is final, else through the stream. A channel the stream refuses is left to it, with its message.
+bool read_recording_header(int disk_id, const rec_param &param, int channel, const struct tm &start,
+                           int type, recordinfo *info) {
+    if (g_fast_load.load(std::memory_order_relaxed) && param.channel < RECSTORE_MAX_CHANNELS) {
+        char name[kPath] = "";
+        mk_idx_fullname(disk_id, name, sizeof name, channel, &start, type);
+        if (recstore::index_read_header(disk_id, name, info) == 1) return true;
+    }
+    return stat_through_stream(disk_id, param, info);
+}
+
+int loader_cache_create(LeafAppender *app, int disk_id, int channel, const struct tm *start,
+                        const struct tm *end, int type, unsigned mode, uint32_t total_bytes);
+
+// Appends the tag of one index file: through the loader's held-open leaf file when app is given,
+// else with cache_create.
+void cache_index_file(const char *path, LeafAppender *app) {
     int disk_id = -1, channel = 0, type = 0;
     struct tm start = {};
     int level = fullname_to_record(path, &disk_id, &channel, &start, &type);
@@ -273,25 +364,21 @@ void cache_index_file(const char *path) {
     to_fs_tm(&start, &param.start);
     param.channel = static_cast<uint32_t>(channel);
     param.type = static_cast<uint32_t>(type);
-    int handle = fs_open(disk_id, &param, 0, 0, 0, nullptr);
-    if (handle < 0) {
-        FS_LOG_ERR("fs open err\n");
-        return;
-    }
     std::unique_ptr<recordinfo> info(new (std::nothrow) recordinfo());
-    int stat_result = info ? fs_stat(handle, info.get()) : -1;
-    fs_close(handle, nullptr);
-    if (stat_result < 0) {
+    if (!info) {
         FS_LOG_ERR("fs stat err\n");
         return;
     }
+    if (!read_recording_header(disk_id, param, channel, start, type, info.get())) return;
     struct tm rec_start = {}, rec_end = {};
     from_fs_tm(&rec_start, &info->start_time);
     from_fs_tm(&rec_end, &info->end_time);
-    if (cache_create(disk_id, channel, &rec_start, &rec_end, type, info->mode,
-                     static_cast<uint32_t>(info->total_bytes)) < 0) {
-        FS_LOG_ERR("cache open err\n");
-    }
+    const uint32_t bytes = static_cast<uint32_t>(info->total_bytes);
+    const int created =
+        app ? loader_cache_create(app, disk_id, channel, &rec_start, &rec_end, type, info->mode,
+                                  bytes)
+            : cache_create(disk_id, channel, &rec_start, &rec_end, type, info->mode, bytes);
+    if (created < 0) FS_LOG_ERR("cache open err\n");
 }
 
 // The first and last second of a year, month or day directory of a cache tree.
@@ -558,7 +645,17 @@ void *proc_cache_load(void *device_arg) {
     cache_clear(device);
     char root[kPath] = "";
     mount_point(device, root, sizeof root);
-    find_recursive(root, 1, 0, 0, buildcache, buildcache, nullptr, nullptr);
+    // The plain load appends each tag with cache_create.
+    LeafAppender app;
+    LeafAppender *held = g_fast_load.load(std::memory_order_relaxed) ? &app : nullptr;
+    if (held && is_directory(root)) {
+        // The directory listing's entry types stand in for a status call per entry.
+        find_recursive_nostat(root, DT_DIR, 1, 0, 0, load_file_action, load_dir_action, held,
+                              nullptr);
+    } else {
+        find_recursive(root, 1, 0, 0, load_action, load_action, held, nullptr);
+    }
+    app.fd.reset();
     if (loader_stopped()) return nullptr;  // the disk is being taken down: not loaded
     FS_LOG_PLAIN("cache load finished use:%d sec\n", static_cast<int>(time(nullptr) - begin));
     cache_set_loaded(static_cast<unsigned>(todiskid(device)), 1);
@@ -574,7 +671,9 @@ void recstore::cache_stop_loader(const char *device) {
     g_loader_stop[disk].store(false);
 }
 
-int buildcache(const char *path, struct stat *st, void * /*user*/) {
+namespace {
+
+int build_entry(const char *path, const struct stat *st, LeafAppender *app) {
     if (!path) return kWalkContinue;
     if (loader_stopped()) return kWalkStop;
     // The link tree of the data blocks is never mirrored.
@@ -583,8 +682,45 @@ int buildcache(const char *path, struct stat *st, void * /*user*/) {
         mirror_directory(path);
         return kWalkContinue;
     }
-    cache_index_file(path);
+    cache_index_file(path, app);
     return kWalkContinue;  // one bad file never stops the build
+}
+
+// The loader's walk action: buildcache with the loader's held-open leaf file (user).
+int load_action(const char *path, struct stat *st, void *user) {
+    return build_entry(path, st, static_cast<LeafAppender *>(user));
+}
+
+// The walk without status calls: directories as the listing types them.
+int load_dir_action(const char *path, void *user) {
+    struct stat st = {};
+    st.st_mode = S_IFDIR;
+    return load_action(path, &st, user);
+}
+
+// A file as the listing types it. Anything that is not named like an index file is looked at
+// once more: a directory the listing could not type is walked as the walk with status calls
+// would (mirrored and descended).
+int load_file_action(const char *path, void *user) {
+    int disk_id = -1, channel = 0, type = 0;
+    struct tm start = {};
+    if (path && !strstr(path, "link") &&
+        fullname_to_record(path, &disk_id, &channel, &start, &type) < kIndexFileFields &&
+        is_directory(path)) {
+        char copy[kPath];
+        snprintf(copy, sizeof copy, "%s", path);
+        find_recursive(copy, 1, 0, 0, load_action, load_action, user, nullptr);
+        return kWalkContinue;
+    }
+    struct stat st = {};
+    st.st_mode = S_IFREG;
+    return load_action(path, &st, user);
+}
+
+}  // namespace
+
+int buildcache(const char *path, struct stat *st, void * /*user*/) {
+    return build_entry(path, st, nullptr);
 }
 
 int cache_unload(const char *device) {
@@ -617,8 +753,12 @@ int cache_clear(const char *device) {
 // Tags
 // ---------------------------------------------------------------------------------------------
 
-int cache_create(int disk_id, int channel, const struct tm *start, const struct tm *end, int type,
-                 unsigned mode, uint32_t total_bytes) {
+namespace {
+
+// The leaf paths and the tag of a recording's cache entry. 1 when they are made; else the result
+// cache_create gives (0 when the cache is read-only, -1 when refused, reported).
+int prepare_tag(int disk_id, int channel, const struct tm *start, const struct tm *end, int type,
+                unsigned mode, uint32_t total_bytes, LeafPaths *paths, uint64_t *tag) {
     if (!start || !end) {
         FS_LOG_ERR("invalid param\n");
         return -1;
@@ -628,27 +768,47 @@ int cache_create(int disk_id, int channel, const struct tm *start, const struct 
         FS_LOG_INFO("cache readonly\n");
         return 0;
     }
-    LeafPaths paths;
-    if (!valid_leaf(disk_id, channel, type) || !leaf_paths(disk_id, channel, start, type, &paths)) {
+    if (!valid_leaf(disk_id, channel, type) || !leaf_paths(disk_id, channel, start, type, paths)) {
         return -1;
     }
     char name[kPath];
     mk_idx_filename(name, sizeof name, channel, start, type);
     struct tm end_copy = *end;  // the tag builder may change the end time it is given
-    uint64_t tag = filename_to_cachetag(&end_copy, mode, total_bytes, name);
+    *tag = filename_to_cachetag(&end_copy, mode, total_bytes, name);
+    return 1;
+}
 
+// cache_create for the loader: the same checks, tag and messages, appended through the loader's
+// held-open leaf file.
+int loader_cache_create(LeafAppender *app, int disk_id, int channel, const struct tm *start,
+                        const struct tm *end, int type, unsigned mode, uint32_t total_bytes) {
+    LeafPaths paths;
+    uint64_t tag = 0;
+    int prepared = prepare_tag(disk_id, channel, start, end, type, mode, total_bytes, &paths, &tag);
+    if (prepared != 1) return prepared;
+    MutexGuard guard(g_cachelock);
+    return append_through(app, paths, tag);
+}
+
+}  // namespace
+
+int cache_create(int disk_id, int channel, const struct tm *start, const struct tm *end, int type,
+                 unsigned mode, uint32_t total_bytes) {
+    LeafPaths paths;
+    uint64_t tag = 0;
+    int prepared = prepare_tag(disk_id, channel, start, end, type, mode, total_bytes, &paths, &tag);
+    if (prepared != 1) return prepared;
     // The directory is made under the lock too, so that a rewrite emptying the leaf or a clear
     // cannot remove it between its creation and the append.
     MutexGuard guard(g_cachelock);
-    make_dir(paths.dir);
-    FdGuard fd(
-        io_calls().open(paths.file, O_WRONLY | O_CREAT | O_APPEND | O_LARGEFILE, kCacheFileMode));
-    if (fd.get() < 0) {
-        FS_LOG_ERR("open file :%s err\n", paths.file);
-        return -1;
-    }
+    FdGuard fd(open_leaf_file(paths));
+    if (fd.get() < 0) return -1;
     append_tag(fd.get(), tag);
     return 0;
+}
+
+void recstore::cache_set_fast_load(bool fast) {
+    g_fast_load.store(fast);
 }
 
 int cache_set_loaded(unsigned disk_id, int value) {

@@ -51,6 +51,14 @@ void cache_stop_loader(const char *device);
 void cache_tag_to_bytes(uint32_t lo, uint32_t hi, unsigned char (&out)[kCacheTagSize]);
 void cache_tag_from_bytes(const unsigned char (&in)[kCacheTagSize], uint32_t *lo, uint32_t *hi);
 
+// How the loader reads each recording's header and appends its tag: with one read of the index
+// file when the header is final, opening the recording only for a header it must repair, and
+// through the leaf's cache file held open while the walk stays in that leaf (true, the default);
+// or by opening every recording and appending each tag with cache_create (false, the plain load
+// that the equivalence test and the rebuild benchmark compare with). The tags, cache files and
+// messages are the same either way. Takes effect for loads started afterwards; no lock.
+void cache_set_fast_load(bool fast);
+
 }  // namespace recstore
 #endif
 

@@ -1836,3 +1836,47 @@ int64_t index_tseek(int handle, int32_t sec, int whence, int32_t *seq) {
     FS_LOG_ERR("had not implement\n");
     return -1;
 }
+
+// ============================================================================================
+// Reading a header without a handle
+// ============================================================================================
+
+namespace {
+
+// True when the bytes read hold the whole header of this disk's layout and it is final (start
+// <= end): what the open would take as it is, without a repair. Decodes into *scratch, silently.
+bool whole_final_header(bool v1, const uint8_t *buf, ssize_t n, recordinfo *scratch) {
+    memset(scratch, 0, sizeof *scratch);
+    if (v1) {
+        if (n < kRecordInfoV1Size) return false;
+        inner_v1_to_rec_info(buf, scratch);
+    } else {
+        if (n < kRecordInfoSize) return false;
+        inner_to_rec_info(buf, scratch);
+        if (scratch->ext_magic == kExtMagic && n < kRecordInfoExtSize) return false;
+    }
+    const struct tm start = tm_of(scratch->start_time);
+    const struct tm end = tm_of(scratch->end_time);
+    return tm_cmp(&start, &end) < 1;
+}
+
+}  // namespace
+
+int recstore::index_read_header(int disk_id, const char *path, recordinfo *out) {
+    if (!valid_disk_id(disk_id) || path == nullptr || path[0] == '\0' || out == nullptr) return 0;
+    const bool v1 = disk_is_v1(disk_id);
+    FdGuard fd(io_calls().open(path, O_RDONLY | O_LARGEFILE, 0));
+    if (fd.get() < 0) return 0;
+    static_assert(kRecordInfoExtSize < 16384, "header buffer stays small enough for the stack");
+    uint8_t buf[kRecordInfoExtSize];
+    const ssize_t n =
+        io_calls().pread64(fd.get(), buf, v1 ? kRecordInfoV1Size : kRecordInfoExtSize, 0);
+    std::unique_ptr<recordinfo> peek(new (std::nothrow) recordinfo());
+    if (!peek || !whole_final_header(v1, buf, n, peek.get())) return 0;
+    // The open's own read and decode, from the page cache now: the same record and messages.
+    memset(out, 0, sizeof *out);
+    const ssize_t again = read_recordinfo(disk_id, fd.get(), out, nullptr);
+    if (again != n || memcmp(out, peek.get(), sizeof *out) != 0) return 0;  // changed meanwhile
+    out->open_flags = O_RDWR;  // as a recording opened for reading reports it
+    return 1;
+}

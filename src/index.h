@@ -58,6 +58,18 @@ void index_set_seek_batched(bool batched);
 // clusters busy). 0, or -1 when the file cannot be opened or read (reported). No lock; no slot.
 int index_uncounted_clusters(int disk_id, const char *path, std::vector<uint32_t> *out);
 
+// Reads the header of the index file at `path` of disk `disk_id` without a handle: one open for
+// reading, one positioned read of the header, and, when that header is whole and final (start <=
+// end, so that opening the recording would take it as it is), the open's own read and decode of
+// it (from the page cache), then the close. 1 in that case: *out then holds what index_stat of
+// the recording opened for reading would give (extension data aside), and the messages the open's
+// read makes (a dropped version-1 alarm word, no or a misaligned extension) have been made, from
+// the same place. 0, with nothing reported, when the file cannot be opened or read, holds less
+// than a whole header, or its header is not final: the caller opens the recording instead, which
+// repairs or reports it. (0 also when a writer changed the header between the two reads; the
+// read's messages have then been made once already.) Writes nothing; no lock; no handle slot.
+int index_read_header(int disk_id, const char *path, recordinfo *out);
+
 }  // namespace recstore
 
 #endif
