@@ -42,6 +42,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <memory>
+#include <mutex>
 
 #include "bitmap.h"
 #include "cache.h"
@@ -611,6 +612,14 @@ namespace {
 // still holds its handle, but no operation reaches a disk through it any more (a disk plugged in
 // again may have the same id); fs_close frees it. Set and cleared under g_fslock, read without.
 std::atomic<bool> g_stream_disk_gone[RECSTORE_STREAMS];
+
+// One lock per stream slot for what a stream's reads share with other threads: the preload
+// buffer and its fields (the daemon's preload step fills the buffer, fs_set_preload frees it),
+// the key-frame context and the slot's fields as fs_open and fs_close set them. Reads hold it
+// instead of g_fslock, so that a read waiting seconds on a slow disk stalls no stream of another
+// disk. Taken after g_fslock where both are held (fs_open, fs_close, fs_set_preload,
+// fs_is_preload); the payload I/O lock is taken under it.
+std::mutex g_stream_read_lock[RECSTORE_STREAMS];
 }  // namespace
 
 static_assert(sizeof(rec_param) == 60, "rec_param is 60 bytes on every platform");
@@ -671,7 +680,9 @@ void reset_disk_entry(fs_disk_info &d) {
 // Marks every stream slot free, releasing preload buffers a previous run left.
 void reset_stream_table() {
     MutexGuard guard(g_fslock);
-    for (fs_file_ctx &f : g_file_ctx) {
+    for (int h = 0; h < RECSTORE_STREAMS; h++) {
+        std::lock_guard<std::mutex> reading(g_stream_read_lock[h]);
+        fs_file_ctx &f = g_file_ctx[h];
         free(f.preload_buf);
         memset(&f, 0, sizeof f);
         f.disk_id = -1;
@@ -1140,7 +1151,8 @@ void clear_kf(fs_file_ctx &f) {
 }
 
 // Frees a stream slot whose disk is gone, touching no disk: the index descriptor is closed
-// without rewriting the header (the next open repairs it), the preload buffer freed. g_fslock held.
+// without rewriting the header (the next open repairs it), the preload buffer freed. g_fslock and
+// the stream's read lock held.
 void release_stream_of_gone_disk(int handle) {
     fs_file_ctx &f = g_file_ctx[handle];
     free(f.preload_buf);
@@ -1311,16 +1323,18 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
     const struct tm start = tm_from(param->start);
     const int channel = static_cast<int>(param->channel);
     const int type = static_cast<int>(param->type);
-    f.idx = index_open(disk_id, block, &start, channel, type, param->attr_a, param->attr_b,
-                       param->attr_c, flags, mode, attr_d, ext);
-    if (f.idx < 0) {
+    const int idx = index_open(disk_id, block, &start, channel, type, param->attr_a, param->attr_b,
+                               param->attr_c, flags, mode, attr_d, ext);
+    if (idx < 0) {
         char text[kTimeText];
         FS_LOG_ERR("index_open err,diskid :%d blockid :%d channel:%d time:%s\n", disk_id,
                    static_cast<int>(block), channel, asc(start, text));
-        f.idx = -1;
         return -1;
     }
-    if (creating) register_new_recording(disk_id, block, *param, start, f.idx);
+    if (creating) register_new_recording(disk_id, block, *param, start, idx);
+    // The daemon's preload step reads the slot under its read lock, without g_fslock.
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
+    f.idx = idx;
     f.disk_id = disk_id;
     f.block_id = block;
     clear_kf(f);
@@ -1386,6 +1400,7 @@ void fs_close(int handle, const struct tm *end) {
     }
     fs_file_ctx &f = g_file_ctx[handle];
     MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     if (!disk_is_open(f.disk_id) || g_stream_disk_gone[handle].load()) {
         FS_LOG_ERR("disk %d not open", f.disk_id);
         // The disk went away under the stream: free the slot and its index handle all the same.
@@ -1579,9 +1594,11 @@ void fs_dump(int fd, int disk_id) {
 // Reading: one cluster per call, forward or backward, through the stream's preload buffer when
 // direct I/O is on; key-frame navigation and seeking by position and by time.
 //
-// fs_read, fs_read_r and the preload functions hold g_fslock from the index read to the end of
-// the data read, so that the index position, the preload fields and the buffer change together.
-// The key-frame functions take no lock: one stream is navigated by one thread at a time.
+// fs_read, fs_read_r, the preload functions and the key-frame reads hold the stream's read lock
+// from the index read to the end of the data read, so that the index position, the preload fields
+// and the buffer change together; they do not hold g_fslock, so a read waiting on a slow disk
+// stalls no open, close or read of another stream. One stream is read and navigated by one thread
+// at a time; the lock is what the daemon's preload step and fs_set_preload share with it.
 
 namespace {
 
@@ -1606,7 +1623,7 @@ bool entry_in_range(uint32_t length, uint32_t count) {
     return false;
 }
 
-// Loads a cluster into the stream's preload buffer with direct I/O; g_fslock is held.
+// Loads a cluster into the stream's preload buffer with direct I/O; the stream's read lock is held.
 int disk_to_cache_locked(int handle, uint32_t cluster) {
     fs_file_ctx &f = g_file_ctx[handle];
     if (cluster == kNoNextCluster || f.preload_buf == nullptr) return -1;
@@ -1627,7 +1644,7 @@ int disk_to_cache_locked(int handle, uint32_t cluster) {
 }
 
 // Reads the entry's cluster into the caller's buffer, from the preload buffer when it can be
-// loaded there; g_fslock is held. The payload length or a negative value.
+// loaded there; the stream's read lock is held. The payload length or a negative value.
 int read_entry_cluster_locked(int handle, uint32_t cluster, void *buffer, uint32_t length) {
     fs_file_ctx &f = g_file_ctx[handle];
     if (disk_to_cache_locked(handle, cluster) == 0) {
@@ -1652,7 +1669,7 @@ int read_entry_cluster_locked(int handle, uint32_t cluster, void *buffer, uint32
 int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count) {
     if (!check_stream(handle) || !read_args_present(buffer, length, frames, count)) return -1;
     fs_file_ctx &f = g_file_ctx[handle];
-    MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     *count = 0;
     uint32_t cluster = 0;
     uint32_t next = kNoNextCluster;
@@ -1674,7 +1691,7 @@ int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t
 int fs_read_r(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count) {
     if (!check_stream(handle) || !read_args_present(buffer, length, frames, count)) return -1;
     fs_file_ctx &f = g_file_ctx[handle];
-    MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     *count = 0;
     uint32_t cluster = 0;
     const int r = index_read_r(f.idx, &cluster, length, frames, count);
@@ -1699,6 +1716,7 @@ int fs_read_r(int handle, void *buffer, uint32_t *length, kframe *frames, uint32
 int fs_set_preload(int handle, const void *on) {
     if (!valid_handle(handle)) return -1;
     MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     fs_file_ctx &f = g_file_ctx[handle];
     if (on == nullptr) {
         free(f.preload_buf);
@@ -1725,12 +1743,16 @@ int fs_set_preload(int handle, const void *on) {
 int fs_is_preload(int handle) {
     if (!valid_handle(handle)) return 0;
     MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     return g_file_ctx[handle].preload_buf != nullptr ? 1 : 0;
 }
 
 int fs_preload(int handle) {
     if (!valid_handle(handle)) return handle;
-    MutexGuard guard(g_fslock);
+    // A stream busy reading loads what it needs itself: the caller (the daemon) does not wait
+    // for a read that a slow disk may hold for seconds.
+    std::unique_lock<std::mutex> reading(g_stream_read_lock[handle], std::try_to_lock);
+    if (!reading.owns_lock()) return 0;
     const fs_file_ctx &f = g_file_ctx[handle];
     if (!disk_is_open(f.disk_id)) {
         FS_LOG_ERR("disk %d not open", f.disk_id);
@@ -1854,8 +1876,8 @@ int deliver_key_frame(int handle, const PeekedEntry &e, void *buffer, uint32_t *
     int got = -1;
     {
         // The read may go through the stream's preload buffer, which the daemon's preload step
-        // fills and fs_set_preload frees under g_fslock.
-        MutexGuard guard(g_fslock);
+        // fills and fs_set_preload frees under the stream's read lock.
+        std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
         got = fs_datazone_read(handle, f.disk_id, static_cast<int>(e.cluster), buffer);
     }
     if (got < 0 || static_cast<int64_t>(got) < static_cast<int64_t>(e.length)) {
