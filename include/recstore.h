@@ -1368,7 +1368,10 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
  * a warning, so that the recording stays findable). Nothing for a bad handle. When the stream's
  * disk is no longer open, or was taken down (pulled) while the stream was open, the slot and its
  * index handle are freed all the same, touching no disk: the index descriptor is closed without
- * rewriting the header, which the next open repairs. Takes g_fslock (then g_cachelock). */
+ * rewriting the header, which the next open repairs. Takes g_fslock (then the stream's read lock
+ * and g_cachelock) to free the preload buffer and refresh the tag, and again to free the slot; a
+ * writer's map flush, header rewrite and fsyncs run between the two with no lock held, so that a
+ * slow disk stalls no other stream. */
 void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no

@@ -1150,8 +1150,9 @@ void clear_kf(fs_file_ctx &f) {
     f.kf_pos = 0;
 }
 
-// Frees a stream slot whose disk is gone, touching no disk: the index descriptor is closed
-// without rewriting the header (the next open repairs it), the preload buffer freed. g_fslock and
+// Frees a stream slot touching no disk (its disk is gone, or fs_close has finished the
+// recording): the index descriptor is closed without rewriting the header (the next open
+// repairs one left unfinished), the preload buffer freed. g_fslock and
 // the stream's read lock held.
 void release_stream_of_gone_disk(int handle) {
     fs_file_ctx &f = g_file_ctx[handle];
@@ -1393,11 +1394,12 @@ int fs_write(int handle, const void *buffer, uint32_t length, const kframe *fram
     return static_cast<int>(length);
 }
 
-void fs_close(int handle, const struct tm *end) {
-    if (!valid_handle(handle)) {
-        FS_LOG_ERR("invalid fd :%d", handle);
-        return;
-    }
+namespace {
+
+// The first step of fs_close, under g_fslock and the stream's read lock: frees the preload buffer
+// and key-frame context and refreshes a writer's cache tag. The index handle still to finish and
+// release, or -1 when the slot is free now (its disk went away) or was not open.
+int begin_close(int handle, const struct tm *end) {
     fs_file_ctx &f = g_file_ctx[handle];
     MutexGuard guard(g_fslock);
     std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
@@ -1405,14 +1407,14 @@ void fs_close(int handle, const struct tm *end) {
         FS_LOG_ERR("disk %d not open", f.disk_id);
         // The disk went away under the stream: free the slot and its index handle all the same.
         release_stream_of_gone_disk(handle);
-        return;
+        return -1;
     }
     free(f.preload_buf);
     f.preload_buf = nullptr;
     f.preload_cluster = -1;
     f.preload_loaded = -1;
     clear_kf(f);
-    if (f.idx < 0) return;
+    if (f.idx < 0) return -1;
     recordinfo info;
     if (fs_use_cache() && is_writer(f.idx) && index_stat(f.idx, &info) == 0) {
         cache_forget(f.disk_id, info);
@@ -1420,13 +1422,32 @@ void fs_close(int handle, const struct tm *end) {
         keep_tag_duration(info);
         cache_enter(f.disk_id, info);
     }
-    // The close makes the recording's entries durable; the map words of their clusters go to the
-    // disk first, or a cut between the two would leave entries into clusters the maps call free,
-    // handed out again after bring-up.
-    if (is_writer(f.idx)) recstore::datazone_flush_maps(f.disk_id);
-    index_close(f.idx, end);
-    f.cache_writes = 0;
-    f.idx = -1;
+    return f.idx;
+}
+
+}  // namespace
+
+void fs_close(int handle, const struct tm *end) {
+    if (!valid_handle(handle)) {
+        FS_LOG_ERR("invalid fd :%d", handle);
+        return;
+    }
+    const int idx = begin_close(handle, end);
+    if (idx < 0) return;
+    // A writer's flushes run with no lock held, so that a disk taking seconds for them stalls no
+    // open, close or read of another stream; the slot and its index handle stay taken (this
+    // thread owns them) until the release below. A disk taken down meanwhile is not touched.
+    const int disk_id = g_file_ctx[handle].disk_id;
+    if (!g_stream_disk_gone[handle].load()) {
+        // The close makes the recording's entries durable; the map words of their clusters go to
+        // the disk first, or a cut between the two would leave entries into clusters the maps
+        // call free, handed out again after bring-up.
+        if (is_writer(idx)) recstore::datazone_flush_maps(disk_id);
+        recstore::index_finish(idx, end);
+    }
+    MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
+    release_stream_of_gone_disk(handle);
 }
 
 namespace recstore {

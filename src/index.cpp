@@ -1042,14 +1042,18 @@ bool make_closed_durable(const handle_slot &s) {
 }  // namespace
 
 void index_close(int handle, const struct tm *end) {
+    if (recstore::index_finish(handle, end) == 0) recstore::do_index_release(handle);
+}
+
+int recstore::index_finish(int handle, const struct tm *end) {
     if (!valid_handle(handle)) {
         FS_LOG_ERR("invalid handle :%d", handle);
-        return;
+        return -1;
     }
     handle_slot *s = open_slot(handle);
     if (s == nullptr) {
         FS_LOG_ERR("g_idx_ctx[handle].fd :%d", g_idx_ctx[handle].fd);
-        return;
+        return -1;
     }
     recordinfo *info = s->info;
     if (info->open_flags & O_CREAT) {
@@ -1067,7 +1071,7 @@ void index_close(int handle, const struct tm *end) {
         if (io_calls().futimes(s->fd, times) != 0) perror("futimes");
         if (!make_closed_durable(*s)) FS_LOG_ERR("closed recording not flushed\n");
     }
-    do_index_release(handle);
+    return 0;
 }
 
 // ============================================================================================

@@ -352,12 +352,27 @@ TEST_F(SlowDisk, IndexReadsDoNotStallTheOtherDisk) {
     fs_close(r, nullptr);
 }
 
+// A writer closing its recording on the slow disk: the header rewrite and the fsyncs of the
+// index file and its directories are slowed.
+TEST_F(SlowDisk, WriterCloseDoesNotStallTheOtherDisk) {
+    const int w = write_on_slow_disk(kSlowClusters);
+    ASSERT_GE(w, 0);
+    expect_no_stall(Slow::kIndexFiles, [&] { fs_close(w, nullptr); });
+    // The close finished the recording: it reads back whole.
+    const int r = open_reader_on_slow_disk();
+    ASSERT_GE(r, 0);
+    recordinfo info;
+    ASSERT_EQ(fs_stat(r, &info), 0);
+    EXPECT_EQ(info.total_bytes, static_cast<uint64_t>(kSlowClusters) * kCluster);
+    fs_close(r, nullptr);
+}
+
 }  // namespace
 
 // Not covered yet, because the calls below still hold a lock across a slow disk's I/O: opening
 // a recording on a slow disk (fs_open holds g_fslock across the index file's open and header
-// read) and closing a writer there (fs_close holds g_fslock across the map flush and the header
-// rewrite and fsyncs), which stall every open and close on the other disks; the daemon's own map
+// read), which stalls every open and close on the other disks; rec_close of a recording on a slow
+// disk, which holds the recording handles' lock across fs_close; the daemon's own map
 // flush of a slow disk (fs_flush_changed_maps) and its preload of a stream with a preload buffer
 // on a slow disk, which delay its passes; a writer on a slow disk, which holds that disk's mutex
 // across the map word of each allocation while the daemon's fullness tests wait for it.
