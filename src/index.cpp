@@ -39,6 +39,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "data_zone.h"  // datazone_holds_cluster: where a torn tail's entries point
@@ -1067,7 +1068,16 @@ int recstore::index_finish(int handle, const struct tm *end) {
             report_errno("write");
         struct tm st = tm_of(info->start_time);
         struct tm et = tm_of(info->end_time);
-        struct timeval times[2] = {{mktime(&st), 0}, {mktime(&et), 0}};
+        struct timeval times[2] = {};
+        {
+            // Closes run in parallel (fs_close finishes a recording without g_fslock). mktime
+            // reloads the C library's time-zone state, whose own lock the thread sanitizer cannot
+            // see: the file times are computed one close at a time.
+            static std::mutex s_mktime_lock;
+            std::lock_guard<std::mutex> guard(s_mktime_lock);
+            times[0].tv_sec = mktime(&st);
+            times[1].tv_sec = mktime(&et);
+        }
         if (io_calls().futimes(s->fd, times) != 0) perror("futimes");
         if (!make_closed_durable(*s)) FS_LOG_ERR("closed recording not flushed\n");
     }
