@@ -1819,7 +1819,8 @@ int rec_open_v1(int channel, const struct tm *start, int type, int attr_a, int a
 int rec_open(int channel, const struct tm *start, int type, int attr_a, int attr_b, int attr_c,
              int flags, int mode);
 /* Closes the handle's stream (fs_close: header finalised, cache tag replaced) and frees the
- * handle; nothing for a bad handle. Takes the stream lock, then g_fslock. */
+ * handle; nothing for a bad handle. Takes the stream lock to free the handle, then (not holding
+ * it) g_fslock through fs_close. */
 void rec_close(int h, const struct tm *end);
 /* One whole cluster (see fs_write): length, -5 when no cluster is left, or another negative
  * value. -2, without writing, when the handle's disk is full (fs_isdiskfull); -1 for a bad

@@ -367,12 +367,41 @@ TEST_F(SlowDisk, WriterCloseDoesNotStallTheOtherDisk) {
     fs_close(r, nullptr);
 }
 
+// The same close made through the recording API, on a recording the recording layer opened on
+// the slow disk while it was the current disk (a disk change leaves such recordings open).
+TEST_F(SlowDisk, RecCloseDoesNotStallTheOtherDisk) {
+    int h = -1;
+    {
+        rec_lockdisk();
+        __atomic_store_n(&g_recctx.curdiskid, slow_, __ATOMIC_SEQ_CST);
+        h = rec_open(kChannel, &start_, kType, 0, 0, 0, kWrite, 0);
+        __atomic_store_n(&g_recctx.curdiskid, healthy_, __ATOMIC_SEQ_CST);
+        rec_unlockdisk();
+    }
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(g_recctx.streams[h].disk_id, slow_);
+    for (uint32_t n = 0; n < kSlowClusters; n++) {
+        fill_payload(buf_.data(), kChannel, n);
+        kframe frames[RECSTORE_MAX_KFRAMES] = {};
+        const uint32_t count = frames_of(n, secs(start_), frames);
+        ASSERT_EQ(
+            rec_write(h, buf_.data(), static_cast<int>(kCluster), frames, static_cast<int>(count)),
+            static_cast<int>(kCluster));
+    }
+    expect_no_stall(Slow::kIndexFiles, [&] { rec_close(h, nullptr); });
+    const int r = open_reader_on_slow_disk();
+    ASSERT_GE(r, 0);
+    recordinfo info;
+    ASSERT_EQ(fs_stat(r, &info), 0);
+    EXPECT_EQ(info.total_bytes, static_cast<uint64_t>(kSlowClusters) * kCluster);
+    fs_close(r, nullptr);
+}
+
 }  // namespace
 
 // Not covered yet, because the calls below still hold a lock across a slow disk's I/O: opening
 // a recording on a slow disk (fs_open holds g_fslock across the index file's open and header
-// read), which stalls every open and close on the other disks; rec_close of a recording on a slow
-// disk, which holds the recording handles' lock across fs_close; the daemon's own map
+// read), which stalls every open and close on the other disks; the daemon's own map
 // flush of a slow disk (fs_flush_changed_maps) and its preload of a stream with a preload buffer
 // on a slow disk, which delay its passes; a writer on a slow disk, which holds that disk's mutex
 // across the map word of each allocation while the daemon's fullness tests wait for it.
