@@ -935,7 +935,7 @@ int datazone_is_full_prepare(int disk_id, int threshold);
  * when the stream has one and direct I/O is on (the buffer then holds that cluster), otherwise
  * datazone_read. Bytes read, or a negative value (-1 for a bad handle or null buf). Touches the
  * stream's preload fields, which the daemon's preload step fills and fs_set_preload frees: callers
- * hold g_fslock. */
+ * hold the stream's read lock (one per stream slot, inside the library). */
 int fs_datazone_read(int handle, int disk_id, int cluster_id, void *buf);
 
 /* ---- end of data zone ---- */
@@ -1346,12 +1346,14 @@ typedef struct fs_file_ctx {
     uint8_t *preload_buf;                   /* page-aligned preload buffer owned by the slot */
 } fs_file_ctx;
 
-/* The stream table. g_fslock guards taking and freeing slots and the preload fields; the other
- * fields of an open slot belong to the one thread using the stream. */
+/* The stream table. g_fslock guards taking and freeing slots; each slot's read lock (inside the
+ * library, taken after g_fslock) guards its preload fields and key-frame context and is held while
+ * fs_open and fs_close set the slot; the other fields of an open slot belong to the one thread
+ * using the stream. */
 extern fs_file_ctx g_file_ctx[RECSTORE_STREAMS];
-/* Taken by fs_open, fs_close, fs_get_ext, fs_read, fs_read_r, fs_set_preload, fs_is_preload,
- * fs_preload and around the index opens of fs_delete; while held, a disk's mutex and g_cachelock
- * may be taken, never the reverse. */
+/* Taken by fs_open, fs_close, fs_get_ext, fs_set_preload, fs_is_preload and around the index
+ * opens of fs_delete (reads hold only their stream's read lock); while held, a stream's read lock,
+ * a disk's mutex and g_cachelock may be taken, never the reverse. */
 extern pthread_mutex_t g_fslock; /* guards g_file_ctx */
 
 /* Opens a recording: with O_CREAT in flags it is created in the disk's current block (index file
@@ -1370,7 +1372,10 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
  * a warning, so that the recording stays findable). Nothing for a bad handle. When the stream's
  * disk is no longer open, or was taken down (pulled) while the stream was open, the slot and its
  * index handle are freed all the same, touching no disk: the index descriptor is closed without
- * rewriting the header, which the next open repairs. Takes g_fslock (then g_cachelock). */
+ * rewriting the header, which the next open repairs. Takes g_fslock (then the stream's read lock
+ * and g_cachelock) to free the preload buffer and refresh the tag, and again to free the slot; a
+ * writer's map flush, header rewrite and fsyncs run between the two with no lock held, so that a
+ * slow disk stalls no other stream. */
 void fs_close(int handle, const struct tm *end);
 /* Stores one whole cluster (a 524288-byte buffer) with its index entry. frames is a whole table
  * of RECSTORE_MAX_KFRAMES descriptors, of which the first count are used. length; -5 when no
@@ -1607,21 +1612,24 @@ int file_calendar_action(const char *path, void *request);
 /* Reads the next cluster of a reader: the whole cluster into buffer (524288 bytes), its payload
  * length, its key-frame table (RECSTORE_MAX_KFRAMES descriptors) and count. The length, 0 at the
  * end of the recording, or a negative value (-1 for a bad or closed stream, a null argument, an
- * entry out of range or a short data read). Takes g_fslock for the whole call; with a preload
- * buffer the cluster is read through it (O_DIRECT) unless it holds it already. */
+ * entry out of range or a short data read). Takes the stream's read lock for the whole call (not
+ * g_fslock, so that a slow disk stalls no other stream); with a preload buffer the cluster is
+ * read through it (O_DIRECT) unless it holds it already. */
 int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
 /* Reads the cluster before the position and stays at its start, so that repeated calls walk
- * backwards. The length, or a negative value (-1 at the first entry). Takes g_fslock. */
+ * backwards. The length, or a negative value (-1 at the first entry). Takes the stream's read
+ * lock, not g_fslock. */
 int fs_read_r(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count);
 /* Gives the stream a one-cluster page-aligned preload buffer (on non-null) or frees it. 0, or -1
  * for a bad handle, without direct I/O (message printed) or when the buffer cannot be allocated.
- * Takes g_fslock. */
+ * Takes g_fslock, then the stream's read lock. */
 int fs_set_preload(int handle, const void *on);
-/* 1 when the stream has a preload buffer, else 0. Takes g_fslock. */
+/* 1 when the stream has a preload buffer, else 0. Takes g_fslock, then the stream's read lock. */
 int fs_is_preload(int handle);
 /* Loads the cluster after the one last read into the preload buffer with O_DIRECT (run by the
  * daemon). 0 whatever the load gives; -1 when the stream's disk is not open; the handle itself
- * when it is out of range. Takes g_fslock. */
+ * when it is out of range. Takes the stream's read lock if it is free and otherwise returns 0 at
+ * once without loading (a read in progress loads what it needs itself); never g_fslock. */
 int fs_preload(int handle);
 /* Takes the key-frame context anew from the entry at the position; nothing for a bad or free
  * handle. No lock: one thread per stream. */
@@ -1629,17 +1637,16 @@ void fs_reset_kframe_context(int handle);
 /* The key frame the context stands at, or the first one from the position on: its whole cluster
  * into buffer, the key frame's offset inside it into *offset; the position is left where it was
  * (not when the end is reached). The cluster's payload length, 0 at the end, or a negative value
- * (-1 for a bad or closed stream or a null argument). One thread per stream; g_fslock is taken
- * around the payload read (must not be held). */
+ * (-1 for a bad or closed stream or a null argument). One thread per stream; the stream's read
+ * lock is taken around the payload read. */
 int fs_getcurkframe(int handle, void *buffer, uint32_t *offset);
 /* The next key frame: the whole cluster holding it into buffer and its offset into *offset; the
  * position moves to that cluster. The payload length, 0 at the end, or a negative value. One
- * thread per stream; g_fslock is taken around the payload read (must not be held). */
+ * thread per stream; the stream's read lock is taken around the payload read. */
 int fs_getnextkframe(int handle, void *buffer, uint32_t *offset);
 /* The previous key frame, walking back cluster by cluster: the whole cluster into buffer and its
  * offset into *offset. The payload length, 0 at the end, or a negative value (-1 at the first
- * cluster). One thread per stream; g_fslock is taken around the payload read (must not be
- * held). */
+ * cluster). One thread per stream; the stream's read lock is taken around the payload read. */
 int fs_getprekframe(int handle, void *buffer, uint32_t *offset);
 /* Position of the stream (index_ltell: entries x 524288, in-cluster offset in *offset); -1 for a
  * bad or closed stream. No lock. */
@@ -1816,7 +1823,8 @@ int rec_open_v1(int channel, const struct tm *start, int type, int attr_a, int a
 int rec_open(int channel, const struct tm *start, int type, int attr_a, int attr_b, int attr_c,
              int flags, int mode);
 /* Closes the handle's stream (fs_close: header finalised, cache tag replaced) and frees the
- * handle; nothing for a bad handle. Takes the stream lock, then g_fslock. */
+ * handle; nothing for a bad handle. Takes the stream lock to free the handle, then (not holding
+ * it) g_fslock through fs_close. */
 void rec_close(int h, const struct tm *end);
 /* One whole cluster (see fs_write): length, -5 when no cluster is left, or another negative
  * value. -2, without writing, when the handle's disk is full (fs_isdiskfull); -1 for a bad

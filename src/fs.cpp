@@ -42,6 +42,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -615,6 +616,14 @@ namespace {
 // still holds its handle, but no operation reaches a disk through it any more (a disk plugged in
 // again may have the same id); fs_close frees it. Set and cleared under g_fslock, read without.
 std::atomic<bool> g_stream_disk_gone[RECSTORE_STREAMS];
+
+// One lock per stream slot for what a stream's reads share with other threads: the preload
+// buffer and its fields (the daemon's preload step fills the buffer, fs_set_preload frees it),
+// the key-frame context and the slot's fields as fs_open and fs_close set them. Reads hold it
+// instead of g_fslock, so that a read waiting seconds on a slow disk stalls no stream of another
+// disk. Taken after g_fslock where both are held (fs_open, fs_close, fs_set_preload,
+// fs_is_preload); the payload I/O lock is taken under it.
+std::mutex g_stream_read_lock[RECSTORE_STREAMS];
 }  // namespace
 
 static_assert(sizeof(rec_param) == 60, "rec_param is 60 bytes on every platform");
@@ -675,7 +684,9 @@ void reset_disk_entry(fs_disk_info &d) {
 // Marks every stream slot free, releasing preload buffers a previous run left.
 void reset_stream_table() {
     MutexGuard guard(g_fslock);
-    for (fs_file_ctx &f : g_file_ctx) {
+    for (int h = 0; h < RECSTORE_STREAMS; h++) {
+        std::lock_guard<std::mutex> reading(g_stream_read_lock[h]);
+        fs_file_ctx &f = g_file_ctx[h];
         free(f.preload_buf);
         memset(&f, 0, sizeof f);
         f.disk_id = -1;
@@ -1151,8 +1162,10 @@ void clear_kf(fs_file_ctx &f) {
     f.kf_pos = 0;
 }
 
-// Frees a stream slot whose disk is gone, touching no disk: the index descriptor is closed
-// without rewriting the header (the next open repairs it), the preload buffer freed. g_fslock held.
+// Frees a stream slot touching no disk (its disk is gone, or fs_close has finished the
+// recording): the index descriptor is closed without rewriting the header (the next open
+// repairs one left unfinished), the preload buffer freed. g_fslock and
+// the stream's read lock held.
 void release_stream_of_gone_disk(int handle) {
     fs_file_ctx &f = g_file_ctx[handle];
     free(f.preload_buf);
@@ -1323,16 +1336,18 @@ int fs_open(int disk_id, const rec_param *param, int flags, uint32_t mode, uint3
     const struct tm start = tm_from(param->start);
     const int channel = static_cast<int>(param->channel);
     const int type = static_cast<int>(param->type);
-    f.idx = index_open(disk_id, block, &start, channel, type, param->attr_a, param->attr_b,
-                       param->attr_c, flags, mode, attr_d, ext);
-    if (f.idx < 0) {
+    const int idx = index_open(disk_id, block, &start, channel, type, param->attr_a, param->attr_b,
+                               param->attr_c, flags, mode, attr_d, ext);
+    if (idx < 0) {
         char text[kTimeText];
         FS_LOG_ERR("index_open err,diskid :%d blockid :%d channel:%d time:%s\n", disk_id,
                    static_cast<int>(block), channel, asc(start, text));
-        f.idx = -1;
         return -1;
     }
-    if (creating) register_new_recording(disk_id, block, *param, start, f.idx);
+    if (creating) register_new_recording(disk_id, block, *param, start, idx);
+    // The daemon's preload step reads the slot under its read lock, without g_fslock.
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
+    f.idx = idx;
     f.disk_id = disk_id;
     f.block_id = block;
     clear_kf(f);
@@ -1401,25 +1416,27 @@ int fs_write(int handle, const void *buffer, uint32_t length, const kframe *fram
     return static_cast<int>(length);
 }
 
-void fs_close(int handle, const struct tm *end) {
-    if (!valid_handle(handle)) {
-        FS_LOG_ERR("invalid fd :%d", handle);
-        return;
-    }
+namespace {
+
+// The first step of fs_close, under g_fslock and the stream's read lock: frees the preload buffer
+// and key-frame context and refreshes a writer's cache tag. The index handle still to finish and
+// release, or -1 when the slot is free now (its disk went away) or was not open.
+int begin_close(int handle, const struct tm *end) {
     fs_file_ctx &f = g_file_ctx[handle];
     MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     if (!disk_is_open(f.disk_id) || g_stream_disk_gone[handle].load()) {
         FS_LOG_ERR("disk %d not open", f.disk_id);
         // The disk went away under the stream: free the slot and its index handle all the same.
         release_stream_of_gone_disk(handle);
-        return;
+        return -1;
     }
     free(f.preload_buf);
     f.preload_buf = nullptr;
     f.preload_cluster = -1;
     f.preload_loaded = -1;
     clear_kf(f);
-    if (f.idx < 0) return;
+    if (f.idx < 0) return -1;
     recordinfo info;
     if (fs_use_cache() && is_writer(f.idx) && index_stat(f.idx, &info) == 0) {
         cache_forget(f.disk_id, info);
@@ -1427,13 +1444,32 @@ void fs_close(int handle, const struct tm *end) {
         keep_tag_duration(info);
         cache_enter(f.disk_id, info);
     }
-    // The close makes the recording's entries durable; the map words of their clusters go to the
-    // disk first, or a cut between the two would leave entries into clusters the maps call free,
-    // handed out again after bring-up.
-    if (is_writer(f.idx)) recstore::datazone_flush_maps(f.disk_id);
-    index_close(f.idx, end);
-    f.cache_writes = 0;
-    f.idx = -1;
+    return f.idx;
+}
+
+}  // namespace
+
+void fs_close(int handle, const struct tm *end) {
+    if (!valid_handle(handle)) {
+        FS_LOG_ERR("invalid fd :%d", handle);
+        return;
+    }
+    const int idx = begin_close(handle, end);
+    if (idx < 0) return;
+    // A writer's flushes run with no lock held, so that a disk taking seconds for them stalls no
+    // open, close or read of another stream; the slot and its index handle stay taken (this
+    // thread owns them) until the release below. A disk taken down meanwhile is not touched.
+    const int disk_id = g_file_ctx[handle].disk_id;
+    if (!g_stream_disk_gone[handle].load()) {
+        // The close makes the recording's entries durable; the map words of their clusters go to
+        // the disk first, or a cut between the two would leave entries into clusters the maps
+        // call free, handed out again after bring-up.
+        if (is_writer(idx)) recstore::datazone_flush_maps(disk_id);
+        recstore::index_finish(idx, end);
+    }
+    MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
+    release_stream_of_gone_disk(handle);
 }
 
 namespace recstore {
@@ -1601,9 +1637,11 @@ void fs_dump(int fd, int disk_id) {
 // Reading: one cluster per call, forward or backward, through the stream's preload buffer when
 // direct I/O is on; key-frame navigation and seeking by position and by time.
 //
-// fs_read, fs_read_r and the preload functions hold g_fslock from the index read to the end of
-// the data read, so that the index position, the preload fields and the buffer change together.
-// The key-frame functions take no lock: one stream is navigated by one thread at a time.
+// fs_read, fs_read_r, the preload functions and the key-frame reads hold the stream's read lock
+// from the index read to the end of the data read, so that the index position, the preload fields
+// and the buffer change together; they do not hold g_fslock, so a read waiting on a slow disk
+// stalls no open, close or read of another stream. One stream is read and navigated by one thread
+// at a time; the lock is what the daemon's preload step and fs_set_preload share with it.
 
 namespace {
 
@@ -1628,7 +1666,7 @@ bool entry_in_range(uint32_t length, uint32_t count) {
     return false;
 }
 
-// Loads a cluster into the stream's preload buffer with direct I/O; g_fslock is held.
+// Loads a cluster into the stream's preload buffer with direct I/O; the stream's read lock is held.
 int disk_to_cache_locked(int handle, uint32_t cluster) {
     fs_file_ctx &f = g_file_ctx[handle];
     if (cluster == kNoNextCluster || f.preload_buf == nullptr) return -1;
@@ -1649,7 +1687,7 @@ int disk_to_cache_locked(int handle, uint32_t cluster) {
 }
 
 // Reads the entry's cluster into the caller's buffer, from the preload buffer when it can be
-// loaded there; g_fslock is held. The payload length or a negative value.
+// loaded there; the stream's read lock is held. The payload length or a negative value.
 int read_entry_cluster_locked(int handle, uint32_t cluster, void *buffer, uint32_t length) {
     fs_file_ctx &f = g_file_ctx[handle];
     if (disk_to_cache_locked(handle, cluster) == 0) {
@@ -1674,7 +1712,7 @@ int read_entry_cluster_locked(int handle, uint32_t cluster, void *buffer, uint32
 int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count) {
     if (!check_stream(handle) || !read_args_present(buffer, length, frames, count)) return -1;
     fs_file_ctx &f = g_file_ctx[handle];
-    MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     *count = 0;
     uint32_t cluster = 0;
     uint32_t next = kNoNextCluster;
@@ -1696,7 +1734,7 @@ int fs_read(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t
 int fs_read_r(int handle, void *buffer, uint32_t *length, kframe *frames, uint32_t *count) {
     if (!check_stream(handle) || !read_args_present(buffer, length, frames, count)) return -1;
     fs_file_ctx &f = g_file_ctx[handle];
-    MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     *count = 0;
     uint32_t cluster = 0;
     const int r = index_read_r(f.idx, &cluster, length, frames, count);
@@ -1721,6 +1759,7 @@ int fs_read_r(int handle, void *buffer, uint32_t *length, kframe *frames, uint32
 int fs_set_preload(int handle, const void *on) {
     if (!valid_handle(handle)) return -1;
     MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     fs_file_ctx &f = g_file_ctx[handle];
     if (on == nullptr) {
         free(f.preload_buf);
@@ -1747,12 +1786,16 @@ int fs_set_preload(int handle, const void *on) {
 int fs_is_preload(int handle) {
     if (!valid_handle(handle)) return 0;
     MutexGuard guard(g_fslock);
+    std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
     return g_file_ctx[handle].preload_buf != nullptr ? 1 : 0;
 }
 
 int fs_preload(int handle) {
     if (!valid_handle(handle)) return handle;
-    MutexGuard guard(g_fslock);
+    // A stream busy reading loads what it needs itself: the caller (the daemon) does not wait
+    // for a read that a slow disk may hold for seconds.
+    std::unique_lock<std::mutex> reading(g_stream_read_lock[handle], std::try_to_lock);
+    if (!reading.owns_lock()) return 0;
     const fs_file_ctx &f = g_file_ctx[handle];
     if (!disk_is_open(f.disk_id)) {
         FS_LOG_ERR("disk %d not open", f.disk_id);
@@ -1876,8 +1919,8 @@ int deliver_key_frame(int handle, const PeekedEntry &e, void *buffer, uint32_t *
     int got = -1;
     {
         // The read may go through the stream's preload buffer, which the daemon's preload step
-        // fills and fs_set_preload frees under g_fslock.
-        MutexGuard guard(g_fslock);
+        // fills and fs_set_preload frees under the stream's read lock.
+        std::lock_guard<std::mutex> reading(g_stream_read_lock[handle]);
         got = fs_datazone_read(handle, f.disk_id, static_cast<int>(e.cluster), buffer);
     }
     if (got < 0 || static_cast<int64_t>(got) < static_cast<int64_t>(e.length)) {

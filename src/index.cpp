@@ -39,6 +39,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "data_zone.h"  // datazone_holds_cluster: where a torn tail's entries point
@@ -1042,14 +1043,18 @@ bool make_closed_durable(const handle_slot &s) {
 }  // namespace
 
 void index_close(int handle, const struct tm *end) {
+    if (recstore::index_finish(handle, end) == 0) recstore::do_index_release(handle);
+}
+
+int recstore::index_finish(int handle, const struct tm *end) {
     if (!valid_handle(handle)) {
         FS_LOG_ERR("invalid handle :%d", handle);
-        return;
+        return -1;
     }
     handle_slot *s = open_slot(handle);
     if (s == nullptr) {
         FS_LOG_ERR("g_idx_ctx[handle].fd :%d", g_idx_ctx[handle].fd);
-        return;
+        return -1;
     }
     recordinfo *info = s->info;
     if (info->open_flags & O_CREAT) {
@@ -1063,11 +1068,20 @@ void index_close(int handle, const struct tm *end) {
             report_errno("write");
         struct tm st = tm_of(info->start_time);
         struct tm et = tm_of(info->end_time);
-        struct timeval times[2] = {{mktime(&st), 0}, {mktime(&et), 0}};
+        struct timeval times[2] = {};
+        {
+            // Closes run in parallel (fs_close finishes a recording without g_fslock). mktime
+            // reloads the C library's time-zone state, whose own lock the thread sanitizer cannot
+            // see: the file times are computed one close at a time.
+            static std::mutex s_mktime_lock;
+            std::lock_guard<std::mutex> guard(s_mktime_lock);
+            times[0].tv_sec = mktime(&st);
+            times[1].tv_sec = mktime(&et);
+        }
         if (io_calls().futimes(s->fd, times) != 0) perror("futimes");
         if (!make_closed_durable(*s)) FS_LOG_ERR("closed recording not flushed\n");
     }
-    do_index_release(handle);
+    return 0;
 }
 
 // ============================================================================================

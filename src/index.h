@@ -36,6 +36,12 @@ struct index_open_args {
 int do_index_take_slot();
 // Closes the slot's descriptor, frees its record and extension copy and frees the slot.
 void do_index_release(int handle);
+// What index_close does before it frees the slot: for a writer, the header rewrite, the file's
+// times and the flushes that make the closed recording durable; nothing for a reader. 0, or -1
+// (reported) for a bad or free handle. Touches only the handle's own slot and files, so a caller
+// may run it without g_fslock (the slot stays taken: only do_index_release, under g_fslock, frees
+// it); index_close is index_finish followed by do_index_release.
+int index_finish(int handle, const struct tm *end);
 // Prepares a taken slot for the open descriptor fd (the slot owns fd from now on): writes the new
 // header when creating, else reads the header and repairs it when it was never finalised.
 // Returns the handle, or -1 after releasing the slot.

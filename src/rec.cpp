@@ -623,11 +623,18 @@ int rec_open(int channel, const struct tm *start, int type, int attr_a, int attr
 
 void rec_close(int h, const struct tm *end) {
     if (!valid_handle(h)) return;
-    MutexGuard guard(g_recctx.stream_lock);
-    rec_stream_slot &s = g_recctx.streams[h];
-    fs_close(load(s.handle), end);
-    store(s.disk_id, kNoDisk);
-    store(s.handle, kNoHandle);
+    int handle = kNoHandle;
+    {
+        // The slot is emptied under the lock and the stream closed after it: a close that waits
+        // seconds on a slow disk holds up no open or close of another handle. The stream stays
+        // taken in the disk layer until fs_close frees it.
+        MutexGuard guard(g_recctx.stream_lock);
+        rec_stream_slot &s = g_recctx.streams[h];
+        handle = load(s.handle);
+        store(s.disk_id, kNoDisk);
+        store(s.handle, kNoHandle);
+    }
+    fs_close(handle, end);
 }
 
 /* ---- operations on a handle ---- */
