@@ -2449,6 +2449,34 @@ struct ClearBatch {
     std::unordered_map<std::string, size_t> at;
 };
 
+// A recording reached through its link in a block's link directory.
+struct LinkedRecording {
+    int disk_id = -1;
+    int channel = 0;
+    int type = 0;
+    struct tm start = {};
+    char leaf[RECSTORE_PATH_LEN] = {};  // its index directory
+};
+
+// Removes the index file a link names, then the link. false (nothing more to tidy) when path is
+// not a recording's link, or when its index file could not be removed: the link then stays, so
+// that fs_clear sees the recording is left.
+bool remove_linked_recording(const char *path, const struct stat *st, LinkedRecording *r) {
+    if (path == nullptr || st == nullptr || !S_ISLNK(st->st_mode)) return false;
+    int block_id = 0;
+    if (linkname_to_record(path, &r->disk_id, &block_id, &r->channel, &r->start, &r->type) <
+            kLinkFields ||
+        !valid_disk_id(r->disk_id)) {
+        return false;
+    }
+    char name[RECSTORE_PATH_LEN];
+    mk_idx_fullname(r->disk_id, name, sizeof name, r->channel, &r->start, r->type);
+    if (name[0] != '\0' && io_calls().remove(name) != 0 && errno != ENOENT) return false;
+    io_calls().remove(path);
+    mk_idx_fullpath(r->disk_id, r->leaf, sizeof r->leaf, r->channel, &r->start, r->type);
+    return true;
+}
+
 // The empty directories above one recording and its cache tag, right away.
 void tidy_after_recording(int disk_id, int channel, const struct tm &start, int type,
                           const char *leaf) {
@@ -2497,28 +2525,11 @@ void tidy_gathered(const ClearBatch &batch) {
 // Walk action of the gathered recycle (user: the ClearBatch): removes a recording's index file
 // and link as file_delete_link_action does and files the rest for tidy_gathered.
 int file_delete_link_gathered_action(const char *path, struct stat *st, void *user) {
-    if (path == nullptr || st == nullptr || user == nullptr || !S_ISLNK(st->st_mode)) {
-        return kWalkGo;
-    }
-    int disk_id = -1;
-    int block_id = 0;
-    int channel = 0;
-    int type = 0;
-    struct tm start;
-    memset(&start, 0, sizeof start);
-    if (linkname_to_record(path, &disk_id, &block_id, &channel, &start, &type) < kLinkFields ||
-        !valid_disk_id(disk_id)) {
-        return kWalkGo;
-    }
-    char name[RECSTORE_PATH_LEN];
-    mk_idx_fullname(disk_id, name, sizeof name, channel, &start, type);
-    // An index file that could not be removed keeps its link, so that fs_clear sees it is left.
-    if (name[0] != '\0' && io_calls().remove(name) != 0 && errno != ENOENT) return kWalkGo;
-    io_calls().remove(path);
-    char leaf[RECSTORE_PATH_LEN];
-    mk_idx_fullpath(disk_id, leaf, sizeof leaf, channel, &start, type);
-    if (!gather(static_cast<ClearBatch *>(user), disk_id, channel, start, type, leaf)) {
-        tidy_after_recording(disk_id, channel, start, type, leaf);
+    if (user == nullptr) return kWalkGo;
+    LinkedRecording r;
+    if (!remove_linked_recording(path, st, &r)) return kWalkGo;
+    if (!gather(static_cast<ClearBatch *>(user), r.disk_id, r.channel, r.start, r.type, r.leaf)) {
+        tidy_after_recording(r.disk_id, r.channel, r.start, r.type, r.leaf);
     }
     return kWalkGo;
 }
@@ -2578,25 +2589,9 @@ int fs_clear(int disk_id, uint32_t block_id) {
 }
 
 int file_delete_link_action(const char *path, struct stat *st, void * /*user*/) {
-    if (path == nullptr || st == nullptr || !S_ISLNK(st->st_mode)) return kWalkGo;
-    int disk_id = -1;
-    int block_id = 0;
-    int channel = 0;
-    int type = 0;
-    struct tm start;
-    memset(&start, 0, sizeof start);
-    if (linkname_to_record(path, &disk_id, &block_id, &channel, &start, &type) < kLinkFields ||
-        !valid_disk_id(disk_id)) {
-        return kWalkGo;
-    }
-    char name[RECSTORE_PATH_LEN];
-    mk_idx_fullname(disk_id, name, sizeof name, channel, &start, type);
-    // An index file that could not be removed keeps its link, so that fs_clear sees it is left.
-    if (name[0] != '\0' && io_calls().remove(name) != 0 && errno != ENOENT) return kWalkGo;
-    io_calls().remove(path);
-    char leaf[RECSTORE_PATH_LEN];
-    mk_idx_fullpath(disk_id, leaf, sizeof leaf, channel, &start, type);
-    tidy_after_recording(disk_id, channel, start, type, leaf);
+    LinkedRecording r;
+    if (remove_linked_recording(path, st, &r))
+        tidy_after_recording(r.disk_id, r.channel, r.start, r.type, r.leaf);
     return kWalkGo;
 }
 
